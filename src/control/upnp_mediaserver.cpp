@@ -1,0 +1,374 @@
+// upnp_mediaserver.cpp: start and stop of everything that runs, the server
+// records of the interfaces, the scheduler and the interface watch.
+//
+// Order of work: start registers the subsystems, sets upnp_running, starts
+// one server per interface, then the scheduler. Stop takes the servers down
+// (status 1 -> -1 -> 0), clears upnp_running and releases the subsystems.
+// A changed interface restarts only the servers, on the scheduler thread.
+// Both run flags are atomics polled by the threads; the server records are
+// written only by start, stop and the restart, which never run at once
+// (the host serialises its calls, and the restart runs on the scheduler,
+// which stop waits for).
+#include "control/upnp_mediaserver.h"
+
+#include <velmora/dapi_dms.h>
+
+#include "config/upnp_ini.h"
+#include "control/upnp_control.h"
+#include "control/upnp_log.h"
+#include "http/http_server.h"
+#include "runtime/upnp_os.h"
+#include "runtime/upnp_string.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <ifaddrs.h>
+#include <mutex>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <arpa/inet.h>
+#include <unistd.h>
+
+static std::atomic<int32_t> upnp_running;
+static std::atomic<int32_t> upnp_server_status;
+static std::atomic<int32_t> nic_change_requested;
+// Set while a stop is under way, so that the scheduler does not bring the
+// servers back up between the stop of the servers and its own end.
+static std::atomic<int32_t> upnp_stop_requested;
+// Held by whoever starts or stops the servers: the host's start and stop,
+// or the scheduler's restart.
+static std::recursive_mutex server_lock;
+static int64_t nic_last_check;             // scheduler thread only
+static int64_t upnp_start_time;
+static int32_t upnp_nic_count;             // written by start/stop/restart
+static char upnp_nic_address[UPNP_MAX_NICS][16];
+static HTTP_server http_servers[UPNP_MAX_NICS];
+// The live servers as other threads may see them, published by start and
+// stop under nic_table_lock; nic_table is the copy handed to the host.
+static nic_entry nic_live[UPNP_MAX_NICS];
+static int32_t nic_live_count;
+static nic_entry nic_table[UPNP_MAX_NICS];
+static std::mutex nic_table_lock;
+
+// adapter_list: read once per process, kept for its lifetime.
+enum { ADAPTER_LIST_MAX = 99 };
+static char adapter_list[ADAPTER_LIST_MAX][101];
+static int32_t adapter_list_count;
+static std::once_flag adapter_list_once;
+
+static int64_t upnp_now()
+{
+    return int64_t(time(nullptr));
+}
+
+int32_t upnp_server_get_status()
+{
+    return upnp_server_status.load();
+}
+
+int32_t upnp_is_running()
+{
+    return upnp_running.load();
+}
+
+int32_t upnp_nic_get_count()
+{
+    return upnp_nic_count;
+}
+
+static void upnp_adapter_list_parse(const char* text, size_t size)
+{
+    size_t at = 0;
+    while (at < size && adapter_list_count < ADAPTER_LIST_MAX) {
+        size_t end = at;
+        while (end < size && text[end] != '\n')
+            end++;
+        size_t word = at;
+        while (word < end && (text[word] == ' ' || text[word] == '\t'))
+            word++;
+        size_t stop = word;
+        while (stop < end && stop - at < 100 && text[stop] > ' ')
+            stop++;
+        if (stop > word) {
+            memcpy(adapter_list[adapter_list_count], text + word, stop - word);
+            adapter_list[adapter_list_count++][stop - word] = 0;
+        }
+        at = end + 1;
+    }
+}
+
+// An optional list of adapter names beside the program; nothing else reads
+// it in this version, but it is loaded as the program has always done.
+static void upnp_adapter_list_load()
+{
+    char* dir = upnp_module_dir();
+    if (!dir)
+        return;
+    const char* forms[] = {"%s/adapter_list", "%s/resources/adapter_list"};
+    for (const char* form : forms) {
+        char path[1100];
+        snprintf(path, sizeof path, form, dir);
+        if (FILE* f = fopen(path, "re")) {
+            char text[ADAPTER_LIST_MAX * 101];
+            size_t n = fread(text, 1, sizeof text, f);
+            fclose(f);
+            upnp_adapter_list_parse(text, n);
+            break;
+        }
+    }
+    free(dir);
+}
+
+// Usable interfaces: up, IPv4, not loopback, in the system's order. Option
+// ip pins the server to exactly that one address.
+int upnp_nic_enumerate(int32_t* count, char* addresses, int32_t max)
+{
+    std::call_once(adapter_list_once, upnp_adapter_list_load);
+    *count = 0;
+    upnp_ini_get_string(UPNP_OPT_NETWORKINTERFACE);
+    if (const char* ip = upnp_ini_get_string(UPNP_OPT_IP); ip && *ip && max > 0) {
+        snprintf(addresses, 16, "%s", ip);
+        *count = 1;
+        return 1;
+    }
+    struct ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0)
+        return 0;
+    for (struct ifaddrs* a = list; a && *count < max; a = a->ifa_next) {
+        if (!a->ifa_addr || a->ifa_addr->sa_family != AF_INET || !(a->ifa_flags & IFF_UP) ||
+            (a->ifa_flags & IFF_LOOPBACK))
+            continue;
+        char text[16];
+        inet_ntop(AF_INET, &reinterpret_cast<struct sockaddr_in*>(a->ifa_addr)->sin_addr, text, sizeof text);
+        if (strcmp(text, "0.0.0.0") != 0)
+            memcpy(addresses + 16 * *count, text, 16), (*count)++;
+    }
+    freeifaddrs(list);
+    return 1;
+}
+
+// A page a host can open in a browser to reach the configuration pages.
+static void upnp_write_config_redirect(int32_t index, const char* ip, int32_t port)
+{
+    char path[1100];
+    const char* dir = upnp_ini_get_program_dir();
+    if (index == 0)
+        snprintf(path, sizeof path, "%s/velmora-config.html", dir ? dir : ".");
+    else
+        snprintf(path, sizeof path, "%s/velmora-config%d.html", dir ? dir : ".", index);
+    FILE* f = fopen(path, "we");
+    if (!f)
+        return;
+    fprintf(f, "<html><head><META http-equiv=\"refresh\" content=\"0; URL=http://%s:%d/setup.htm\">\n"
+               "</head><body><a href=\"http://%s:%d/setup.htm\">Velmora MediaServer configuration</a></body></html>\n",
+            ip, port, ip, port);
+    fclose(f);
+}
+
+static void upnp_nic_publish(int32_t count)
+{
+    std::lock_guard<std::mutex> hold(nic_table_lock);
+    nic_live_count = 0;
+    for (int32_t i = 0; i < count; i++) {
+        memcpy(nic_live[i].ip, http_servers[i].ip, sizeof nic_live[i].ip);
+        nic_live[i].port = http_servers[i].port;
+        nic_live_count++;
+    }
+}
+
+uint32_t upnp_nic_table(nic_entry** out)
+{
+    std::lock_guard<std::mutex> hold(nic_table_lock);
+    memcpy(nic_table, nic_live, sizeof nic_table);
+    if (out)
+        *out = nic_table;
+    return uint32_t(nic_live_count);
+}
+
+int upnp_nic_is_local(const char* ip)
+{
+    std::lock_guard<std::mutex> hold(nic_table_lock);
+    for (int32_t i = 0; ip && i < nic_live_count; i++)
+        if (strcmp(nic_live[i].ip, ip) == 0)
+            return 1;
+    return 0;
+}
+
+static void upnp_server_start_one(int32_t i)
+{
+    HTTP_server* server = &http_servers[i];
+    server->socket = -1;
+    server->port = 0;
+    server->second_port = 0;
+    memcpy(server->ip, upnp_nic_address[i], sizeof server->ip);
+    upnp_log(UPNP_LOG_INFO, UPNP_LOG_SYSTEM, "server interface %s\n", server->ip);
+    HTTP_listen(server);
+    upnp_log(UPNP_LOG_INFO, UPNP_LOG_SYSTEM, "HTTP Server starting at %s:%d\n", server->ip, server->port);
+    HTTP_accept_start(server);
+    upnp_write_config_redirect(i, server->ip, server->port);
+}
+
+static void upnp_server_start_all(std::atomic<int32_t>* status)
+{
+    int32_t count = 0;
+    upnp_nic_enumerate(&count, &upnp_nic_address[0][0], UPNP_MAX_NICS);
+    upnp_nic_count = count;
+    if (count == 0)
+        return;
+    *status = 1;
+    for (int32_t i = 0; i < count; i++)
+        upnp_server_start_one(i);
+    upnp_get_mac_reset();
+    upnp_nic_publish(count);
+}
+
+// Shut the listeners down first and close them only when every accept
+// thread has left: a descriptor closed under a running accept could be
+// reused by the next start and accepted on by the old thread.
+static void upnp_server_stop_all(std::atomic<int32_t>* status)
+{
+    *status = -1;
+    usleep(200 * 1000);
+    for (int32_t i = 0; i < upnp_nic_count; i++) {
+        upnp_log(UPNP_LOG_INFO, UPNP_LOG_SYSTEM, "Server stopping at %s\n", http_servers[i].ip);
+        if (http_servers[i].socket >= 0)
+            upnp_socket_shutdown(http_servers[i].socket);
+    }
+    for (int waited = 0; HTTP_accept_count() > 0 && waited < 2000; waited += 10)
+        usleep(10 * 1000);
+    for (int32_t i = 0; i < upnp_nic_count; i++)
+        if (http_servers[i].socket >= 0) {
+            upnp_socket_close(http_servers[i].socket);
+            http_servers[i].socket = -1;
+        }
+    upnp_nic_publish(0);
+    upnp_log(UPNP_LOG_INFO, UPNP_LOG_SYSTEM, "Server terminated\n");
+    usleep(200 * 1000);
+    *status = 0;
+}
+
+static void upnp_server_restart()
+{
+    std::lock_guard<std::recursive_mutex> hold(server_lock);
+    if (upnp_stop_requested)
+        return;
+    upnp_server_stop_all(&upnp_server_status);
+    usleep(500 * 1000);
+    upnp_server_start_all(&upnp_server_status);
+}
+
+void upnp_nic_request_change()
+{
+    upnp_log(UPNP_LOG_INFO, UPNP_LOG_SYSTEM, "NIC change triggered. All server will be restarted.. \n");
+    nic_change_requested = 1;
+}
+
+// Whether the usable addresses differ from the running ones, as sets.
+static int upnp_nic_changed(int32_t count, char found[][16])
+{
+    if (count == 0) {
+        upnp_log(UPNP_LOG_INFO, UPNP_LOG_SYSTEM, "Server restarting due to all NICs removed\n");
+        return 1;
+    }
+    if (count != upnp_nic_count)
+        return 1;
+    for (int32_t i = 0; i < count; i++) {
+        int in_new = 0, in_running = 0;
+        for (int32_t k = 0; k < count; k++) {
+            in_new |= strcmp(upnp_nic_address[i], found[k]) == 0;
+            in_running |= strcmp(found[i], upnp_nic_address[k]) == 0;
+        }
+        if (!in_new || !in_running)
+            return 1;
+    }
+    return 0;
+}
+
+static void upnp_nic_check(int64_t now)
+{
+    if (!nic_change_requested) {
+        if (!upnp_ini_get_int(UPNP_OPT_NICRESTART))
+            return;
+        int32_t every = upnp_ini_get_int(UPNP_OPT_NICCHECKTIME);
+        if (every < 1) {
+            every = 5;
+            upnp_ini_set(UPNP_OPT_NICCHECKTIME, "5");
+            upnp_ini_file_write();
+        }
+        if (now - nic_last_check < every)
+            return;
+        nic_last_check = now;
+        char found[UPNP_MAX_NICS][16];
+        int32_t count = 0;
+        upnp_nic_enumerate(&count, &found[0][0], UPNP_MAX_NICS);
+        if (!upnp_nic_changed(count, found))
+            return;
+    }
+    upnp_log(UPNP_LOG_INFO, UPNP_LOG_SYSTEM, "Server restarting due to NIC changes\n");
+    nic_change_requested = 0;
+    upnp_file_event(DAPI_EVENT_NIC_RESTART, nullptr);
+    upnp_server_restart();
+}
+
+// Sleeps up to ms, waking early when the background threads must end.
+static void upnp_sleep_while_running(int32_t ms)
+{
+    for (int32_t slept = 0; slept < ms && upnp_running; slept += 50)
+        usleep(50 * 1000);
+}
+
+static void upnp_mediaserver_scheduler(void*)
+{
+    upnp_thread_set_name("upnp_mediaserver_scheduler");
+    while (upnp_running) {
+        upnp_sleep_while_running(1000);
+        int64_t now = upnp_now();
+        if (!upnp_running)
+            break;
+        upnp_nic_check(now);
+    }
+}
+
+// Brings up the subsystems that the servers need: routes, store, client
+// database, database files, root tree, as each of them is built.
+static void upnp_mediaserver_register()
+{
+}
+
+static void upnp_mediaserver_release()
+{
+}
+
+void upnp_mediaserver_start()
+{
+    std::lock_guard<std::recursive_mutex> hold(server_lock);
+    upnp_stop_requested = 0;
+    upnp_start_time = upnp_now();
+    upnp_mediaserver_register();
+    upnp_running = 1;
+    upnp_server_start_all(&upnp_server_status);
+    if (scheduler_enabled)
+        upnp_thread_spawn(upnp_mediaserver_scheduler, nullptr, 0);
+}
+
+// Every thread of the library has left when this returns (bounded), so
+// that a host may unload the library or start again at once.
+void upnp_mediaserver_stop()
+{
+    upnp_stop_requested = 1;
+    {
+        std::lock_guard<std::recursive_mutex> hold(server_lock);
+        upnp_server_stop_all(&upnp_server_status);
+        upnp_running = 0;
+        upnp_mediaserver_release();
+    }
+    if (!upnp_thread_wait_idle(3000))
+        upnp_log(UPNP_LOG_PROBLEM, UPNP_LOG_SYSTEM, "%d threads still running after stop\n", upnp_thread_count());
+}
+
+int64_t upnp_mediaserver_start_time()
+{
+    return upnp_start_time;
+}

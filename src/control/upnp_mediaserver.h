@@ -1,0 +1,24 @@
+// upnp_mediaserver.h: the service lifecycle. Starts and stops everything
+// that runs, in a fixed order; keeps one server record per interface, the
+// once-a-second scheduler and the interface watch that restarts the
+// per-interface servers when an address changes, leaving the store, the
+// scanner and the options up.
+#pragma once
+#include <cstdint>
+
+struct nic_entry;
+
+enum { UPNP_MAX_NICS = 5 };
+
+void upnp_mediaserver_start();
+void upnp_mediaserver_stop();
+
+int32_t upnp_server_get_status();      // 0 stopped, 1 running, -1 stopping
+int32_t upnp_is_running();             // the background threads' run flag
+
+int upnp_nic_enumerate(int32_t* count, char* addresses, int32_t max);
+void upnp_nic_request_change();
+int upnp_nic_is_local(const char* ip);
+uint32_t upnp_nic_table(nic_entry** out);   // the number of entries
+int32_t upnp_nic_get_count();
+int64_t upnp_mediaserver_start_time();   // seconds since 1970 of the last start

@@ -1,0 +1,91 @@
+// upnp_string.h: the runtime's chief header. Growing text, the encodings the
+// server meets (UTF-8 inside; UTF-16 in ini and string files; Latin-1 and
+// Shift-JIS in old tags), comparisons and folding for sort orders, small
+// number and time formats, Base64, titles, the device UDN, HTTP dates and
+// resource files.
+//
+// All text is NUL-terminated UTF-8. UTF-16 text is an array of uint16_t
+// ended by a 0 unit. Every function that returns text returns a block from
+// malloc that the caller frees with free(), unless it says otherwise. Null
+// text is accepted everywhere.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+
+// A growing text: s = upnp_string_append(s, "..."), starting from null.
+// Invariant: length <= capacity - 1 and text[length] == 0.
+struct upnp_string {
+    int32_t length;
+    int32_t capacity;
+    char* text;
+};
+
+upnp_string* upnp_string_new(const char* text, int32_t capacity);
+upnp_string* upnp_string_append(upnp_string* s, const char* text);
+upnp_string* upnp_string_append_bytes(upnp_string* s, const void* data, int32_t count);
+upnp_string* upnp_string_append_checked(upnp_string* s, const char* text, uint8_t as_utf8);
+// Appends printf-style text; a result that would pass 2 GiB is dropped.
+upnp_string* upnp_string_appendf(upnp_string* s, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
+void upnp_string_empty(upnp_string* s);
+void upnp_string_free(upnp_string* s);
+
+// Encodings. The *_to_wide / wide_to_* forms measure with a null out, and
+// with a buffer write at most out_size units (bytes for UTF-8 output),
+// returning as the conversion table says; -1 for a null text.
+uint16_t* upnp_string_utf8_to_utf16(const char* text);
+char* upnp_string_utf16_to_utf8(const uint16_t* wide);
+// The same on counted input (no terminator needed; stops at n units/bytes).
+uint16_t* upnp_string_utf8_to_utf16_n(const char* text, size_t n);
+char* upnp_string_utf16_to_utf8_n(const uint16_t* wide, size_t n);
+int32_t upnp_string_acp_to_wide(const char* text, uint16_t* out, int32_t out_size);
+int32_t upnp_string_utf8_to_wide(const char* text, uint16_t* out, int32_t out_size);
+int32_t upnp_string_wide_to_utf8(const uint16_t* wide, char* out, int32_t out_size);
+char* upnp_string_sjis_to_utf8(const char* text);
+char* upnp_string_latin1_to_utf8(const char* text);
+char* upnp_string_clean_utf8(const char* text);
+char* upnp_string_to_latin1(const char* text);
+
+// Text tests and comparisons.
+const char* upnp_stristr(const char* text, const char* needle);
+int upnp_string_is_multibyte(const char* text);
+int upnp_fold_char(int first, int next);
+int upnp_strcmp_folded(const char* a, const char* b);
+
+// Numbers.
+int64_t upnp_atoi64(const char* text);
+int32_t upnp_i64_to_string(int64_t value, char* buffer, int32_t size);
+uint32_t upnp_atou(const char* text);
+int32_t upnp_wcslen(const uint16_t* wide);
+int upnp_hex_digit(int ch);
+int upnp_hex_digit0(int ch);
+int64_t upnp_hex_to_i64(const char* text, int digits);
+int64_t upnp_hex8_to_i64(const char* text);
+// The one reader of numeric fields from the wire or a file: decimal digits
+// only, at least one, no sign, no overflow. 1 and *out set, else 0.
+int upnp_parse_u64(const char* text, size_t length, uint64_t* out);
+
+// Durations as the res element writes them: "H:MM:SS" or "H:MM:SS.mmm".
+char* upnp_time_from_ms(int64_t ms);
+int64_t upnp_time_to_ms(const char* text);
+
+char* upnp_base64_encode(const char* text);
+
+// Titles.
+char* upnp_title_adapt(char* text, int enable);
+char* upnp_title_from_path(const char* path);
+
+// Files of the program: resources, temp names, the executable's folder.
+int upnp_read_resource(const char* name, int32_t* size, void** data);
+char* upnp_temp_file_name();
+char* upnp_module_dir();
+
+// Device identity. The hardware address is cached until upnp_get_mac_reset.
+void upnp_get_mac(uint8_t out[6]);
+void upnp_get_mac_reset();
+const char* upnp_get_udn();            // static buffer, rebuilt at each call
+
+// Dates. Both write at most size bytes, terminator included.
+void upnp_http_date(char* buffer, size_t size);
+void upnp_timestamp(char* buffer, size_t size);
+void upnp_date_ymd(int64_t time, char* buffer, size_t size);

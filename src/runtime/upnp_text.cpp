@@ -1,0 +1,361 @@
+// upnp_text.cpp: small text tools without state: header search, the folded
+// comparison of sort orders, decimal and hexadecimal numbers, durations,
+// Base64 and the adaptation of titles. No lock, no globals; the only option
+// read is `adaptcase`, through the option store.
+//
+// The lenient readers (upnp_atoi64, upnp_atou, upnp_time_to_ms) keep their
+// historic forgiving forms for trusted text and wrap instead of overflowing;
+// numbers from the wire or from files go through upnp_parse_u64, which
+// refuses anything but plain digits that fit.
+#include "runtime/upnp_string.h"
+
+#include "config/upnp_ini.h"
+
+#include <cctype>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+// ---- search and comparison -----------------------------------------------
+
+const char* upnp_stristr(const char* text, const char* needle)
+{
+    if (!text || !needle || !*text)
+        return nullptr;
+    for (const char* t = text; *t; t++) {
+        size_t i = 0;
+        while (needle[i] && tolower(uint8_t(t[i])) == tolower(uint8_t(needle[i])))
+            i++;
+        if (!needle[i])
+            return t;
+    }
+    return *needle ? nullptr : text;
+}
+
+// Folds the two-byte UTF-8 forms of Latin-1 letters to ASCII for sorting.
+// The letter with ring goes to Z on purpose: Nordic alphabets sort it there.
+int upnp_fold_char(int first, int next)
+{
+    int lead = first & 0xFF;
+    if (lead != 0xC2 && lead != 0xC3)
+        return first;
+    int v = lead == 0xC2 ? (next & 0xFF) : (next & 0xFF) + 0x40;
+    if (v < 192 || v > 252)
+        return first;
+    if (v >= 224)
+        v -= 32;                     // lower-case letters fold like capitals
+    if ((v >= 192 && v <= 196) || v == 198)
+        return 'A';
+    if (v == 197)
+        return 'Z';
+    if (v == 199)
+        return 'C';
+    if (v >= 200 && v <= 203)
+        return 'E';
+    if (v >= 204 && v <= 207)
+        return 'I';
+    if (v == 209)
+        return 'N';
+    if (v >= 210 && v <= 216)
+        return 'O';
+    if (v >= 217 && v <= 220)
+        return 'U';
+    return first;
+}
+
+static int text_fold_at(const char* p)
+{
+    return toupper(upnp_fold_char(uint8_t(p[0]), uint8_t(p[1])) & 0xFF);
+}
+
+int upnp_strcmp_folded(const char* a, const char* b)
+{
+    if (!a || !b)
+        return a == b ? 0 : (a ? 1 : -1);
+    size_t i = 0;
+    for (; a[i] && b[i]; i++) {
+        signed char ca = static_cast<signed char>(text_fold_at(a + i));
+        signed char cb = static_cast<signed char>(text_fold_at(b + i));
+        if (ca != cb)
+            return ca < cb ? -1 : 1;
+    }
+    if (!a[i] && !b[i])
+        return 0;
+    return a[i] ? 1 : -1;
+}
+
+// ---- numbers ---------------------------------------------------------------
+
+static uint64_t text_digits(const char** p)
+{
+    uint64_t v = 0;
+    while (**p >= '0' && **p <= '9')
+        v = v * 10 + uint64_t(*(*p)++ - '0');
+    return v;
+}
+
+int64_t upnp_atoi64(const char* text)
+{
+    if (!text)
+        return 0;
+    if (*text == '+')
+        text++;
+    int negative = *text == '-';
+    if (negative)
+        text++;
+    uint64_t v = text_digits(&text);
+    return int64_t(negative ? 0 - v : v);
+}
+
+int32_t upnp_i64_to_string(int64_t value, char* buffer, int32_t size)
+{
+    if (!buffer || size <= 0)
+        return 0;
+    snprintf(buffer, size_t(size), "%" PRId64, value);
+    return int32_t(strlen(buffer));
+}
+
+uint32_t upnp_atou(const char* text)
+{
+    if (!text)
+        return 0;
+    return uint32_t(text_digits(&text));
+}
+
+int32_t upnp_wcslen(const uint16_t* wide)
+{
+    if (!wide)
+        return 0;
+    int32_t n = 0;
+    while (wide[n] && n < INT32_MAX)
+        n++;
+    return n;
+}
+
+int upnp_hex_digit(int ch)
+{
+    if (ch >= '0' && ch <= '9')
+        return ch - '0';
+    if (ch >= 'a' && ch <= 'f')
+        return ch - 'a' + 10;
+    if (ch >= 'A' && ch <= 'F')
+        return ch - 'A' + 10;
+    return -1;
+}
+
+int upnp_hex_digit0(int ch)
+{
+    int d = upnp_hex_digit(ch);
+    return d < 0 ? 0 : d;
+}
+
+int64_t upnp_hex_to_i64(const char* text, int digits)
+{
+    if (!text)
+        return 0;
+    uint64_t v = 0;
+    for (int i = 0; i < digits; i++) {
+        int d = upnp_hex_digit(uint8_t(text[i]));
+        if (d < 0)
+            break;
+        v = v << 4 | uint64_t(d);
+    }
+    return int64_t(v);
+}
+
+int64_t upnp_hex8_to_i64(const char* text)
+{
+    return upnp_hex_to_i64(text, 8);
+}
+
+int upnp_parse_u64(const char* text, size_t length, uint64_t* out)
+{
+    if (!text || length == 0 || !out)
+        return 0;
+    uint64_t v = 0;
+    for (size_t i = 0; i < length; i++) {
+        if (text[i] < '0' || text[i] > '9')
+            return 0;
+        uint64_t d = uint64_t(text[i] - '0');
+        if (v > (UINT64_MAX - d) / 10)
+            return 0;
+        v = v * 10 + d;
+    }
+    *out = v;
+    return 1;
+}
+
+// ---- durations -------------------------------------------------------------
+
+char* upnp_time_from_ms(int64_t ms)
+{
+    int64_t rest = ms % 1000;
+    int64_t seconds = ms / 1000 % 60;
+    int64_t minutes = ms / 60000 % 60;
+    int64_t hours = ms / 3600000;
+    char text[64];
+    if (rest)
+        snprintf(text, sizeof text, "%" PRId64 ":%02" PRId64 ":%02" PRId64 ".%03" PRId64, hours, minutes, seconds,
+                 rest);
+    else
+        snprintf(text, sizeof text, "%" PRId64 ":%02" PRId64 ":%02" PRId64, hours, minutes, seconds);
+    // The result buffer has always held 15 bytes; longer durations are cut.
+    return strndup(text, 14);
+}
+
+// atoi's form: blanks, a sign, digits; wraps instead of overflowing.
+static uint64_t text_field(const char* p)
+{
+    while (*p == ' ' || (*p >= '\t' && *p <= '\r'))
+        p++;
+    int negative = *p == '-';
+    if (*p == '-' || *p == '+')
+        p++;
+    uint64_t v = text_digits(&p);
+    return negative ? 0 - v : v;
+}
+
+int64_t upnp_time_to_ms(const char* text)
+{
+    if (!text)
+        return 0;
+    static constexpr uint64_t scale[4] = {3600000, 60000, 1000, 1};
+    uint64_t total = 0;
+    const char* p = text;
+    for (int i = 0; i < 4 && p; i++) {
+        total += text_field(p) * scale[i];
+        p = strchr(p, ':');
+        if (p)
+            p++;
+    }
+    return int64_t(total);
+}
+
+// ---- Base64 ----------------------------------------------------------------
+
+// A last group of two bytes ends without '=': the web pages compare this
+// form with the credentials clients send, so it stays.
+char* upnp_base64_encode(const char* text)
+{
+    static const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    if (!text)
+        return nullptr;
+    size_t n = strlen(text);
+    char* out = static_cast<char*>(calloc(n / 3 * 4 + (n % 3) * 4 / 3 + 4, 1));
+    if (!out)
+        return nullptr;
+    const uint8_t* p = reinterpret_cast<const uint8_t*>(text);
+    char* o = out;
+    for (size_t i = 0; i < n; i += 3) {
+        size_t left = n - i;
+        uint32_t group = uint32_t(p[i]) << 16 | (left > 1 ? uint32_t(p[i + 1]) << 8 : 0) | (left > 2 ? p[i + 2] : 0);
+        *o++ = alphabet[group >> 18 & 63];
+        *o++ = alphabet[group >> 12 & 63];
+        if (left == 1) {
+            memcpy(o, "==", 2);
+            o += 2;
+            break;
+        }
+        *o++ = alphabet[group >> 6 & 63];
+        if (left > 2)
+            *o++ = alphabet[group & 63];
+    }
+    return out;
+}
+
+// ---- titles ----------------------------------------------------------------
+
+static int text_is_word_break(uint8_t c)
+{
+    return c && strchr(" &.)(/[]-", c) != nullptr;
+}
+
+static int text_is_roman(uint8_t c)
+{
+    return c && strchr("IVXivx", c) != nullptr;
+}
+
+// Upper-cases the Roman number starting at i, up to the next blank, and
+// returns where it ends; i itself when the word there is none. Skipping the
+// whole number keeps long runs linear: every later byte of it would start
+// a Roman word again.
+static size_t text_roman_word(char* text, size_t i)
+{
+    size_t end = i;
+    while (text[end] && text[end] != ' ') {
+        if (!text_is_roman(uint8_t(text[end])))
+            return i;
+        end++;
+    }
+    for (size_t k = i; k < end; k++)
+        text[k] = char(toupper(uint8_t(text[k])));
+    return end;
+}
+
+static void text_adapt_case(char* text)
+{
+    int word_start = 1;
+    for (size_t i = 0; text[i];) {
+        uint8_t c = uint8_t(text[i]);
+        if (text_is_word_break(c)) {
+            word_start = 1;
+            i++;
+            continue;
+        }
+        if (word_start) {
+            size_t end = text_roman_word(text, i);
+            if (end != i) {
+                i = end;             // a Roman number keeps the word start
+                continue;
+            }
+            if (c < 0x80)
+                text[i] = char(toupper(c));
+            word_start = 0;
+        } else if (c < 0x80) {
+            text[i] = char(tolower(c));
+        }
+        i++;
+    }
+}
+
+// "The Wall" sorts as "Wall, The".
+static char* text_move_article(const char* text)
+{
+    static const char* const articles[] = {"The ", "Der ", "Die ", "Das "};
+    for (const char* article : articles) {
+        if (strncmp(text, article, 4) != 0)
+            continue;
+        size_t n = strlen(text);
+        char* out = static_cast<char*>(malloc(n + 2));
+        if (out)
+            snprintf(out, n + 2, "%s, %.3s", text + 4, article);
+        return out;
+    }
+    return strdup(text);
+}
+
+char* upnp_title_adapt(char* text, int enable)
+{
+    if (!text)
+        return nullptr;
+    if (!enable || !*text || !upnp_ini_get_int(UPNP_OPT_ADAPTCASE))
+        return strdup(text);
+    text_adapt_case(text);
+    return text_move_article(text);
+}
+
+char* upnp_title_from_path(const char* path)
+{
+    if (!path)
+        return nullptr;
+    const char* name = path;
+    for (const char* p = path; *p; p++)
+        if (*p == '/' || *p == '\\')
+            name = p + 1;
+    const char* dot = strrchr(name, '.');
+    size_t n = dot ? size_t(dot - name) : strlen(name);
+    if (n == 0)
+        return strdup("No Title");
+    return strndup(name, n);
+}

@@ -1,0 +1,289 @@
+// The control API driven in-process, as a host would: the library reads its
+// options from the process's working folder, which a global environment
+// sets up once, pinned to 127.0.0.1 and a free port.
+#include <velmora/dapi_dms.h>
+
+#include "config/upnp_ini.h"
+#include "control/upnp_control.h"
+#include "support/test_net.h"
+#include "support/test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+test_dir* work;       // the library's working folder for the whole run
+int work_port;
+
+std::string ini_text(int port)
+{
+    return "[main]\r\nip=127.0.0.1\r\nhttpport=" + std::to_string(port) + "\r\nnicrestart=0\r\n";
+}
+
+struct DapiEnvironment : ::testing::Environment {
+    void SetUp() override
+    {
+        work = new test_dir;
+        work_port = test_free_port();
+        test_write_file(work->file("velmora-mediaserver.ini"), ini_text(work_port));
+        test_write_file(work->file("velmora-mediaserver-simple.ini"), ini_text(work_port));
+        ASSERT_EQ(0, chdir(work->path.c_str()));
+    }
+    void TearDown() override
+    {
+        dapi_dms_terminate();
+        chdir("/");
+        delete work;
+    }
+};
+
+const auto* dapi_environment = ::testing::AddGlobalTestEnvironment(new DapiEnvironment);
+
+struct Dapi : ::testing::Test {
+    void TearDown() override { dapi_dms_terminate(); }
+};
+
+TEST_F(Dapi, TerminateOnAStoppedServerReturnsZero)
+{
+    EXPECT_EQ(0, dapi_dms_status());
+    EXPECT_EQ(0, dapi_dms_terminate());
+}
+
+TEST_F(Dapi, InitServesOnThePinnedAddressAndPort)
+{
+    ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0));
+    EXPECT_EQ(1, dapi_dms_status());
+    nic_entry* list = nullptr;
+    uint32_t count = 0;
+    EXPECT_EQ(1, dapi_dms_get_niclist(&list, &count));
+    ASSERT_EQ(1u, count);
+    EXPECT_STREQ("127.0.0.1", list[0].ip);
+    EXPECT_EQ(work_port, list[0].port);
+    EXPECT_TRUE(test_can_connect("127.0.0.1", work_port));
+    EXPECT_EQ(1, dapi_dms_terminate());
+    EXPECT_EQ(0, dapi_dms_status());
+    EXPECT_EQ(1, dapi_dms_get_niclist(&list, &count));
+    EXPECT_EQ(0u, count);
+    EXPECT_FALSE(test_can_connect("127.0.0.1", work_port));
+}
+
+TEST_F(Dapi, ASecondInitWhileRunningIsRefused)
+{
+    ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0));
+    EXPECT_EQ(0, dapi_dms_init(DAPI_MODE_FULL, 0));
+    EXPECT_EQ(1, dapi_dms_status());
+}
+
+TEST_F(Dapi, RestartOfAStoppedServerStartsWithTheLastArguments)
+{
+    dapi_dms_init(DAPI_MODE_FULL, DAPI_FLAG_NO_SCHEDULER);
+    dapi_dms_terminate();
+    scheduler_enabled = 1;
+    EXPECT_EQ(1, dapi_dms_restart());
+    EXPECT_EQ(1, dapi_dms_status());
+    EXPECT_EQ(0, scheduler_enabled);
+}
+
+TEST_F(Dapi, SimpleModeClearsTheServiceSwitchesAndSeedsIds)
+{
+    ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_SIMPLE, 0));
+    EXPECT_EQ(0, ssdp_enabled);
+    EXPECT_EQ(0, scanner_enabled);
+    EXPECT_EQ(0, scheduler_enabled);
+    EXPECT_EQ(0, full_mode);
+    EXPECT_LT(oid_seed, 240000);
+    EXPECT_NE(nullptr, strstr(upnp_ini_get_path(), "velmora-mediaserver-simple.ini"));
+    dapi_dms_terminate();
+
+    int32_t seed = oid_seed = 4242;
+    ASSERT_EQ(1, dapi_dms_init(2, 0));   // an unknown mode changes no switch
+    EXPECT_EQ(seed, oid_seed);
+    EXPECT_EQ(0, full_mode);
+    dapi_dms_terminate();
+    ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0));
+    EXPECT_EQ(1, ssdp_enabled);
+    EXPECT_EQ(1, full_mode);
+    EXPECT_EQ(0, oid_seed);
+}
+
+struct flag_case { uint32_t bit; int32_t* sw; int32_t value; };
+
+TEST_F(Dapi, EachFlagBitSetsItsSwitch)
+{
+    const flag_case cases[] = {
+        {DAPI_FLAG_NO_SSDP, &ssdp_enabled, 0},         {DAPI_FLAG_NO_CGI, &cgi_enabled, 0},
+        {DAPI_FLAG_NO_SCANNER, &scanner_enabled, 0},   {DAPI_FLAG_NO_EVENTING, &eventing_enabled, 0},
+        {DAPI_FLAG_NO_SCHEDULER, &scheduler_enabled, 0}, {DAPI_FLAG_NO_RPC, &rpc_enabled, 0},
+        {DAPI_FLAG_NESTED_TREE, &tree_flat, 0},        {DAPI_FLAG_DOCUMENT_ROOT, &document_root, 1},
+        {DAPI_FLAG_NO_CALLBACK, &callback_enabled, 0},
+    };
+    uint32_t all = 0;
+    for (const flag_case& c : cases)
+        all |= c.bit;
+    ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, all));
+    for (const flag_case& c : cases) {
+        SCOPED_TRACE(c.bit);
+        EXPECT_EQ(c.value, *c.sw);
+    }
+    dapi_dms_terminate();
+    // Switches outside the mode keep their value until a flag changes them.
+    ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0));
+    EXPECT_EQ(0, rpc_enabled);
+    EXPECT_EQ(1, ssdp_enabled);
+    rpc_enabled = tree_flat = callback_enabled = 1;
+    document_root = 0;
+}
+
+TEST_F(Dapi, LogFlagWritesDmslogInTheWorkingFolder)
+{
+    ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, DAPI_FLAG_LOG));
+    dapi_dms_terminate();
+    std::string log = test_read_file(work->file("DMSLOG.txt"));
+    EXPECT_NE(std::string::npos, log.find("***** LOG INIT *****"));
+    EXPECT_NE(std::string::npos, log.find("HTTP Server starting at 127.0.0.1:" + std::to_string(work_port)));
+}
+
+static ino_t ini_inode()
+{
+    struct stat st {};
+    stat(work->file("velmora-mediaserver.ini").c_str(), &st);
+    return st.st_ino;
+}
+
+TEST_F(Dapi, SetServernameWritesTheIniOnlyWhenTheNameChanges)
+{
+    ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0));
+    EXPECT_EQ(0, dapi_dms_set_servername(nullptr));
+    EXPECT_EQ(1, dapi_dms_set_servername("Living Room (2)"));
+    char* name = nullptr;
+    EXPECT_EQ(1, dapi_dms_get_servername(&name));
+    EXPECT_STREQ("Living Room (2)", name);
+    ino_t written = ini_inode();
+    EXPECT_EQ(1, dapi_dms_set_servername("Living Room (2)"));
+    EXPECT_EQ(written, ini_inode());   // the file was not replaced
+    char* udn = nullptr;
+    dapi_dms_get_udn(&udn);
+    ASSERT_NE(nullptr, udn);
+    EXPECT_EQ(0, strncmp(udn, "uuid:76656c6d-6f72-1063-8032-", 29)) << udn;   // seed '2' from "(2)"
+}
+
+TEST_F(Dapi, SharedFolderGoesIntoTheOptionWithItsPrefix)
+{
+    ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0));
+    EXPECT_EQ(0, dapi_dms_set_sharedfolder(nullptr));
+    EXPECT_EQ(1, dapi_dms_set_sharedfolder("/srv/music"));
+    char* folders = nullptr;
+    EXPECT_EQ(0, dapi_dms_get_sharedfolder(&folders));
+    EXPECT_STREQ("+A|/srv/music", folders);
+}
+
+struct cp_case { const char* clients; const char* text; int32_t allowed; const char* after_allow; };
+
+static const cp_case cp_cases[] = {
+    {"192.168.1.7", "192.168.1.7|3|1,", 1, "192.168.1.7|3|0,"},
+    {"192.168.1.7", "10.0.0.1|1|1,192.168.1.7|3|1", 1, "10.0.0.1|1|1,192.168.1.7|3|0"},
+    {"192.168.1.7", "192.168.1.8|3|1", 0, "192.168.1.8|3|1"},       // the whole value must occur
+    {"192.168.1.7", "192.168.1.7|3|", 0, "192.168.1.7|3|"},         // no mark to change
+    {"192.168.1.7", "192.168.1.7|3", 0, "192.168.1.7|3"},
+};
+
+TEST_F(Dapi, AllowAndDenyMarkTheCallersTextBehindTheSecondBar)
+{
+    ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0));
+    for (const cp_case& c : cp_cases) {
+        SCOPED_TRACE(c.text);
+        upnp_ini_set(UPNP_OPT_CLIENTS, c.clients);
+        std::string text = c.text;
+        EXPECT_EQ(c.allowed, dapi_dms_allow_cp(text.data()));
+        EXPECT_EQ(c.after_allow, text);
+        EXPECT_EQ(c.allowed, dapi_dms_deny_cp(text.data()));
+        if (c.allowed) {
+            EXPECT_EQ('1', text[text.rfind('|') + 1]);
+        }
+        EXPECT_STREQ(c.clients, upnp_ini_get_string(UPNP_OPT_CLIENTS));   // the option stays
+    }
+    EXPECT_EQ(0, dapi_dms_allow_cp(nullptr));
+    EXPECT_EQ(1, dapi_dms_resetclients());
+    EXPECT_EQ(nullptr, upnp_ini_get_string(UPNP_OPT_CLIENTS));
+}
+
+TEST_F(Dapi, BrowsingPolicyAnswersWithTheDocumentBit)
+{
+    EXPECT_EQ(0, dapi_dms_set_browsing_policy(0x01, 0));
+    EXPECT_EQ(0, dapi_dms_set_browsing_policy(0x07, 0));
+    EXPECT_EQ(1, dapi_dms_set_browsing_policy(0x08, 0));
+    EXPECT_EQ(1, dapi_dms_set_browsing_policy(0x0F, 1));
+}
+
+std::atomic<int> events_seen;
+std::string last_event_text;
+
+int32_t count_event(int32_t code, const char* text)
+{
+    events_seen++;
+    last_event_text = std::to_string(code) + ":" + (text ? text : "(null)");
+    return 0;
+}
+
+TEST_F(Dapi, EventsReachTheCallbackOnlyThroughTheOpenGate)
+{
+    events_seen = 0;
+    upnp_file_event(DAPI_EVENT_FILE_ADDED, "/a.mp3");   // nothing registered
+    EXPECT_EQ(0, dapi_dms_register_callback(count_event));
+    upnp_file_event(DAPI_EVENT_FILE_ADDED, "/a.mp3");
+    EXPECT_EQ(1, events_seen.load());
+    EXPECT_EQ("0:/a.mp3", last_event_text);
+    callback_enabled = 0;
+    upnp_file_event(DAPI_EVENT_STREAM_STARTED, "GET /");
+    callback_enabled = 1;
+    dapi_dms_register_callback(nullptr);
+    upnp_file_event(DAPI_EVENT_STREAM_STARTED, "GET /");
+    EXPECT_EQ(1, events_seen.load());
+}
+
+TEST_F(Dapi, FixedAnswers)
+{
+    char* version = nullptr;
+    EXPECT_EQ(0, dapi_dms_get_version(&version));
+    EXPECT_STREQ("1.59.1.8", version);
+    EXPECT_EQ(0, dapi_dms_get_streaming());
+    const char* texts[5] = {"a", nullptr, "c", "d", "e"};
+    dapi_dms_stop_request stop = {{texts[0], texts[1], texts[2], texts[3], texts[4]}, 1, 0, 2, 0, 3};
+    EXPECT_EQ(0, dapi_dms_stop_streaming(&stop));
+    EXPECT_EQ(0, dapi_dms_stop_streaming(nullptr));
+}
+
+TEST_F(Dapi, FilesUnknownToTheStoreAreNeitherAddedNorRemoved)
+{
+    ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0));
+    EXPECT_EQ(0, dapi_dms_add_file(nullptr));
+    EXPECT_EQ(0, dapi_dms_remove_file(nullptr));
+    EXPECT_EQ(0, dapi_dms_remove_file("/nowhere/x.mp3"));
+    char* url = nullptr;
+    char* didl = nullptr;
+    EXPECT_EQ(0, dapi_dms_get_metadata(nullptr, "127.0.0.1", 9000, &url, &didl));
+    EXPECT_EQ(0, dapi_dms_get_metadata("/nowhere/x.mp3", "127.0.0.1", 9000, &url, &didl));
+}
+
+TEST_F(Dapi, ManyStartsAndStopsLeaveNoThreadOrDescriptorBehind)
+{
+    // The first cycle opens what lives for the process (log stream, caches).
+    ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0));
+    ASSERT_EQ(1, dapi_dms_terminate());
+    int fds = test_count_fds();
+    int threads = test_count_threads();
+    for (int i = 0; i < 100; i++) {
+        ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0)) << "cycle " << i;
+        ASSERT_EQ(1, dapi_dms_terminate()) << "cycle " << i;
+    }
+    EXPECT_EQ(fds, test_count_fds());
+    EXPECT_EQ(threads, test_count_threads());
+}
+
+}  // namespace

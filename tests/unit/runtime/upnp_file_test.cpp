@@ -1,0 +1,603 @@
+#include "runtime/upnp_file.h"
+
+#include "support/test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <set>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+// The names the walker reports for a folder, all of it.
+static std::set<std::string> walk_names(const std::string& folder)
+{
+    std::set<std::string> names;
+    for (upnp_dir* d = upnp_dir_open(folder.c_str()); d; d = upnp_dir_next(d))
+        names.insert(d->name);
+    return names;
+}
+
+// Every name in a folder, dot names too.
+static std::set<std::string> every_name(const std::string& folder)
+{
+    std::set<std::string> names;
+    if (DIR* d = opendir(folder.c_str())) {
+        while (dirent* e = readdir(d))
+            if (strcmp(e->d_name, ".") && strcmp(e->d_name, ".."))
+                names.insert(e->d_name);
+        closedir(d);
+    }
+    return names;
+}
+
+static bool exists(const std::string& path)
+{
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+// Sets access and modification time; false when the file system kept
+// something else (some refuse times before 1970).
+static bool set_times(const std::string& path, time_t when)
+{
+    struct timespec times[2] = {{when, 0}, {when, 0}};
+    struct stat st;
+    return utimensat(AT_FDCWD, path.c_str(), times, 0) == 0 && stat(path.c_str(), &st) == 0
+           && st.st_mtim.tv_sec == when && st.st_mtim.tv_nsec == 0 && st.st_atim.tv_sec == when;
+}
+
+// ---------------------------------------------------------------- stat
+
+TEST(FileStat, DirectoryIsDirReadableAndWritable)
+{
+    test_dir dir;
+    upnp_file_info info;
+    ASSERT_EQ(0, upnp_file_stat(dir.path.c_str(), &info));
+    EXPECT_EQ(0x4000u | 0x100u | 0x80u, info.mode);
+}
+
+TEST(FileStat, RegularFileGivesSizeTimesAndMode)
+{
+    test_dir dir;
+    std::string path = dir.file("a.mp3");
+    ASSERT_TRUE(test_write_file(path, "12345"));
+    ASSERT_TRUE(set_times(path, 1000000000));
+    upnp_file_info info;
+    ASSERT_EQ(0, upnp_file_stat(path.c_str(), &info));
+    EXPECT_EQ(5u, info.size);
+    EXPECT_EQ(0x8000u | 0x100u | 0x80u, info.mode);
+    EXPECT_EQ(1000000000, info.modified);
+    EXPECT_EQ(1000000000, info.accessed);
+    EXPECT_GT(info.created, 0);    // birth time, or the modification time without one
+
+    ASSERT_EQ(0, chmod(path.c_str(), 0444));
+    ASSERT_EQ(0, upnp_file_stat(path.c_str(), &info));
+    EXPECT_EQ(0x8000u | 0x100u, info.mode);
+    ASSERT_EQ(0, upnp_file_stat_size(path.c_str(), &info));
+    EXPECT_EQ(5u, info.size);
+}
+
+TEST(FileStat, FailureLeavesTheInfoZeroed)
+{
+    test_dir dir;
+    upnp_file_info info;
+    memset(&info, 0xA5, sizeof info);
+    EXPECT_NE(0, upnp_file_stat(dir.file("missing").c_str(), &info));
+    EXPECT_EQ(0, info.created);
+    EXPECT_EQ(0, info.modified);
+    EXPECT_EQ(0u, info.size);
+    EXPECT_EQ(0u, info.mode);
+    EXPECT_NE(0, upnp_file_stat(nullptr, &info));
+    EXPECT_NE(0, upnp_file_stat_size(dir.file("missing").c_str(), &info));
+}
+
+TEST(FileStat, NonAsciiPathOpensReadsAndWalks)
+{
+    test_dir dir;
+    const std::string name = "\xCE\xA9\xCE\xBC\xCE\xAD\xCE\xB3\xCE\xB1 \xE9\x9F\xB3\xE6\xA5\xBD \xF0\x9F\x8E\xB5.mp3";
+    std::string path = dir.file(name);
+    ASSERT_TRUE(test_write_file(path, "tune"));
+
+    upnp_file_info info;
+    ASSERT_EQ(0, upnp_file_stat(path.c_str(), &info));
+    EXPECT_EQ(4u, info.size);
+    upnp_file* f = upnp_file_open_read(path.c_str());
+    ASSERT_NE(nullptr, f);
+    EXPECT_EQ(4, f->size);
+    char buffer[8] = {};
+    EXPECT_EQ(4, upnp_file_read(f, buffer, sizeof buffer));
+    EXPECT_STREQ("tune", buffer);
+    upnp_file_close(f);
+
+    upnp_dir* d = upnp_dir_open(dir.path.c_str());
+    ASSERT_NE(nullptr, d);
+    EXPECT_EQ(name, d->name);
+    EXPECT_EQ(path, d->path);
+    EXPECT_EQ(nullptr, upnp_dir_next(d));
+}
+
+// ---------------------------------------------------------------- times before 1970
+
+TEST(FileTimes, FileBefore1970IsHiddenAndLeavesAMarker)
+{
+    test_dir dir;
+    std::string old = dir.file("old.mp3");
+    ASSERT_TRUE(test_write_file(old, "x"));
+    ASSERT_TRUE(test_write_file(dir.file("new.mp3"), "y"));
+    if (!set_times(old, -1000000))
+        GTEST_SKIP() << "the file system under " << dir.path << " refuses times before 1970";
+
+    upnp_file_info info;
+    EXPECT_NE(0, upnp_file_stat(old.c_str(), &info));
+    EXPECT_EQ(0, info.size);
+
+    EXPECT_EQ(std::set<std::string>{"new.mp3"}, walk_names(dir.path));
+    std::string marker = old + ".has_invalid_date.velmora";
+    ASSERT_TRUE(exists(marker));
+    EXPECT_EQ("", test_read_file(marker));
+    // The marker is an ordinary file and is listed like one from then on.
+    EXPECT_EQ((std::set<std::string>{"new.mp3", "old.mp3.has_invalid_date.velmora"}),
+              walk_names(dir.path));
+
+    // A handle still opens, without a size; the media handle needs the stat.
+    upnp_file* f = upnp_file_open_read(old.c_str());
+    ASSERT_NE(nullptr, f);
+    EXPECT_EQ(-1, f->size);
+    upnp_file_close(f);
+    EXPECT_EQ(nullptr, upnp_mediafile_open_read(old.c_str()));
+}
+
+TEST(FileTimes, TheFirstSecondOf1970IsStatableButNotWalked)
+{
+    test_dir dir;
+    std::string path = dir.file("epoch.mp3");
+    ASSERT_TRUE(test_write_file(path, "x"));
+    ASSERT_TRUE(set_times(path, 0));
+    upnp_file_info info;
+    ASSERT_EQ(0, upnp_file_stat(path.c_str(), &info));
+    EXPECT_EQ(0, info.modified);
+    EXPECT_EQ(nullptr, upnp_dir_open(dir.path.c_str()));
+    EXPECT_TRUE(exists(path + ".has_invalid_date.velmora"));
+}
+
+TEST(FileTimes, MarkerNeverFollowsASymlink)
+{
+    test_dir dir;
+    std::string old = dir.file("old.mp3");
+    std::string victim = dir.file("victim");
+    ASSERT_TRUE(test_write_file(old, "x"));
+    ASSERT_TRUE(set_times(old, 0));
+    ASSERT_EQ(0, symlink(victim.c_str(), (old + ".has_invalid_date.velmora").c_str()));
+    walk_names(dir.path);
+    EXPECT_FALSE(exists(victim));
+}
+
+// ---------------------------------------------------------------- walker
+
+TEST(FileWalk, HiddenFilesAndFoldersAreNotReported)
+{
+    test_dir dir;
+    ASSERT_TRUE(test_write_file(dir.file(".hidden.mp3"), "x"));
+    ASSERT_EQ(0, mkdir(dir.file(".folder").c_str(), 0755));
+    ASSERT_TRUE(test_write_file(dir.file(".folder/inner.mp3"), "x"));
+    ASSERT_TRUE(test_write_file(dir.file("shown.mp3"), "x"));
+    ASSERT_EQ(0, mkdir(dir.file("sub").c_str(), 0755));
+    EXPECT_EQ((std::set<std::string>{"shown.mp3", "sub"}), walk_names(dir.path));
+}
+
+TEST(FileWalk, FifosAreSkippedAndNeverOpened)
+{
+    test_dir dir;
+    std::string fifo = dir.file("pipe.mp3");
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0644));
+    ASSERT_TRUE(test_write_file(dir.file("a.mp3"), "x"));
+    EXPECT_EQ(std::set<std::string>{"a.mp3"}, walk_names(dir.path));
+    // Opening must not wait for a writer that never comes.
+    EXPECT_EQ(nullptr, upnp_file_open_read(fifo.c_str()));
+    EXPECT_EQ(nullptr, upnp_mediafile_open_read(fifo.c_str()));
+    EXPECT_EQ(nullptr, upnp_file_open_write(fifo.c_str()));
+    void* data = nullptr;
+    size_t size = 0;
+    EXPECT_EQ(0, upnp_file_read_all(fifo.c_str(), 100, &data, &size));
+}
+
+TEST(FileWalk, EmptyOrAllHiddenFolderGivesNull)
+{
+    test_dir dir;
+    EXPECT_EQ(nullptr, upnp_dir_open(dir.path.c_str()));
+    ASSERT_TRUE(test_write_file(dir.file(".only"), "x"));
+    EXPECT_EQ(nullptr, upnp_dir_open(dir.path.c_str()));
+    EXPECT_EQ(nullptr, upnp_dir_open(dir.file("missing").c_str()));
+    EXPECT_EQ(nullptr, upnp_dir_open(dir.file(".only").c_str()));
+    EXPECT_EQ(nullptr, upnp_dir_open(nullptr));
+}
+
+TEST(FileWalk, FullPathsJoinWithOneSeparator)
+{
+    test_dir dir;
+    ASSERT_TRUE(test_write_file(dir.file("a.mp3"), "x"));
+    for (const std::string& folder : {dir.path, dir.path + "/", dir.path + "//"}) {
+        SCOPED_TRACE(folder);
+        upnp_dir* d = upnp_dir_open(folder.c_str());
+        ASSERT_NE(nullptr, d);
+        EXPECT_EQ(dir.file("a.mp3"), d->path);
+        EXPECT_EQ(dir.path, d->dir_path);
+        upnp_dir_close(d);
+    }
+}
+
+TEST(FileWalk, SymlinksAreFollowedWithTheTargetsIdentity)
+{
+    test_dir dir;
+    ASSERT_EQ(0, mkdir(dir.file("real").c_str(), 0755));
+    ASSERT_EQ(0, symlink(dir.file("real").c_str(), dir.file("link").c_str()));
+    ASSERT_EQ(0, symlink(dir.file("nowhere").c_str(), dir.file("dangling").c_str()));
+    struct stat real;
+    ASSERT_EQ(0, stat(dir.file("real").c_str(), &real));
+
+    int seen = 0;
+    for (upnp_dir* d = upnp_dir_open(dir.path.c_str()); d; d = upnp_dir_next(d)) {
+        SCOPED_TRACE(d->name);
+        EXPECT_STRNE("dangling", d->name);
+        EXPECT_EQ(1, d->is_dir);
+        EXPECT_EQ(uint64_t(real.st_dev), d->device);
+        EXPECT_EQ(uint64_t(real.st_ino), d->inode);
+        seen++;
+    }
+    EXPECT_EQ(2, seen);
+}
+
+TEST(FileWalk, PathsPastTheLimitAreSkippedNotCut)
+{
+    test_dir dir;
+    std::string folder = dir.path;
+    while (folder.size() < 1800) {
+        folder += "/" + std::string(200, 'd');
+        ASSERT_EQ(0, mkdir(folder.c_str(), 0755));
+    }
+    size_t room = 2047 - folder.size() - 1;     // name bytes that still fit
+    std::string fits(room, 'f'), too_long(room + 1, 'g');
+    ASSERT_TRUE(test_write_file(folder + "/" + fits, "x"));
+    ASSERT_TRUE(test_write_file(folder + "/" + too_long, "x"));
+    upnp_dir* d = upnp_dir_open(folder.c_str());
+    ASSERT_NE(nullptr, d);
+    EXPECT_EQ(fits, d->name);
+    EXPECT_EQ(2047u, strlen(d->path));
+    EXPECT_EQ(nullptr, upnp_dir_next(d));
+}
+
+TEST(FileWalk, WalksLeaveNoDescriptorsOpen)
+{
+    test_dir dir;
+    ASSERT_TRUE(test_write_file(dir.file("a"), "x"));
+    ASSERT_TRUE(test_write_file(dir.file("b"), "x"));
+    int before = test_count_fds();
+    walk_names(dir.path);
+    upnp_dir_close(upnp_dir_open(dir.path.c_str()));    // ended early
+    upnp_dir_close(nullptr);
+    EXPECT_EQ(before, test_count_fds());
+}
+
+// ---------------------------------------------------------------- handles
+
+TEST(FileHandle, OpenWriteCreatesPrivateAndNeverTruncates)
+{
+    test_dir dir;
+    std::string path = dir.file("w.bin");
+    upnp_file* f = upnp_file_open_write(path.c_str());
+    ASSERT_NE(nullptr, f);
+    EXPECT_EQ(6, upnp_file_write(f, "abcdef", 6));
+    upnp_file_close(f);
+    struct stat st;
+    ASSERT_EQ(0, stat(path.c_str(), &st));
+    EXPECT_EQ(0600u, st.st_mode & 0777);
+
+    f = upnp_file_open_write(path.c_str());
+    ASSERT_NE(nullptr, f);
+    EXPECT_EQ(2, upnp_file_write(f, "XY", 2));
+    upnp_file_close(f);
+    EXPECT_EQ("XYcdef", test_read_file(path));
+    EXPECT_EQ(nullptr, upnp_file_open_write(dir.file("no/such/folder").c_str()));
+}
+
+TEST(FileHandle, SeekAndEofFollowThePosition)
+{
+    test_dir dir;
+    std::string path = dir.file("r.bin");
+    ASSERT_TRUE(test_write_file(path, "0123456789"));
+    upnp_file* f = upnp_file_open_read(path.c_str());
+    ASSERT_NE(nullptr, f);
+    EXPECT_EQ(10, f->size);
+    EXPECT_EQ(0, upnp_file_eof(f));
+    EXPECT_EQ(8, upnp_file_seek(f, -2, 2));
+    char b[4] = {};
+    EXPECT_EQ(2, upnp_file_read(f, b, 3));
+    EXPECT_STREQ("89", b);
+    EXPECT_EQ(1, upnp_file_eof(f));
+    EXPECT_EQ(3, upnp_file_seek(f, 3, 0));
+    EXPECT_EQ(0, upnp_file_eof(f));
+    EXPECT_EQ(5, upnp_file_seek(f, 2, 1));
+    EXPECT_EQ(-1, upnp_file_seek(f, 0, 3));
+    EXPECT_EQ(-1, upnp_file_seek(f, -1, 0));
+    EXPECT_EQ(5, f->position);
+    upnp_file_close(f);
+
+    EXPECT_EQ(nullptr, upnp_file_open_read(dir.path.c_str()));   // folders are no files
+    EXPECT_EQ(nullptr, upnp_file_open_read(dir.file("missing").c_str()));
+}
+
+TEST(FileHandle, NullHandlesAreRefused)
+{
+    char b[4];
+    EXPECT_EQ(-1, upnp_file_read(nullptr, b, 1));
+    EXPECT_EQ(-1, upnp_file_write(nullptr, b, 1));
+    EXPECT_EQ(-1, upnp_file_seek(nullptr, 0, 0));
+    EXPECT_EQ(-1, upnp_mediafile_read(nullptr, b, 1));
+    EXPECT_EQ(-1, upnp_mediafile_seek(nullptr, 0, 0));
+    EXPECT_EQ(1, upnp_file_eof(nullptr));
+    EXPECT_EQ(nullptr, upnp_file_gets(b, sizeof b, nullptr));
+    upnp_file_close(nullptr);
+}
+
+TEST(FileHandle, GetsReadsLinesWithinTheBuffer)
+{
+    test_dir dir;
+    std::string path = dir.file("lines.txt");
+    ASSERT_TRUE(test_write_file(path, "one\nlonger line\nlast"));
+    upnp_file* f = upnp_file_open_read(path.c_str());
+    ASSERT_NE(nullptr, f);
+    char b[8];
+    struct gets_step { int size; const char* line; };
+    const gets_step steps[] = {{8, "one\n"}, {8, "longer "}, {8, "line\n"}, {3, "la"}, {8, "st"}};
+    for (const gets_step& s : steps) {
+        SCOPED_TRACE(s.line);
+        memset(b, 'Z', sizeof b);
+        ASSERT_EQ(b, upnp_file_gets(b, s.size, f));
+        EXPECT_STREQ(s.line, b);
+    }
+    EXPECT_EQ(nullptr, upnp_file_gets(b, sizeof b, f));
+    EXPECT_STREQ("", b);
+    EXPECT_EQ(1, upnp_file_eof(f));
+
+    ASSERT_EQ(0, upnp_file_seek(f, 0, 0));
+    memset(b, 'Z', sizeof b);
+    EXPECT_EQ(nullptr, upnp_file_gets(b, 1, f));     // no room for any byte
+    EXPECT_EQ(0, b[0]);
+    EXPECT_EQ('Z', b[1]);
+    EXPECT_EQ(nullptr, upnp_file_gets(b, 0, f));
+    EXPECT_EQ('Z', b[1]);
+    EXPECT_EQ(0, f->position);
+    upnp_file_close(f);
+}
+
+// The list is built by hand: a media handle reading two files as one.
+static upnp_file* two_segment_file(const std::string& a, const std::string& b)
+{
+    upnp_file* f = upnp_mediafile_open_read(a.c_str());
+    if (!f)
+        return nullptr;
+    auto* second = static_cast<upnp_file_segment*>(calloc(1, sizeof(upnp_file_segment)));
+    auto* first = static_cast<upnp_file_segment*>(calloc(1, sizeof(upnp_file_segment)));
+    *second = {strdup(b.c_str()), 10, nullptr};
+    *first = {strdup(a.c_str()), 10, second};
+    f->segments = f->current = first;
+    f->size = 20;
+    return f;
+}
+
+TEST(FileMedia, ReadCrossesIntoTheNextSegment)
+{
+    test_dir dir;
+    ASSERT_TRUE(test_write_file(dir.file("a"), "0123456789"));
+    ASSERT_TRUE(test_write_file(dir.file("b"), "abcdefghij"));
+    upnp_file* f = two_segment_file(dir.file("a"), dir.file("b"));
+    ASSERT_NE(nullptr, f);
+    EXPECT_EQ(1, f->media);
+    char buffer[17] = {};
+    EXPECT_EQ(7, upnp_mediafile_seek(f, 7, 0));
+    EXPECT_EQ(3, upnp_mediafile_read(f, buffer, 16));   // short: the rest of the first
+    EXPECT_EQ(f->segments->next, f->current);
+    EXPECT_EQ(6, upnp_mediafile_read(f, buffer + 3, 6));
+    EXPECT_STREQ("789abcdef", buffer);
+    EXPECT_EQ(16, f->position);
+    EXPECT_EQ(4, upnp_mediafile_read(f, buffer, 16));   // short on the last: as it is
+    EXPECT_EQ(0, upnp_mediafile_read(f, buffer, 16));
+    upnp_file_close(f);
+}
+
+TEST(FileMedia, SeekPicksTheSegmentThatHoldsTheTarget)
+{
+    test_dir dir;
+    ASSERT_TRUE(test_write_file(dir.file("a"), "0123456789"));
+    ASSERT_TRUE(test_write_file(dir.file("b"), "abcdefghij"));
+    upnp_file* f = two_segment_file(dir.file("a"), dir.file("b"));
+    ASSERT_NE(nullptr, f);
+    struct seek_step { int64_t offset; int origin; int64_t at; char byte; };
+    const seek_step steps[] = {
+        {14, 0, 14, 'e'}, {2, 0, 2, '2'}, {-2, 2, 18, 'i'}, {-10, 1, 9, '9'},
+        {12, 7, 12, 'c'},    // an unknown origin counts from the start
+    };
+    for (const seek_step& s : steps) {
+        SCOPED_TRACE(s.at);
+        ASSERT_EQ(s.at, upnp_mediafile_seek(f, s.offset, s.origin));
+        char c = 0;
+        ASSERT_EQ(1, upnp_mediafile_read(f, &c, 1));
+        EXPECT_EQ(s.byte, c);
+    }
+    EXPECT_EQ(-1, upnp_mediafile_seek(f, 21, 0));
+    upnp_file_close(f);
+}
+
+TEST(FileMedia, SeekFailsWhenASegmentCannotOpen)
+{
+    test_dir dir;
+    ASSERT_TRUE(test_write_file(dir.file("a"), "0123456789"));
+    upnp_file* f = two_segment_file(dir.file("a"), dir.file("gone"));
+    ASSERT_NE(nullptr, f);
+    EXPECT_EQ(-1, upnp_mediafile_seek(f, 15, 0));
+    char c;
+    EXPECT_EQ(-1, upnp_mediafile_read(f, &c, 1));
+    upnp_file_close(f);
+}
+
+TEST(FileMedia, WithoutSegmentsItIsAPlainHandle)
+{
+    test_dir dir;
+    ASSERT_TRUE(test_write_file(dir.file("a"), "0123456789"));
+    upnp_file* f = upnp_mediafile_open_read(dir.file("a").c_str());
+    ASSERT_NE(nullptr, f);
+    char b[11] = {};
+    EXPECT_EQ(4, upnp_mediafile_seek(f, 4, 0));
+    EXPECT_EQ(6, upnp_mediafile_read(f, b, 10));
+    EXPECT_STREQ("456789", b);
+    upnp_file_close(f);
+}
+
+// ---------------------------------------------------------------- names
+
+TEST(FileNames, RenameRefusesAnExistingTarget)
+{
+    test_dir dir;
+    std::string a = dir.file("a"), b = dir.file("b"), c = dir.file("c");
+    ASSERT_TRUE(test_write_file(a, "A"));
+    ASSERT_TRUE(test_write_file(b, "B"));
+    EXPECT_NE(0, upnp_file_rename(a.c_str(), b.c_str()));
+    EXPECT_EQ("A", test_read_file(a));
+    EXPECT_EQ("B", test_read_file(b));
+    EXPECT_EQ(0, upnp_file_rename(a.c_str(), c.c_str()));
+    EXPECT_FALSE(exists(a));
+    EXPECT_EQ("A", test_read_file(c));
+    EXPECT_NE(0, upnp_file_rename(a.c_str(), dir.file("d").c_str()));
+}
+
+TEST(FileNames, MkdirDeleteAndParents)
+{
+    test_dir dir;
+    EXPECT_EQ(0, upnp_mkdir(dir.file("x").c_str()));
+    EXPECT_NE(0, upnp_mkdir(dir.file("x").c_str()));
+    EXPECT_NE(0, upnp_file_delete(dir.file("x").c_str()));    // folders are not deleted
+    std::string deep = dir.file("p/q//r/");
+    EXPECT_EQ(0, upnp_mkdir_parents(deep.c_str()));
+    EXPECT_EQ(0, upnp_mkdir_parents(deep.c_str()));
+    upnp_file_info info;
+    ASSERT_EQ(0, upnp_file_stat(dir.file("p/q/r").c_str(), &info));
+    EXPECT_EQ(0x4000u, info.mode & 0x4000u);
+
+    ASSERT_TRUE(test_write_file(dir.file("f"), "x"));
+    EXPECT_NE(0, upnp_mkdir_parents(dir.file("f/g").c_str()));
+    EXPECT_NE(0, upnp_mkdir_parents(dir.file("f").c_str()));
+    EXPECT_EQ(0, upnp_file_delete(dir.file("f").c_str()));
+    EXPECT_FALSE(exists(dir.file("f")));
+    EXPECT_NE(0, upnp_file_delete(dir.file("f").c_str()));
+}
+
+struct fullpath_case {
+    const char* path;
+    const char* full;
+};
+
+static const fullpath_case fullpath_cases[] = {
+    {"/a/b/c", "/a/b/c"},
+    {"/a/./b//c", "/a/b/c"},
+    {"/a/b/../c", "/a/c"},
+    {"/a/b/", "/a/b/"},
+    {"/..", "/"},
+    {"/../../x", "/x"},
+    {"/", "/"},
+    {"//", "/"},
+    {"/no/such/place/..", "/no/such"},
+    {"/a\\b", "/a\\b"},    // a backslash is part of a name here
+};
+
+TEST(FileNames, FullPathIsMadeByText)
+{
+    for (const fullpath_case& c : fullpath_cases) {
+        SCOPED_TRACE(c.path);
+        char* full = upnp_file_fullpath(c.path);
+        ASSERT_NE(nullptr, full);
+        EXPECT_STREQ(c.full, full);
+        free(full);
+    }
+    char* cwd = getcwd(nullptr, 0);
+    ASSERT_NE(nullptr, cwd);
+    char* full = upnp_file_fullpath("missing/../other/./x");
+    ASSERT_NE(nullptr, full);
+    EXPECT_EQ(std::string(strcmp(cwd, "/") ? cwd : "") + "/other/x", full);
+    free(full);
+    free(cwd);
+    EXPECT_EQ(nullptr, upnp_file_fullpath(""));
+    EXPECT_EQ(nullptr, upnp_file_fullpath(nullptr));
+}
+
+// ---------------------------------------------------------------- whole files
+
+TEST(FileWhole, ReadAllAddsTwoZerosAndHonoursTheCap)
+{
+    test_dir dir;
+    std::string path = dir.file("data");
+    ASSERT_TRUE(test_write_file(path, std::string("ab\0c", 4)));
+    void* data = nullptr;
+    size_t size = 0;
+    ASSERT_EQ(1, upnp_file_read_all(path.c_str(), 4, &data, &size));
+    ASSERT_EQ(4u, size);
+    EXPECT_EQ(0, memcmp(data, "ab\0c\0\0", 6));
+    free(data);
+
+    data = &size;
+    EXPECT_EQ(0, upnp_file_read_all(path.c_str(), 3, &data, &size));
+    EXPECT_EQ(nullptr, data);
+    EXPECT_EQ(0u, size);
+    EXPECT_EQ(0, upnp_file_read_all(dir.path.c_str(), 1 << 20, &data, &size));
+    EXPECT_EQ(0, upnp_file_read_all(dir.file("missing").c_str(), 1 << 20, &data, &size));
+
+    ASSERT_TRUE(test_write_file(path, ""));
+    ASSERT_EQ(1, upnp_file_read_all(path.c_str(), 0, &data, &size));
+    EXPECT_EQ(0u, size);
+    EXPECT_EQ(0, memcmp(data, "\0\0", 2));
+    free(data);
+}
+
+TEST(FileWhole, ReplaceNeverTouchesTheOldFileInPlace)
+{
+    test_dir dir;
+    std::string path = dir.file("settings.ini");
+    ASSERT_TRUE(test_write_file(path, "old contents"));
+    ASSERT_EQ(0, chmod(path.c_str(), 0640));
+    // A reader holding the old file sees it whole: the new bytes went to
+    // another file that took over the name only once complete.
+    int old_fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(old_fd, 0);
+    ASSERT_EQ(0, upnp_file_replace(path.c_str(), "new", 3));
+    char b[32] = {};
+    EXPECT_EQ(12, pread(old_fd, b, sizeof b, 0));
+    EXPECT_STREQ("old contents", b);
+    close(old_fd);
+
+    EXPECT_EQ("new", test_read_file(path));
+    struct stat st;
+    ASSERT_EQ(0, stat(path.c_str(), &st));
+    EXPECT_EQ(0640u, st.st_mode & 0777);
+    EXPECT_EQ(std::set<std::string>{"settings.ini"}, every_name(dir.path));   // no temporary left
+}
+
+TEST(FileWhole, FailedReplaceLeavesNothingBehind)
+{
+    test_dir dir;
+    std::string folder = dir.file("busy");
+    ASSERT_EQ(0, mkdir(folder.c_str(), 0755));
+    ASSERT_TRUE(test_write_file(folder + "/keep", "x"));
+    EXPECT_NE(0, upnp_file_replace(folder.c_str(), "data", 4));   // a full folder can't be replaced
+    EXPECT_EQ("x", test_read_file(folder + "/keep"));
+    EXPECT_EQ(std::set<std::string>{"busy"}, every_name(dir.path));
+    EXPECT_NE(0, upnp_file_replace(dir.file("no/such/file").c_str(), "data", 4));
+
+    std::string fresh = dir.file("fresh");
+    ASSERT_EQ(0, upnp_file_replace(fresh.c_str(), "", 0));
+    EXPECT_TRUE(exists(fresh));
+}
