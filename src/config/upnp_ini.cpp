@@ -808,6 +808,10 @@ static void ini_open_log()
 
 void upnp_ini_file_read_cmdline(int32_t count, char** arguments)
 {
+    // After upnp_ini_release the table is empty already; a start without
+    // one must not inherit values the files no longer hold either.
+    for (size_t i = 0; i < INI_ROWS; i++)
+        ini_clear(&ini_table[i]);
     upnp_lang_forget_code();
     ini_take_argv0(count, arguments);
     ini_choose_path(count, arguments);

@@ -121,13 +121,34 @@ static void upnp_adapter_list_load()
     free(dir);
 }
 
+static void upnp_nic_address_text(const struct ifaddrs* a, char* out)
+{
+    inet_ntop(AF_INET, &reinterpret_cast<const struct sockaddr_in*>(a->ifa_addr)->sin_addr, out, 16);
+}
+
+// The first IPv4 address of an adapter that is up and not loopback; further
+// addresses of the same adapter do not make it a second interface.
+static bool upnp_nic_usable(const struct ifaddrs* a, const struct ifaddrs* list)
+{
+    if (!a->ifa_addr || a->ifa_addr->sa_family != AF_INET || !(a->ifa_flags & IFF_UP) ||
+        (a->ifa_flags & IFF_LOOPBACK))
+        return false;
+    char text[16];
+    upnp_nic_address_text(a, text);
+    if (strcmp(text, "0.0.0.0") == 0)
+        return false;
+    for (const struct ifaddrs* b = list; b != a; b = b->ifa_next)
+        if (b->ifa_addr && b->ifa_addr->sa_family == AF_INET && strcmp(b->ifa_name, a->ifa_name) == 0)
+            return false;
+    return true;
+}
+
 // Usable interfaces: up, IPv4, not loopback, in the system's order. Option
 // ip pins the server to exactly that one address.
 int upnp_nic_enumerate(int32_t* count, char* addresses, int32_t max)
 {
     std::call_once(adapter_list_once, upnp_adapter_list_load);
     *count = 0;
-    upnp_ini_get_string(UPNP_OPT_NETWORKINTERFACE);
     if (const char* ip = upnp_ini_get_string(UPNP_OPT_IP); ip && *ip && max > 0) {
         snprintf(addresses, 16, "%s", ip);
         *count = 1;
@@ -136,15 +157,9 @@ int upnp_nic_enumerate(int32_t* count, char* addresses, int32_t max)
     struct ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0)
         return 0;
-    for (struct ifaddrs* a = list; a && *count < max; a = a->ifa_next) {
-        if (!a->ifa_addr || a->ifa_addr->sa_family != AF_INET || !(a->ifa_flags & IFF_UP) ||
-            (a->ifa_flags & IFF_LOOPBACK))
-            continue;
-        char text[16];
-        inet_ntop(AF_INET, &reinterpret_cast<struct sockaddr_in*>(a->ifa_addr)->sin_addr, text, sizeof text);
-        if (strcmp(text, "0.0.0.0") != 0)
-            memcpy(addresses + 16 * *count, text, 16), (*count)++;
-    }
+    for (struct ifaddrs* a = list; a && *count < max; a = a->ifa_next)
+        if (upnp_nic_usable(a, list))
+            upnp_nic_address_text(a, addresses + 16 * (*count)++);
     freeifaddrs(list);
     return 1;
 }

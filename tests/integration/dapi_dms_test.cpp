@@ -5,6 +5,7 @@
 
 #include "config/upnp_ini.h"
 #include "control/upnp_control.h"
+#include "runtime/upnp_os.h"
 #include "support/test_net.h"
 #include "support/test_support.h"
 
@@ -271,19 +272,22 @@ TEST_F(Dapi, FilesUnknownToTheStoreAreNeitherAddedNorRemoved)
     EXPECT_EQ(0, dapi_dms_get_metadata("/nowhere/x.mp3", "127.0.0.1", 9000, &url, &didl));
 }
 
-TEST_F(Dapi, ManyStartsAndStopsLeaveNoThreadOrDescriptorBehind)
+TEST_F(Dapi, ManyStartsAndStopsLeaveNoThreadSocketOrChildBehind)
 {
     // The first cycle opens what lives for the process (log stream, caches).
     ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0));
     ASSERT_EQ(1, dapi_dms_terminate());
     int fds = test_count_fds();
     int threads = test_count_threads();
+    int32_t sockets = upnp_socket_open_count();
     for (int i = 0; i < 100; i++) {
         ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0)) << "cycle " << i;
         ASSERT_EQ(1, dapi_dms_terminate()) << "cycle " << i;
     }
     EXPECT_EQ(fds, test_count_fds());
     EXPECT_EQ(threads, test_count_threads());
+    EXPECT_EQ(sockets, upnp_socket_open_count());
+    EXPECT_EQ(0, upnp_process_count());
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The velmora-dms program as a user runs it: started with a folder, an
 // address pinned to 127.0.0.1 and a free port, stopped with SIGINT; and the
 // library's export table.
+#include "support/test_host.h"
 #include "support/test_net.h"
 #include "support/test_support.h"
 
@@ -9,82 +10,10 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <ctime>
-#include <fcntl.h>
-#include <poll.h>
 #include <set>
-#include <spawn.h>
 #include <string>
-#include <sys/wait.h>
-#include <unistd.h>
-#include <vector>
-
-extern char** environ;
 
 namespace {
-
-struct host_run {
-    pid_t pid = -1;
-    int out = -1;          // the program's standard output and error
-    std::string seen;
-
-    explicit host_run(std::vector<std::string> args)
-    {
-        args.insert(args.begin(), VELMORA_HOST_BINARY);
-        std::vector<char*> argv;
-        for (std::string& a : args)
-            argv.push_back(a.data());
-        argv.push_back(nullptr);
-        int pipe_fds[2];
-        if (pipe2(pipe_fds, O_CLOEXEC) != 0)
-            return;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], 1);
-        posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], 2);
-        posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        close(pipe_fds[1]);
-        out = pipe_fds[0];
-    }
-    ~host_run()
-    {
-        if (pid > 0) {
-            kill(pid, SIGKILL);
-            waitpid(pid, nullptr, 0);
-        }
-        if (out >= 0)
-            close(out);
-    }
-    // Reads output until text appears, the program closes it, or 10 s pass.
-    bool wait_for(const std::string& text)
-    {
-        char buffer[4096];
-        pollfd p{out, POLLIN, 0};
-        for (int rounds = 0; seen.find(text) == std::string::npos && rounds < 100; rounds++) {
-            if (poll(&p, 1, 100) != 1)
-                continue;
-            ssize_t n = read(out, buffer, sizeof buffer);
-            if (n <= 0)
-                break;
-            seen.append(buffer, size_t(n));
-        }
-        return seen.find(text) != std::string::npos;
-    }
-    // The exit status, or -1 when the program did not end within 10 s.
-    int wait_exit()
-    {
-        for (int rounds = 0; rounds < 1000; rounds++) {
-            int status = 0;
-            if (waitpid(pid, &status, WNOHANG) == pid) {
-                pid = -1;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            }
-            usleep(10 * 1000);
-        }
-        return -1;
-    }
-};
 
 TEST(Host, ServesTheFolderAndStopsCleanlyOnSigint)
 {
@@ -120,6 +49,24 @@ TEST(Host, ASecondStartUsesTheNewOptions)
     EXPECT_NE(std::string::npos, host.seen.find("\"Renamed\""));
     kill(host.pid, SIGTERM);
     EXPECT_EQ(0, host.wait_exit());
+}
+
+TEST(Host, TwoServersOnOnePortEndUpOnTwoPortsTheSecondHigher)
+{
+    test_dir media, work1, work2;
+    int port = test_free_port();
+    host_run first({media.path, "--workdir", work1.path, "--ip", "127.0.0.1", "--port", std::to_string(port)});
+    ASSERT_TRUE(first.wait_for("127.0.0.1:" + std::to_string(port) + "/")) << first.seen;
+    host_run second({media.path, "--workdir", work2.path, "--ip", "127.0.0.1", "--port", std::to_string(port)});
+    ASSERT_TRUE(second.wait_for("Serving on http://127.0.0.1:")) << second.seen;
+    size_t at = second.seen.find("127.0.0.1:") + 10;
+    int second_port = std::stoi(second.seen.substr(at));
+    EXPECT_GT(second_port, port);
+    EXPECT_TRUE(test_can_connect("127.0.0.1", second_port));
+    kill(first.pid, SIGTERM);
+    kill(second.pid, SIGTERM);
+    EXPECT_EQ(0, first.wait_exit());
+    EXPECT_EQ(0, second.wait_exit());
 }
 
 struct refusal_case { const char* why; std::vector<std::string> args; const char* message; };

@@ -458,9 +458,10 @@ TEST(OsProcess, ChildStartsWithEmptySignalMaskFromALibraryThread)
     status = -2;
     ASSERT_EQ(1, upnp_thread_spawn(
                      [](void*) {
-                         const char* const argv[] = {"sh", "-c", "grep -q '^SigBlk:[[:space:]]*0*$' /proc/$$/status",
+                         // grep reads its own mask, the one it was started with
+                         const char* const argv[] = {"grep", "-q", "^SigBlk:[[:space:]]*0*$", "/proc/self/status",
                                                      nullptr};
-                         status = upnp_process_run_wait("/bin/sh", argv);
+                         status = upnp_process_run_wait("/bin/grep", argv);
                      },
                      nullptr, 0));
     ASSERT_EQ(1, upnp_thread_wait_idle(WAIT_MS));

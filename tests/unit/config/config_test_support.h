@@ -1,0 +1,126 @@
+// config_test_support.h: what the configuration tests share. A program
+// folder under a scratch folder with the shipped string files in its
+// "resources", a start of the option store in it with a command line, the
+// language variables pinned to "C", and a log file to read back.
+#pragma once
+#include "config/upnp_ini.h"
+#include "control/upnp_control.h"
+#include "control/upnp_log.h"
+#include "runtime/upnp_string.h"
+#include "support/test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+// UTF-16LE bytes of UTF-8 text, optionally behind the FF FE mark.
+inline std::string config_utf16(const std::string& utf8, bool mark = true)
+{
+    std::string out = mark ? std::string("\xFF\xFE", 2) : std::string();
+    uint16_t* wide = upnp_string_utf8_to_utf16(utf8.c_str());
+    for (uint16_t* w = wide; w && *w; w++) {
+        out += char(*w & 0xFF);
+        out += char(*w >> 8);
+    }
+    free(wide);
+    return out;
+}
+
+// UTF-8 text of UTF-16LE bytes behind the FF FE mark ("" without the mark).
+inline std::string config_from_utf16(const std::string& bytes)
+{
+    if (bytes.size() < 2 || bytes.compare(0, 2, "\xFF\xFE", 2) != 0)
+        return "";
+    std::vector<uint16_t> wide;
+    for (size_t i = 2; i + 1 < bytes.size(); i += 2)
+        wide.push_back(uint16_t(uint8_t(bytes[i]) | uint8_t(bytes[i + 1]) << 8));
+    char* text = upnp_string_utf16_to_utf8_n(wide.data(), wide.size());
+    std::string out = text ? text : "";
+    free(text);
+    return out;
+}
+
+inline std::string config_or_null(const char* text)
+{
+    return text ? text : "<null>";
+}
+
+struct ConfigStart : ::testing::Test {
+    test_dir dir;
+    std::string argv0 = dir.file("velmora");
+    std::string ini = dir.file("velmora-mediaserver.ini");
+    std::string log_path = dir.file("test.log");
+    int32_t saved_full_mode = full_mode;
+    int32_t saved_tree_flat = tree_flat;
+    std::string saved_env[3];
+    bool had_env[3] = {};
+    static constexpr const char* env_names[3] = {"LC_ALL", "LC_MESSAGES", "LANG"};
+
+    void SetUp() override
+    {
+        for (int i = 0; i < 3; i++) {
+            const char* v = getenv(env_names[i]);
+            had_env[i] = v != nullptr;
+            saved_env[i] = v ? v : "";
+        }
+        pin_language("C");
+        full_mode = 1;
+        tree_flat = 0;
+        mkdir(dir.file("resources").c_str(), 0755);
+        for (const char* name : {"strings-en.txt", "strings-de.txt"})
+            ASSERT_TRUE(test_write_file(dir.file("resources/") + name,
+                                        test_read_file(std::string(VELMORA_SOURCE_DIR "/resources/") + name)));
+    }
+
+    void TearDown() override
+    {
+        upnp_ini_release();
+        upnp_log_set_mode(0);
+        upnp_log_set_level(15);
+        upnp_log_init(nullptr);
+        full_mode = saved_full_mode;
+        tree_flat = saved_tree_flat;
+        for (int i = 0; i < 3; i++) {
+            if (had_env[i])
+                setenv(env_names[i], saved_env[i].c_str(), 1);
+            else
+                unsetenv(env_names[i]);
+        }
+    }
+
+    static void pin_language(const char* lang)
+    {
+        unsetenv("LC_ALL");
+        unsetenv("LC_MESSAGES");
+        setenv("LANG", lang, 1);
+    }
+
+    // Runs the start-up load with argv0 and these arguments behind it; the
+    // vector keeps the texts, which the load may change in place.
+    std::vector<std::string> arguments;
+    void start(std::vector<std::string> more = {})
+    {
+        arguments = {argv0};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        std::vector<char*> pointers;
+        for (std::string& a : arguments)
+            pointers.push_back(a.data());
+        pointers.push_back(nullptr);
+        upnp_ini_file_read_cmdline(int32_t(arguments.size()), pointers.data());
+    }
+
+    void log_to_file()
+    {
+        upnp_log_init(log_path.c_str());
+        upnp_log_set_mode(UPNP_LOG_ALL_CHANNELS);
+        upnp_log_set_level(15);
+    }
+    std::string log_text() { return test_read_file(log_path); }
+
+    std::string value(int32_t id) { return config_or_null(upnp_ini_get_string(id)); }
+    std::string ini_text() { return config_from_utf16(test_read_file(ini)); }
+    void write_ini(const std::string& utf8) { ASSERT_TRUE(test_write_file(ini, config_utf16(utf8))); }
+};
