@@ -374,13 +374,14 @@ int32_t upnp_ini_set(int32_t id, const char* value)
     ini_option* row = ini_row(id);
     if (!row || ini_set_refused(row, value))
         return 0;
+    int empty = !value || !*value;
     char* stored = nullptr;
-    if (value && *value && !ini_stored_form(id, value, &stored))
+    if (!empty && !ini_stored_form(id, value, &stored))
         return 0;
     // Clearing with "" unsets too, but only null counts as a change.
     int32_t changed = row->value && !value;
-    ini_clear(row);
-    if (!value || !*value || !stored)
+    ini_clear(row);    // value may point into the old items: not read after this
+    if (empty || !stored)
         return changed;
     row->value = stored;
     if (row->is_list)
@@ -493,6 +494,13 @@ int32_t upnp_ini_parse(const void* data, size_t size)
 
 // ---- The ini file -----------------------------------------------------
 
+// Paths are built under the program folder; with none known (an argument 0
+// that could not be taken) that is the current folder, never the root.
+static const char* ini_base_dir()
+{
+    return ini_program_dir[0] ? ini_program_dir : ".";
+}
+
 // 1 with the size when path names something that can be read as a file.
 static int ini_examine(const char* path, uint64_t* size)
 {
@@ -509,7 +517,7 @@ void upnp_ini_file_read()
     const char* path = ini_path;
     uint64_t size = 0;
     if (!ini_examine(path, &size)) {
-        int n = snprintf(fallback, sizeof fallback, "%s/%s", ini_program_dir, "velmoramedia-default.ini");
+        int n = snprintf(fallback, sizeof fallback, "%s/%s", ini_base_dir(), "velmoramedia-default.ini");
         if (n < 0 || size_t(n) >= sizeof fallback || !ini_examine(fallback, &size))
             return;
         path = fallback;
@@ -607,7 +615,7 @@ void upnp_ini_file_write()
 void upnp_ini_file_restore_default()
 {
     char path[INI_PATH_SIZE];
-    int n = snprintf(path, sizeof path, "%s/velmoramedia-default.ini", ini_program_dir);
+    int n = snprintf(path, sizeof path, "%s/velmoramedia-default.ini", ini_base_dir());
     void* data = nullptr;
     size_t size = 0;
     if (n < 0 || size_t(n) >= sizeof path || !upnp_file_read_all(path, INI_FILE_MAX, &data, &size))
@@ -667,7 +675,7 @@ static void ini_take_argv0(int32_t count, char** arguments)
 static void ini_choose_path(int32_t count, char** arguments)
 {
     const char* name = full_mode == 1 ? "velmora-mediaserver.ini" : "velmora-mediaserver-simple.ini";
-    int n = snprintf(ini_path, sizeof ini_path, "%s/%s", ini_program_dir, name);
+    int n = snprintf(ini_path, sizeof ini_path, "%s/%s", ini_base_dir(), name);
     if (n < 0 || size_t(n) >= sizeof ini_path)
         ini_path[0] = 0;
     for (int32_t i = 1; i + 1 < count; i++)
@@ -779,7 +787,7 @@ static void ini_derive_folders()
         char base[INI_PATH_SIZE];
         ini_copy(base, ini_argv0);
         ini_cut_at_last_separator(base);
-        snprintf(dbdir, sizeof dbdir, "%s/%s", base, "velmoramedia.db");
+        snprintf(dbdir, sizeof dbdir, "%s/%s", base[0] ? base : ".", "velmoramedia.db");
         upnp_ini_set(UPNP_OPT_DBDIR, dbdir);
     }
     const char* dbdir = upnp_ini_get_string(UPNP_OPT_DBDIR);
@@ -812,6 +820,8 @@ void upnp_ini_file_read_cmdline(int32_t count, char** arguments)
     // one must not inherit values the files no longer hold either.
     for (size_t i = 0; i < INI_ROWS; i++)
         ini_clear(&ini_table[i]);
+    if (!arguments)
+        count = 0;
     upnp_lang_forget_code();
     ini_take_argv0(count, arguments);
     ini_choose_path(count, arguments);

@@ -94,6 +94,9 @@ const char* upnp_ini_get_item(int32_t id, int32_t index);
 int32_t upnp_ini_get_item_count(int32_t id);
 const char* upnp_ini_get_name(int32_t id);
 int32_t upnp_ini_find(const char* name);
+// 1 when the option changed. 0 for an unknown number, an empty enableweb,
+// the present value, a node without a level after its last comma, a value
+// holding a control character, and for "" (which unsets all the same).
 int32_t upnp_ini_set(int32_t id, const char* value);
 int32_t upnp_ini_set_by_name(const char* name, const char* value);
 void upnp_ini_note_change(int32_t id);
@@ -105,11 +108,14 @@ const char* upnp_ini_get_path();
 const char* upnp_lang_get_local();
 const char* upnp_lang_get_en();
 
+// The whole start-up load. Turns tabs in the arguments into blanks in
+// place; an argument holding "?" or "help" prints the usage and ends the
+// process with status 0.
 void upnp_ini_file_read_cmdline(int32_t count, char** arguments);
 void upnp_ini_file_read();
 void upnp_ini_file_write();
 void upnp_ini_file_restore_default();
-void upnp_ini_release();
+void upnp_ini_release();                  // writes the ini unless the default was restored
 
 const char* upnp_contentdir_get(int32_t index);
 char* upnp_lang_text(const char* key);   // caller frees

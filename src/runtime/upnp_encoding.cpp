@@ -354,7 +354,7 @@ char* upnp_string_clean_utf8(const char* text)
 }
 
 // Characters beyond Latin-1 become one '?'; their bytes are skipped by the
-// lead byte's count, but never past the terminator.
+// lead byte's count without looking at them, but never past the terminator.
 char* upnp_string_to_latin1(const char* text)
 {
     if (!text)
@@ -378,7 +378,7 @@ char* upnp_string_to_latin1(const char* text)
             i += 2;
         } else if (k >= 3) {
             *o++ = '?';
-            i = i + size_t(k) < n ? i + size_t(k) : n;
+            i += size_t(k);          // the loop's bound stops at the terminator
         } else {
             i++;
         }

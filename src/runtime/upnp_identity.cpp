@@ -99,14 +99,20 @@ static uint8_t udn_seed()
 
 const char* upnp_get_udn()
 {
-    // One buffer per thread: callers on several threads never see a
-    // half-written identity.
-    static thread_local char udn[256];
+    // The host may keep this pointer, so the buffer lives for the process.
+    // It is written only when the identity changes, so callers on several
+    // threads read a settled text.
+    static char udn[256];            // udn_lock for writes
+    static std::mutex udn_lock;
     uint8_t b[16] = {0x76, 0x65, 0x6C, 0x6D, 0x6F, 0x72, 0x10, 0x63, 0x80, udn_seed()};
     upnp_get_mac(b + 10);
-    snprintf(udn, sizeof udn,
+    char text[sizeof udn];
+    snprintf(text, sizeof text,
              "uuid:%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x",
              b[0], b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13],
              b[14], b[15]);
+    std::lock_guard<std::mutex> hold(udn_lock);
+    if (strcmp(text, udn) != 0)
+        memcpy(udn, text, sizeof udn);
     return udn;
 }

@@ -42,8 +42,9 @@ void upnp_thread_set_name(const char* name);
 // Threads started here whose entry has not yet returned.
 int32_t upnp_thread_count();
 
-// Waits, polling, until upnp_thread_count() is 0 or timeout_ms has passed.
-// 1 when no thread is left, 0 on timeout.
+// Waits, polling, until no other thread started here runs (the caller may
+// be one of them) or timeout_ms has passed. 1 when none is left, 0 on
+// timeout. A thread counts as ended once its entry has returned.
 int upnp_thread_wait_idle(int32_t timeout_ms);
 
 // Keeps the machine from sleeping during a stream; nothing is needed here.

@@ -52,6 +52,16 @@ static int socket_make_addr(const char* ip, int32_t port, sockaddr_in* out)
     return 1;
 }
 
+// A destination: as socket_make_addr, but the any-address is refused.
+static int socket_make_peer(const char* ip, int32_t port, sockaddr_in* out)
+{
+    if (!ip || !*ip) {
+        errno = EINVAL;
+        return 0;
+    }
+    return socket_make_addr(ip, port, out);
+}
+
 static void socket_ip_text(in_addr addr, char* ip_out)
 {
     if (!ip_out)
@@ -239,7 +249,7 @@ static int socket_finish_connect(int32_t s, int32_t timeout_ms)
 int upnp_socket_connect(int32_t s, const char* ip, int32_t port)
 {
     sockaddr_in addr;
-    if (!ip || !*ip || !socket_make_addr(ip, port, &addr))
+    if (!socket_make_peer(ip, port, &addr))
         return -1;
     if (connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0)
         return 0;
@@ -253,7 +263,7 @@ int upnp_socket_connect(int32_t s, const char* ip, int32_t port)
 int upnp_socket_connect_timeout(int32_t s, const char* ip, int32_t port, int32_t timeout_ms)
 {
     sockaddr_in addr;
-    if (!ip || !*ip || !socket_make_addr(ip, port, &addr))
+    if (!socket_make_peer(ip, port, &addr))
         return -1;
     int flags = fcntl(s, F_GETFL);
     if (flags < 0 || fcntl(s, F_SETFL, flags | O_NONBLOCK) != 0)
@@ -311,10 +321,12 @@ int32_t upnp_socket_recv(int32_t s, void* buffer, int32_t size)
 int32_t upnp_socket_sendto(int32_t s, const void* data, int32_t length, const char* ip, int32_t port)
 {
     sockaddr_in addr;
-    if (length < 0 || (!data && length > 0) || !ip || !*ip || !socket_make_addr(ip, port, &addr)) {
+    if (length < 0 || (!data && length > 0)) {
         errno = EINVAL;
         return -1;
     }
+    if (!socket_make_peer(ip, port, &addr))
+        return -1;
     ssize_t n;
     do {
         n = sendto(s, data, size_t(length), MSG_NOSIGNAL, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));

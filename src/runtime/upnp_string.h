@@ -30,12 +30,16 @@ upnp_string* upnp_string_appendf(upnp_string* s, const char* format, ...)
 void upnp_string_empty(upnp_string* s);
 void upnp_string_free(upnp_string* s);
 
-// Encodings. The *_to_wide / wide_to_* forms measure with a null out, and
-// with a buffer write at most out_size units (bytes for UTF-8 output),
-// returning as the conversion table says; -1 for a null text.
+// Encodings. Invalid UTF-8 and unpaired surrogates become U+FFFD.
+// The *_to_wide / wide_to_* forms measure with a null out (units or bytes
+// needed, terminator included), and with a buffer write at most out_size
+// units (bytes for UTF-8 output): twice the count for the wide forms, the
+// count for UTF-8 output, or 0 when the buffer was too small (it then holds
+// a terminated prefix of whole characters); -1 for a null text.
 uint16_t* upnp_string_utf8_to_utf16(const char* text);
 char* upnp_string_utf16_to_utf8(const uint16_t* wide);
-// The same on counted input (no terminator needed; stops at n units/bytes).
+// The same on counted input (no terminator needed; stops at n units/bytes
+// or at a 0, whichever comes first).
 uint16_t* upnp_string_utf8_to_utf16_n(const char* text, size_t n);
 char* upnp_string_utf16_to_utf8_n(const uint16_t* wide, size_t n);
 int32_t upnp_string_acp_to_wide(const char* text, uint16_t* out, int32_t out_size);

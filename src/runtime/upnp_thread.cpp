@@ -1,10 +1,11 @@
 // upnp_thread.cpp: the library's threads. Every thread starts through one
 // trampoline that blocks SIGPIPE (a peer that hangs up must never kill the
-// host), sets the priority, runs the entry and then counts itself out of
-// thread_live_count. The counter is the only state; it is atomic, and it is
-// raised before the thread is created so that a waiter never sees 0 while
-// a start is under way. Nobody joins the detached threads: stop closes
-// their sockets and then waits in upnp_thread_wait_idle.
+// host), sets the priority, runs the entry and, as its last act, counts
+// itself out of thread_live_count. The counter is the only shared state;
+// it is atomic, and it is raised before the thread is created, so that a
+// waiter never sees 0 while a start is under way. Nobody joins the detached
+// threads: stop closes their sockets and then waits in
+// upnp_thread_wait_idle.
 #include "runtime/upnp_os.h"
 
 #include <pthread.h>
@@ -26,6 +27,9 @@ static_assert(sizeof(pthread_t) <= sizeof(uint64_t), "thread handles travel as 6
 
 // Threads whose entry has not yet returned.
 static std::atomic<int32_t> thread_live_count{0};
+// Set on the threads started here: a stop that runs on one of them must not
+// wait for itself.
+static thread_local int thread_is_ours = 0;
 
 struct thread_start_record {
     upnp_thread_entry entry;
@@ -88,6 +92,7 @@ static void* thread_trampoline(void* raw)
     sigemptyset(&pipe_only);
     sigaddset(&pipe_only, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &pipe_only, nullptr);
+    thread_is_ours = 1;
     thread_apply_priority(start.priority);
 
     start.entry(start.argument);
@@ -172,7 +177,8 @@ int upnp_thread_wait_idle(int32_t timeout_ms)
 {
     using clock = std::chrono::steady_clock;
     const auto deadline = clock::now() + std::chrono::milliseconds(std::max(timeout_ms, 0));
-    while (thread_live_count.load() > 0) {
+    const int32_t self = thread_is_ours;
+    while (thread_live_count.load() > self) {
         if (clock::now() >= deadline)
             return 0;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));

@@ -67,6 +67,8 @@ TEST_F(Dapi, InitServesOnThePinnedAddressAndPort)
     EXPECT_STREQ("127.0.0.1", list[0].ip);
     EXPECT_EQ(work_port, list[0].port);
     EXPECT_TRUE(test_can_connect("127.0.0.1", work_port));
+    std::string page = test_read_file(work->file("velmora-config.html"));
+    EXPECT_NE(std::string::npos, page.find("URL=http://127.0.0.1:" + std::to_string(work_port) + "/setup.htm"));
     EXPECT_EQ(1, dapi_dms_terminate());
     EXPECT_EQ(0, dapi_dms_status());
     EXPECT_EQ(1, dapi_dms_get_niclist(&list, &count));
@@ -246,6 +248,55 @@ TEST_F(Dapi, EventsReachTheCallbackOnlyThroughTheOpenGate)
     dapi_dms_register_callback(nullptr);
     upnp_file_event(DAPI_EVENT_STREAM_STARTED, "GET /");
     EXPECT_EQ(1, events_seen.load());
+}
+
+static bool wait_for_events(int count, int timeout_ms)
+{
+    for (int waited = 0; events_seen < count && waited < timeout_ms; waited += 10)
+        usleep(10 * 1000);
+    return events_seen >= count;
+}
+
+TEST_F(Dapi, NicChangeRestartsTheServersAtTheNextTickEvenWithTheWatchOff)
+{
+    ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0));
+    ASSERT_EQ(0, upnp_ini_get_int(UPNP_OPT_NICRESTART));
+    events_seen = 0;
+    dapi_dms_register_callback(count_event);
+    EXPECT_EQ(1, dapi_dms_nicchange());
+    EXPECT_TRUE(wait_for_events(1, 5000));
+    EXPECT_EQ("6:(null)", last_event_text);
+    for (int waited = 0; dapi_dms_status() != 1 && waited < 5000; waited += 10)
+        usleep(10 * 1000);
+    EXPECT_EQ(1, dapi_dms_status());
+    EXPECT_TRUE(test_can_connect("127.0.0.1", work_port));
+    dapi_dms_register_callback(nullptr);
+}
+
+TEST_F(Dapi, APinnedAddressIsAllTheWatchCompares)
+{
+    ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0));
+    upnp_ini_set(UPNP_OPT_NICRESTART, "1");
+    upnp_ini_set(UPNP_OPT_NICCHECKTIME, "1");
+    events_seen = 0;
+    dapi_dms_register_callback(count_event);
+    EXPECT_FALSE(wait_for_events(1, 2500));
+    dapi_dms_register_callback(nullptr);
+    upnp_ini_set(UPNP_OPT_NICRESTART, "0");
+}
+
+TEST_F(Dapi, ANonPositiveCheckTimeBecomesFiveAtTheFirstCheck)
+{
+    ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0));
+    upnp_ini_set(UPNP_OPT_NICCHECKTIME, "0");
+    EXPECT_EQ(0, upnp_ini_get_int(UPNP_OPT_NICCHECKTIME));   // the watch is off: nothing rewrites it
+    usleep(1500 * 1000);
+    EXPECT_EQ(0, upnp_ini_get_int(UPNP_OPT_NICCHECKTIME));
+    upnp_ini_set(UPNP_OPT_NICRESTART, "1");
+    for (int waited = 0; upnp_ini_get_int(UPNP_OPT_NICCHECKTIME) != 5 && waited < 3000; waited += 10)
+        usleep(10 * 1000);
+    EXPECT_EQ(5, upnp_ini_get_int(UPNP_OPT_NICCHECKTIME));
+    upnp_ini_set(UPNP_OPT_NICRESTART, "0");
 }
 
 TEST_F(Dapi, FixedAnswers)

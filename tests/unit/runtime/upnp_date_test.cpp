@@ -100,7 +100,9 @@ TEST(UpnpDate, ConcurrentCallersAlwaysSeeWholeDates)
                 upnp_timestamp(stamp, sizeof stamp);
                 int64_t after = time(nullptr);
                 int64_t a = date_parse_http(http), b = date_parse_stamp(stamp);
-                if (a < before || a > after || b < before || b > after)
+                // time() reads a coarser clock that may trail the precise one
+                // by a tick, so a date may already show the next second.
+                if (a < before || a > after + 1 || b < before || b > after + 1)
                     bad++;
             }
         });

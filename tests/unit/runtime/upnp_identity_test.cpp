@@ -69,15 +69,6 @@ TEST(UpnpIdentity, MacIsAServedAdapterWithTheHighestLastByteOrTheFallback)
     }
 }
 
-TEST(UpnpIdentity, MacIsCachedUntilReset)
-{
-    uint8_t first[6], second[6];
-    upnp_get_mac(first);
-    upnp_get_mac_reset();
-    upnp_get_mac(second);
-    EXPECT_EQ(0, memcmp(first, second, 6));
-}
-
 static std::string identity_expected(char seed)
 {
     uint8_t mac[6];

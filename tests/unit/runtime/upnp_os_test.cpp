@@ -123,6 +123,15 @@ TEST(OsThread, WaitIdleGivesUpWhileAThreadStillRuns)
     EXPECT_EQ(1, upnp_thread_wait_idle(WAIT_MS));
 }
 
+TEST(OsThread, WaitIdleFromALibraryThreadDoesNotWaitForItself)
+{
+    static std::atomic<int> idle{-1};
+    idle = -1;
+    ASSERT_EQ(1, upnp_thread_spawn([](void*) { idle = upnp_thread_wait_idle(WAIT_MS); }, nullptr, 0));
+    ASSERT_EQ(1, upnp_thread_wait_idle(WAIT_MS));
+    EXPECT_EQ(1, idle.load());
+}
+
 TEST(OsThread, LibraryThreadsBlockSigpipe)
 {
     static std::atomic<int> blocked{-1};

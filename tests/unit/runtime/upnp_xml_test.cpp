@@ -171,6 +171,27 @@ TEST(Xml, AttributeValuesAreCutAndDecoded)
     }
 }
 
+TEST(Xml, AttributeListEndsWhereTheTagDoes)
+{
+    struct end_case { const char* doc; const char* value; const char* attrs; };
+    static const end_case cases[] = {
+        {"<a x=\"1\">v</a>", "v", "x;"},
+        {"<a x=\"1\" >v</a>", "v", "x;"},          // a '>' right behind the blank
+        {"<a x=1\n>v</a>", "v", "x;"},
+        {"<a x=1 y=2>v</a>", "v", "y;x;"},
+        {"<a x=\"1\"/>v</a>", nullptr, "x;"},        // self-closed: no value
+        {"<a x=\"1\" />v</a>", nullptr, "x;"},
+        {"<a x=\"1\" y=\"2\" />", nullptr, "y;x;"},
+    };
+    for (const end_case& c : cases) {
+        SCOPED_TRACE(c.doc);
+        xml_tree t(upnp_xml_parse(c.doc));
+        ASSERT_NE(nullptr, t.root);
+        EXPECT_STREQ(c.value, t.root->value);
+        EXPECT_EQ(c.attrs, attr_names(t.root));
+    }
+}
+
 TEST(Xml, QuotedAngleBracketStartsNoTag)
 {
     xml_tree t(upnp_xml_parse("<r><a t=\"<b>\">1</a><c>2</c></r>"));
