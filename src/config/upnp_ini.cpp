@@ -27,7 +27,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <strings.h>
-#include <sys/stat.h>
 
 #ifndef VELMORA_VERSION
 #define VELMORA_VERSION "0"
@@ -760,20 +759,12 @@ static void ini_parse_arguments(int32_t count, char** arguments)
         i = ini_parse_argument(count, arguments, i);
 }
 
-// lstat rather than the walker's own type: the walker reports what a link
-// points to, and a link in the database folder must survive with its target.
-static int ini_is_plain_file(const char* path)
-{
-    struct stat st;
-    return lstat(path, &st) == 0 && S_ISREG(st.st_mode);
-}
-
 // Every plain file directly inside the database folder; folders, links and
 // hidden names stay.
 static void ini_wipe_database_files(const char* dbdir)
 {
     for (upnp_dir* w = upnp_dir_open(dbdir); w; w = upnp_dir_next(w)) {
-        if (w->is_dir || !ini_is_plain_file(w->path))
+        if (w->is_dir || !upnp_file_is_plain(w->path))
             continue;
         if (upnp_file_delete(w->path) != 0)
             upnp_log(UPNP_LOG_PROBLEM, UPNP_LOG_SYSTEM, "could not delete %s\n", w->path);

@@ -674,3 +674,9 @@ upnp_dir* upnp_dir_open(const char* path)
     }
     return upnp_dir_next(walker);
 }
+
+int upnp_file_is_plain(const char* path)
+{
+    struct stat st;
+    return path && lstat(path, &st) == 0 && S_ISREG(st.st_mode) ? 1 : 0;
+}

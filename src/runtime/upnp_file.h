@@ -80,6 +80,10 @@ char* upnp_file_gets(char* buffer, int size, upnp_file* file);
 int64_t upnp_mediafile_seek(upnp_file* file, int64_t offset, int origin);
 int64_t upnp_mediafile_read(upnp_file* file, void* buffer, size_t count);
 
+// 1 for a regular file that is not a link (a link reports its target
+// elsewhere), else 0.
+int upnp_file_is_plain(const char* path);
+
 int upnp_mkdir(const char* path);
 int upnp_mkdir_parents(const char* path);
 int upnp_file_delete(const char* path);

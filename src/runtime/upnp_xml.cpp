@@ -146,6 +146,8 @@ static const char* xml_read_attributes(const xml_reader* r, upnp_xml_node* node,
 {
     for (;;) {
         p = xml_skip_blanks(p, r->end);
+        if (p < r->end && *p == '>')          // blanks before '>', as some clients write
+            return p;
         const char* eq = xml_find_set(p, r->end, "=/");
         if (eq == r->end || *eq == '/')
             return eq;

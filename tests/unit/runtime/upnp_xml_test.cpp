@@ -177,6 +177,7 @@ TEST(Xml, AttributeListEndsWhereTheTagDoes)
     static const end_case cases[] = {
         {"<a x=\"1\">v</a>", "v", "x;"},
         {"<a x=\"1\" >v</a>", "v", "x;"},          // a '>' right behind the blank
+        {"<a x=\"1\"  \r\n >v</a>", "v", "x;"},    // several blanks before the '>'
         {"<a x=1\n>v</a>", "v", "x;"},
         {"<a x=1 y=2>v</a>", "v", "y;x;"},
         {"<a x=\"1\"/>v</a>", nullptr, "x;"},        // self-closed: no value
