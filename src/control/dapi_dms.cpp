@@ -266,7 +266,7 @@ int32_t dapi_dms_deny_cp(char* text)
 int32_t dapi_dms_get_clients(char** list)
 {
     if (list)
-        *list = upnp_client_db_list();
+        *list = upnp_client_names();
     return 1;
 }
 
@@ -346,10 +346,10 @@ int32_t dapi_dms_remove_file(const char* path)
 struct dapi_policy_bit { uint8_t bit; int32_t type; };
 
 static const dapi_policy_bit dapi_policy_bits[] = {
-    {0x01, DB_TYPE_PICTURE_ITEM},
-    {0x02, DB_TYPE_VIDEO_ITEM},
-    {0x04, DB_TYPE_MUSIC_ITEM},
-    {0x08, DB_TYPE_DOCUMENT_ITEM},
+    {0x01, DB_OBJ_PHOTO},
+    {0x02, DB_OBJ_VIDEO},
+    {0x04, DB_OBJ_AUDIO},
+    {0x08, DB_OBJ_DOCUMENT},
 };
 
 int32_t dapi_dms_set_browsing_policy(uint8_t mask, uint32_t visible)

@@ -53,11 +53,11 @@ static bool log_enabled(uint32_t level, uint32_t channel)
 
 void upnp_log(uint32_t level, uint32_t channel, const char* format, ...)
 {
+    if (!format || !log_enabled(level, channel))
+        return;
     time_t now = time(nullptr);
     struct tm local;
     localtime_r(&now, &local);
-    if (!format || !log_enabled(level, channel))
-        return;
 
     char message[4096];
     va_list args;

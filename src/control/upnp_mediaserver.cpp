@@ -16,9 +16,14 @@
 #include "config/upnp_ini.h"
 #include "control/upnp_control.h"
 #include "control/upnp_log.h"
+#include "database/db_file.h"
+#include "database/db_object.h"
+#include "http/http_client.h"
 #include "http/http_server.h"
 #include "runtime/upnp_os.h"
 #include "runtime/upnp_string.h"
+#include "upnp/ssdp.h"
+#include "upnp/upnp_client.h"
 
 #include <atomic>
 #include <cstdio>
@@ -45,6 +50,7 @@ static int64_t upnp_start_time;
 static int32_t upnp_nic_count;             // written by start/stop/restart
 static char upnp_nic_address[UPNP_MAX_NICS][16];
 static HTTP_server http_servers[UPNP_MAX_NICS];
+static ssdp_server ssdp_servers[UPNP_MAX_NICS];   // as http_servers
 // The live servers as other threads may see them, published by start and
 // stop under nic_table_lock; nic_table is the copy handed to the host.
 static nic_entry nic_live[UPNP_MAX_NICS];
@@ -211,6 +217,24 @@ int upnp_nic_is_local(const char* ip)
     return 0;
 }
 
+// Each listening socket hears the group on its own interface only, so the
+// per-interface threads stay as they are on every platform.
+static void upnp_server_start_ssdp(ssdp_server* ssdp)
+{
+    if (ssdp_open_sockets(ssdp)) {
+        upnp_log(UPNP_LOG_INFO, UPNP_LOG_SYSTEM, "SSDP Server starting at %s:%d\n", ssdp->http->ip, SSDP_PORT);
+    } else {
+        if (ssdp->send_socket < 0)
+            upnp_log(UPNP_LOG_CRITICAL, UPNP_LOG_SYSTEM, "Error while binding to SSDP multicast sending socket: \n");
+        if (ssdp->listen_socket < 0)
+            upnp_log(UPNP_LOG_CRITICAL, UPNP_LOG_SYSTEM, "Error while binding to SSDP multicast listening socket: \n");
+        if (ssdp->msearch_socket < 0)
+            upnp_log(UPNP_LOG_CRITICAL, UPNP_LOG_SYSTEM, "Error while binding to SSDP multicast msearching socket:\n");
+    }
+    ssdp_thread_spawn(SSDP_listen, ssdp, 0);
+    ssdp_thread_spawn(SSDP_heartbeat, ssdp, -2);
+}
+
 static void upnp_server_start_one(int32_t i)
 {
     HTTP_server* server = &http_servers[i];
@@ -223,6 +247,9 @@ static void upnp_server_start_one(int32_t i)
     upnp_log(UPNP_LOG_INFO, UPNP_LOG_SYSTEM, "HTTP Server starting at %s:%d\n", server->ip, server->port);
     HTTP_accept_start(server);
     upnp_write_config_redirect(i, server->ip, server->port);
+    ssdp_server_clear(&ssdp_servers[i], server);
+    if (ssdp_enabled && strcmp(server->ip, "127.0.0.1") != 0)
+        upnp_server_start_ssdp(&ssdp_servers[i]);
 }
 
 static void upnp_server_start_all(std::atomic<int32_t>* status)
@@ -250,14 +277,25 @@ static void upnp_server_stop_all(std::atomic<int32_t>* status)
         upnp_log(UPNP_LOG_INFO, UPNP_LOG_SYSTEM, "Server stopping at %s\n", http_servers[i].ip);
         if (http_servers[i].socket >= 0)
             upnp_socket_shutdown(http_servers[i].socket);
+        ssdp_shutdown_sockets(&ssdp_servers[i]);
     }
     for (int waited = 0; HTTP_accept_count() > 0 && waited < 2000; waited += 10)
         usleep(10 * 1000);
+    // The heartbeats send their byebye bursts on the way out.
+    for (int waited = 0; ssdp_thread_count() > 0 && waited < 2000; waited += 10)
+        usleep(10 * 1000);
+    for (int32_t i = 0; i < upnp_nic_count; i++)
+        ssdp_close_sockets(&ssdp_servers[i]);
     for (int32_t i = 0; i < upnp_nic_count; i++)
         if (http_servers[i].socket >= 0) {
             upnp_socket_close(http_servers[i].socket);
             http_servers[i].socket = -1;
         }
+    // Connection threads may sit in a receive of an idle keep-alive
+    // connection or in a send to a peer that stopped reading.
+    HTTP_connections_shutdown();
+    for (int waited = 0; HTTP_connection_count() > 0 && waited < 1000; waited += 10)
+        usleep(10 * 1000);
     upnp_nic_publish(0);
     upnp_log(UPNP_LOG_INFO, UPNP_LOG_SYSTEM, "Server terminated\n");
     usleep(200 * 1000);
@@ -337,23 +375,128 @@ static void upnp_sleep_while_running(int32_t ms)
 static void upnp_mediaserver_scheduler(void*)
 {
     upnp_thread_set_name("upnp_mediaserver_scheduler");
+    for (int32_t i = 0; i < upnp_nic_count; i++)
+        if (ssdp_servers[i].msearch_socket >= 0)
+            ssdp_thread_spawn(upnp_server_startMSearch, &ssdp_servers[i], 0);
     while (upnp_running) {
         upnp_sleep_while_running(1000);
         int64_t now = upnp_now();
         if (!upnp_running)
             break;
         upnp_nic_check(now);
+        db_event_check(now);
     }
+}
+
+struct upnp_route {
+    const char* url;                // null: every URL
+    int32_t methods;
+    int32_t want_body;
+    HTTP_handler_function run;
+};
+
+// The first entry that fits wins, so the order matters. Routes whose
+// handlers are not built yet answer with the 404 page.
+static const upnp_route upnp_routes[] = {
+    {"/DeviceDescription.xml", 3, 0, HTTP_send_file_not_found},
+    {"/ConnectionManager.xml", 3, 0, HTTP_send_file_not_found},
+    {"/ConnectionManager/Control", 4, 1, HTTP_send_file_not_found},
+    {"/ContentDirectory.xml", 3, 0, HTTP_send_file_not_found},
+    {"/ContentDirectory/Control", 4, 1, HTTP_send_file_not_found},
+    {"/MediaReceiverRegistrar.xml", 3, 0, HTTP_send_file_not_found},
+    {"/MediaReceiverRegistrar/Control", 4, 1, HTTP_send_file_not_found},
+    {nullptr, 8, 1, HTTP_send_file_not_found},        // SUBSCRIBE
+    {nullptr, 16, 1, HTTP_send_file_not_found},       // UNSUBSCRIBE
+    {"/disk", 3, 0, HTTP_send_file_not_found},
+    {"/albumart", 3, 0, HTTP_send_file_not_found},
+    {"/configpage", 7, 1, HTTP_send_file_not_found},
+    {"/setup", 7, 1, HTTP_send_file_not_found},
+    {"/index", 7, 1, HTTP_send_file_not_found},
+    {"/images", 7, 1, HTTP_send_file_not_found},
+    {"/MediaBrowser", 7, 1, HTTP_send_file_not_found},
+    {"/cgi-bin", 7, 1, HTTP_send_file_not_found},
+    {"/subtitle", 1, 0, HTTP_send_file_not_found},
+    {"/createobject", 7, 0, HTTP_send_file_not_found},
+};
+
+static void upnp_register_routes()
+{
+    for (const upnp_route& route : upnp_routes) {
+        HTTP_register_handler(route.run, route.methods, route.url, route.want_body);
+        if (route.url && strcmp(route.url, "/MediaBrowser") == 0) {
+            HTTP_set_default_page("/configpage");
+            if (upnp_ini_get_int(UPNP_OPT_STARTUPMB))
+                HTTP_set_default_page("/MediaBrowser.html");
+        }
+    }
+    if (rpc_enabled)
+        HTTP_register_handler(HTTP_send_file_not_found, 5, "/rpc", 1);
 }
 
 // Brings up the subsystems that the servers need: routes, store, client
 // database, database files, root tree, as each of them is built.
+// A public page whose text shows the caller's address; its title is
+// followed by the address in the body.
+static const char UPNP_EXTERNAL_ADDRESS_URL[] = "http://checkip.dyndns.org/";
+static char upnp_external_address[20];   // written at start only
+
+int upnp_external_address_parse(const char* page, char* out, size_t size)
+{
+    if (!out || size == 0)
+        return 0;
+    out[0] = 0;
+    const char* at = page ? strstr(page, "<TITLE>") : nullptr;
+    if (page && !at)
+        at = strstr(page, "<title>");
+    if (!at)
+        return 0;
+    while (*at && (*at < '0' || *at > '9'))
+        at++;
+    size_t n = 0;
+    while (n + 1 < size && ((at[n] >= '0' && at[n] <= '9') || at[n] == '.'))
+        n++;
+    memcpy(out, at, n);
+    out[n] = 0;
+    return n > 0;
+}
+
+const char* upnp_get_external_address()
+{
+    return upnp_external_address;
+}
+
+// Only clients flagged as reaching the server from outside need it, and
+// only users who asked for it (enableweb 3 or more) pay the start-up wait.
+static void upnp_lookup_external_address()
+{
+    upnp_external_address[0] = 0;
+    upnp_string* page = HTTP_get(UPNP_EXTERNAL_ADDRESS_URL);
+    if (page)
+        upnp_external_address_parse(page->text, upnp_external_address, sizeof upnp_external_address);
+    upnp_string_free(page);
+}
+
 static void upnp_mediaserver_register()
 {
+    if (upnp_ini_get_int(UPNP_OPT_ENABLEWEB) >= 3)
+        upnp_lookup_external_address();
+    upnp_register_routes();
+    if (ssdp_enabled) {
+        ssdp_set_server_advertising();
+        ssdp_register_handler(ssdp_search_handler, "M-Search");
+    }
+    db_create();
+    upnp_client_db_load();
+    db_file_open();
 }
 
 static void upnp_mediaserver_release()
 {
+    ssdp_clear_handlers();
+    db_destroy();
+    upnp_client_db_free();
+    db_file_close();
+    HTTP_clear_handlers();
 }
 
 void upnp_mediaserver_start()

@@ -1,21 +1,205 @@
-// http_server.cpp: the listening side of the HTTP server. HTTP_listen binds
-// one socket per interface, stepping upward from the configured port when
-// it is busy; HTTP_accept runs on its own thread per interface until the
-// server status leaves 1. Request handling is not built yet: an accepted
-// connection is closed at once.
+// http_server.cpp: the server side of HTTP. It owns the route table, the
+// default page, the limits, the listening sockets and the table of live
+// connections.
+//
+// Order of work: start registers the routes and sets the default page,
+// then HTTP_listen binds one socket per interface, stepping upward from the
+// configured port when it is busy, and HTTP_accept runs on its own thread
+// per interface. Each accepted socket is checked against the connection
+// caps, entered in the connection table and handed to HTTP_receive on a
+// thread of its own, which serves requests until the peer goes, a limit
+// passes, or the server status leaves 1. Stop wakes every connection
+// through the table.
+//
+// Locks: http_connection_lock guards the connection table only. The route
+// table and the default page are written before any accept thread exists
+// and read without a lock. The limits are atomics.
 #include "http/http_server.h"
 
 #include "config/upnp_ini.h"
 #include "control/upnp_log.h"
 #include "control/upnp_mediaserver.h"
 #include "runtime/upnp_os.h"
+#include "runtime/upnp_string.h"
+#include "upnp/upnp_client.h"
 
 #include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 #include <unistd.h>
 
 static std::atomic<int32_t> http_accept_threads;
+
+// Written only during start, before the accept threads exist.
+static HTTP_handler http_handlers[HTTP_MAX_HANDLERS];
+static int32_t http_handler_total;
+static char http_default_page[HTTP_DEFAULT_PAGE_SIZE + 1];
+
+// ---- Limits ---------------------------------------------------------------
+
+static std::atomic<int32_t> http_head_timeout{HTTP_HEAD_TIMEOUT_MS};
+static std::atomic<int32_t> http_idle_timeout{HTTP_IDLE_TIMEOUT_MS};
+static std::atomic<int32_t> http_send_timeout{HTTP_SEND_TIMEOUT_MS};
+static std::atomic<int32_t> http_per_peer{HTTP_MAX_PER_PEER};
+static std::atomic<int32_t> http_total{HTTP_MAX_CONNECTIONS};
+static std::atomic<int64_t> http_body_max{HTTP_BODY_MAX};
+
+static int32_t http_clamp(int32_t value, int32_t low, int32_t high)
+{
+    return value < low ? low : value > high ? high : value;
+}
+
+void HTTP_set_limits(const HTTP_limits* limits)
+{
+    static const HTTP_limits defaults = {HTTP_HEAD_TIMEOUT_MS, HTTP_IDLE_TIMEOUT_MS, HTTP_SEND_TIMEOUT_MS,
+                                         HTTP_MAX_PER_PEER,    HTTP_MAX_CONNECTIONS, HTTP_BODY_MAX};
+    const HTTP_limits* l = limits ? limits : &defaults;
+    http_head_timeout = http_clamp(l->head_timeout_ms, 1, INT32_MAX);
+    http_idle_timeout = http_clamp(l->idle_timeout_ms, 1, INT32_MAX);
+    http_send_timeout = http_clamp(l->send_timeout_ms, 1, INT32_MAX);
+    http_per_peer = http_clamp(l->per_peer, 1, HTTP_MAX_CONNECTIONS);
+    http_total = http_clamp(l->total, 1, HTTP_MAX_CONNECTIONS);
+    http_body_max = l->body_max < 0 ? 0 : l->body_max;
+}
+
+void HTTP_get_limits(HTTP_limits* out)
+{
+    *out = {http_head_timeout, http_idle_timeout, http_send_timeout, http_per_peer, http_total, http_body_max};
+}
+
+// ---- Route table ----------------------------------------------------------
+
+int HTTP_register_handler(HTTP_handler_function function, int32_t methods, const char* url, int32_t want_body)
+{
+    const char* shown = url ? url : "";
+    if (http_handler_total >= HTTP_MAX_HANDLERS) {
+        upnp_log(UPNP_LOG_CRITICAL, UPNP_LOG_HTTP, "too many callback handlers registered %s\n", shown);
+        return 0;
+    }
+    if (!function) {
+        upnp_log(UPNP_LOG_ERROR, UPNP_LOG_HTTP, "Missing handler function for URL %s\n", shown);
+        return 0;
+    }
+    HTTP_handler* h = &http_handlers[http_handler_total];
+    if (strlen(shown) >= HTTP_HANDLER_URL_SIZE)
+        upnp_log(UPNP_LOG_ERROR, UPNP_LOG_HTTP, "URL too long for registration %s\n", shown);
+    snprintf(h->url, sizeof h->url, "%s", shown);
+    h->url_length = int32_t(strlen(h->url));
+    h->function = function;
+    h->methods = methods;
+    h->want_body = want_body;
+    http_handler_total++;
+    upnp_log(UPNP_LOG_INFO, UPNP_LOG_HTTP, "registered a handler for %s %d\n", shown, methods);
+    return 1;
+}
+
+void HTTP_clear_handlers()
+{
+    http_handler_total = 0;
+}
+
+int32_t HTTP_handler_count()
+{
+    return http_handler_total;
+}
+
+// With method 0 every mask fits, so an unknown method reaches the first
+// entry whose prefix fits.
+const HTTP_handler* HTTP_find_handler(int32_t method, const char* url)
+{
+    for (int32_t i = 0; i < http_handler_total; i++) {
+        const HTTP_handler* h = &http_handlers[i];
+        if ((h->methods & method) == method && strncmp(h->url, url, size_t(h->url_length)) == 0)
+            return h;
+    }
+    return nullptr;
+}
+
+void HTTP_set_default_page(const char* text)
+{
+    if (text && strlen(text) <= HTTP_DEFAULT_PAGE_SIZE)
+        snprintf(http_default_page, sizeof http_default_page, "%s", text);
+}
+
+const char* HTTP_get_default_page()
+{
+    return http_default_page;
+}
+
+// ---- Connection table -------------------------------------------------------
+
+struct http_slot {
+    int32_t socket;                 // -1 when free
+    char peer[16];
+};
+
+static std::mutex http_connection_lock;
+static http_slot http_slots[HTTP_MAX_CONNECTIONS];   // guarded by http_connection_lock
+static int32_t http_slots_used;                      // guarded by http_connection_lock
+static std::once_flag http_slots_once;
+
+static void http_slots_init()
+{
+    for (http_slot& s : http_slots)
+        s.socket = -1;
+}
+
+// A slot for the socket, or -1 when a cap refuses it; *why names the cap.
+static int32_t http_slot_take(int32_t socket, const char* peer, const char** why)
+{
+    std::call_once(http_slots_once, http_slots_init);
+    std::lock_guard<std::mutex> hold(http_connection_lock);
+    if (http_slots_used >= http_total) {
+        *why = "connections in all";
+        return -1;
+    }
+    int32_t same = 0, free_slot = -1;
+    for (int32_t i = 0; i < HTTP_MAX_CONNECTIONS; i++) {
+        if (http_slots[i].socket < 0) {
+            if (free_slot < 0)
+                free_slot = i;
+        } else if (strcmp(http_slots[i].peer, peer) == 0) {
+            same++;
+        }
+    }
+    if (same >= http_per_peer) {
+        *why = "connections from that address";
+        return -1;
+    }
+    http_slots[free_slot].socket = socket;
+    memcpy(http_slots[free_slot].peer, peer, sizeof http_slots[free_slot].peer);
+    http_slots_used++;
+    return free_slot;
+}
+
+// Before the socket is closed, so that stop never shuts a reused number.
+static void http_slot_release(int32_t slot)
+{
+    std::lock_guard<std::mutex> hold(http_connection_lock);
+    if (slot < 0 || slot >= HTTP_MAX_CONNECTIONS || http_slots[slot].socket < 0)
+        return;
+    http_slots[slot].socket = -1;
+    http_slots_used--;
+}
+
+int32_t HTTP_connection_count()
+{
+    std::lock_guard<std::mutex> hold(http_connection_lock);
+    return http_slots_used;
+}
+
+void HTTP_connections_shutdown()
+{
+    std::lock_guard<std::mutex> hold(http_connection_lock);
+    for (http_slot& s : http_slots)
+        if (s.socket >= 0)
+            upnp_socket_shutdown(s.socket);
+}
+
+// ---- Listening --------------------------------------------------------------
 
 // A failed bind steps to the next port; all failing unpins option ip, so
 // that the next start is not tied to an address that cannot serve.
@@ -59,6 +243,41 @@ int HTTP_listen(HTTP_server* server)
     return 1;
 }
 
+// ---- Accepting ----------------------------------------------------------------
+
+static void http_refuse(int32_t s, const char* peer, const char* why)
+{
+    upnp_log(UPNP_LOG_PROBLEM, UPNP_LOG_HTTP, "connection from %s refused: too many %s\n", peer, why);
+    upnp_socket_close(s);
+}
+
+// The connection's record and thread; on any failure the socket is closed.
+static void http_hand_on(HTTP_server* server, int32_t s)
+{
+    char peer[16];
+    upnp_socket_get_peer(s, peer, nullptr);
+    const char* why = nullptr;
+    int32_t slot = http_slot_take(s, peer, &why);
+    if (slot < 0) {
+        http_refuse(s, peer, why);
+        return;
+    }
+    HTTP_connection* c = static_cast<HTTP_connection*>(calloc(1, sizeof(HTTP_connection)));
+    if (c) {
+        c->server = server;
+        c->socket = s;
+        c->slot = slot;
+        c->accepted_ms = HTTP_clock_ms();
+        memcpy(c->peer, peer, sizeof c->peer);
+        upnp_socket_set_send_timeout(s, http_send_timeout);
+        if (upnp_thread_spawn(HTTP_receive, c, 0))
+            return;
+        free(c);
+    }
+    http_slot_release(slot);
+    upnp_socket_close(s);
+}
+
 void HTTP_accept(void* argument)
 {
     upnp_thread_set_name("HTTP_accept");
@@ -74,7 +293,9 @@ void HTTP_accept(void* argument)
     upnp_log(UPNP_LOG_INFO, UPNP_LOG_HTTP, "HTTP server started at http://%s:%d/\n", ip, port);
     while (upnp_server_get_status() == 1) {
         int32_t s = upnp_socket_accept(listener);
-        if (s >= 0)
+        if (s >= 0 && upnp_server_get_status() == 1)
+            http_hand_on(server, s);
+        else if (s >= 0)
             upnp_socket_close(s);
         else
             usleep(10 * 1000);   // out of descriptors: do not spin
@@ -97,4 +318,169 @@ int HTTP_accept_start(HTTP_server* server)
 int32_t HTTP_accept_count()
 {
     return http_accept_threads.load();
+}
+
+// ---- Connections --------------------------------------------------------------
+
+void HTTP_receive(void* argument)
+{
+    upnp_thread_set_name("HTTP_receive");
+    HTTP_connection* c = static_cast<HTTP_connection*>(argument);
+    int result = 0;
+    while (upnp_server_get_status() == 1 && result == 0)
+        result = HTTP_send_receive(c);
+    http_slot_release(c->slot);
+    // Any other result means a handler took the socket over.
+    if (result == 1 || result == 0)
+        upnp_socket_close(c->socket);
+    free(c);
+}
+
+// A keep-alive connection waits for the next request's first byte; the
+// first request of a connection has no idle time of its own.
+static int http_wait_request(HTTP_connection* c, HTTP_source* source)
+{
+    if (c->requests == 0) {
+        source->deadline_ms = c->accepted_ms + http_head_timeout;
+        return 1;
+    }
+    char byte;
+    upnp_socket_set_recv_timeout(c->socket, http_idle_timeout);
+    if (HTTP_recv_bytes(c->socket, &byte, 1, HTTP_RECV_PEEK) != 1)
+        return 0;
+    source->deadline_ms = HTTP_clock_ms() + http_head_timeout;
+    return 1;
+}
+
+static void http_request_begin(HTTP_connection* c, HTTP_request* r)
+{
+    memset(r, 0, sizeof *r);
+    r->socket = c->socket;
+    memcpy(r->client_ip, c->peer, sizeof c->peer);
+    snprintf(r->base_url, sizeof r->base_url, "http://%s:%d/", c->server->ip, c->server->port);
+    snprintf(r->rtsp_base_url, sizeof r->rtsp_base_url, "rtsp://%s:%d/", c->server->ip, c->server->second_port);
+    r->stream = c->stream;
+}
+
+static int http_read_request_head(HTTP_connection* c, HTTP_request* r)
+{
+    HTTP_source source = {c->socket, nullptr, 0, 0, 0};
+    int32_t n = 0;
+    if (http_wait_request(c, &source))
+        n = HTTP_source_read_header(&source, r->head, sizeof r->head);
+    c->requests++;
+    if (n == 0)
+        upnp_log(UPNP_LOG_INFO, UPNP_LOG_HTTP,
+                 "received no header in HTTP_send_receive, propably client closed socket!\n");
+    return n;
+}
+
+// An upload must announce itself with Expect, so that its body is not sent
+// before the server agreed.
+static int http_expect(HTTP_request* r, int* answer)
+{
+    if (strncmp(r->head, "POST", 4) == 0 && strstr(r->head, "createobject") &&
+        !upnp_stristr(r->head, "100-continue")) {
+        *answer = HTTP_send_status(r, 400);
+        return 0;
+    }
+    static const char go_on[] = "HTTP/1.1 100 Continue\r\nContent-Length: 0\r\n\r\n";
+    if (upnp_stristr(r->head, "100-continue") &&
+        HTTP_send_bytes(r->socket, go_on, sizeof go_on - 1) != sizeof go_on - 1) {
+        upnp_log(UPNP_LOG_ERROR, UPNP_LOG_HTTP, "Can't send 100-continue message!!!\n");
+        printf("Can't send 100-continue message!!!\n");
+    }
+    return 1;
+}
+
+static bool http_wants_body(const HTTP_handler* h, const HTTP_request* r)
+{
+    if (!h->want_body)
+        return false;
+    if (r->method == HTTP_METHOD_POST || r->method == HTTP_METHOD_NOTIFY)
+        return true;
+    return (r->method == HTTP_METHOD_SUBSCRIBE || r->method == HTTP_METHOD_UNSUBSCRIBE) && HTTP_is_chunked(r->head);
+}
+
+// The body into the request; 0 when the body was refused and the
+// connection must close.
+static int http_take_body(HTTP_request* r, upnp_string** body)
+{
+    HTTP_source source = {r->socket, nullptr, 0, 0, HTTP_clock_ms() + http_head_timeout};
+    int refused = 0;
+    *body = HTTP_source_read_body(&source, r->head, http_body_max, &refused);
+    if (refused) {
+        upnp_log(UPNP_LOG_PROBLEM, UPNP_LOG_HTTP, "request body from %s refused\n", r->client_ip);
+        return 0;
+    }
+    if (*body) {
+        r->body = (*body)->text;
+        r->content_length = (*body)->length;
+        if (upnp_log_channel_enabled(UPNP_LOG_HTTP))
+            upnp_log(UPNP_LOG_INFO, UPNP_LOG_HTTP, "%s\n", (*body)->length ? (*body)->text : "- NO BODY RECEIVED -");
+    }
+    return 1;
+}
+
+// After a refusal the peer may still be sending: a close with unread
+// bytes resets the connection, and the reset can destroy the answer
+// before the peer has read it. So what comes soon is read and dropped.
+static void http_linger(int32_t socket)
+{
+    char sink[4096];
+    int64_t until = HTTP_clock_ms() + 1000;
+    upnp_socket_set_recv_timeout(socket, 200);
+    for (int32_t dropped = 0; dropped < 256 * 1024 && HTTP_clock_ms() < until;) {
+        int32_t n = HTTP_recv_bytes(socket, sink, sizeof sink, 0);
+        if (n <= 0)
+            break;
+        dropped += n;
+    }
+}
+
+static int http_dispatch(HTTP_request* r)
+{
+    const HTTP_handler* h = HTTP_find_handler(r->method, r->url);
+    if (!h)
+        return HTTP_send_file_not_found(r);
+    upnp_string* body = nullptr;
+    if (http_wants_body(h, r) && !http_take_body(r, &body)) {
+        HTTP_send_status(r, 400);
+        http_linger(r->socket);
+        return 1;
+    }
+    int result = h->function(r);
+    upnp_string_free(body);
+    r->body = nullptr;
+    return result;
+}
+
+int HTTP_send_receive(HTTP_connection* c)
+{
+    HTTP_request request;
+    HTTP_request* r = &request;
+    http_request_begin(c, r);
+    int32_t n = http_read_request_head(c, r);
+    if (n == 0)
+        return 1;
+    int answer = 0;
+    if (!http_expect(r, &answer))
+        return answer;
+    // A NUL inside the head, a control byte or ".." in the URL: nothing a
+    // route should ever see.
+    if (!HTTP_parse_request_head(r) || strlen(r->head) != size_t(n)) {
+        upnp_log(UPNP_LOG_PROBLEM, UPNP_LOG_HTTP, "request from %s refused: bad URL\n", r->client_ip);
+        HTTP_send_status(r, 400);
+        http_linger(r->socket);
+        return 1;
+    }
+    r->client_id = upnp_client_lookup(r->client_ip, r->head);
+    if (upnp_log_channel_enabled(UPNP_LOG_HTTP))
+        upnp_log(UPNP_LOG_INFO, UPNP_LOG_HTTP, "%s", r->head);
+    // These players stay connected in spite of HTTP/1.0.
+    if (r->version == 10 && upnp_client_redsonic(r->client_id))
+        r->close = 0;
+    int result = http_dispatch(r);
+    c->stream = r->stream;
+    return r->close ? 1 : result;
 }

@@ -75,6 +75,8 @@ int32_t upnp_socket_send(int32_t s, const void* data, int32_t length);
 // Sends everything or fails: length, or -1.
 int32_t upnp_socket_send_all(int32_t s, const void* data, int32_t length);
 int32_t upnp_socket_recv(int32_t s, void* buffer, int32_t size);
+// As upnp_socket_recv, but the bytes stay queued for the next receive.
+int32_t upnp_socket_peek(int32_t s, void* buffer, int32_t size);
 int32_t upnp_socket_sendto(int32_t s, const void* data, int32_t length, const char* ip, int32_t port);
 // ip_out (UPNP_IP_TEXT_SIZE bytes) and port_out may be null; when nothing
 // came (a result below 1) they are "" and 0.
@@ -99,6 +101,9 @@ int upnp_socket_set_multicast_if(int32_t s, const char* interface_ip);
 // other socket of the host joined.
 int upnp_socket_set_multicast_all_off(int32_t s);
 int upnp_socket_set_pktinfo(int32_t s);
+// The netmask of the interface that holds ip, as dotted text into mask_out
+// (UPNP_IP_TEXT_SIZE bytes). 1, or 0 with mask_out "" when none holds it.
+int upnp_nic_netmask(const char* ip, char* mask_out);
 
 // Moves a new descriptor above 0 to 2, which the host may have closed and
 // which must never be mistaken for its standard streams. The descriptor

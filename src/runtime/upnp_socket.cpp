@@ -11,6 +11,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <ifaddrs.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -305,7 +306,7 @@ int32_t upnp_socket_send_all(int32_t s, const void* data, int32_t length)
     return length < 0 ? -1 : length;
 }
 
-int32_t upnp_socket_recv(int32_t s, void* buffer, int32_t size)
+static int32_t socket_recv_flags(int32_t s, void* buffer, int32_t size, int flags)
 {
     if (size < 0 || (!buffer && size > 0)) {
         errno = EINVAL;
@@ -313,9 +314,19 @@ int32_t upnp_socket_recv(int32_t s, void* buffer, int32_t size)
     }
     ssize_t n;
     do {
-        n = recv(s, buffer, size_t(size), 0);
+        n = recv(s, buffer, size_t(size), flags);
     } while (n < 0 && errno == EINTR);
     return n < 0 ? -1 : int32_t(n);
+}
+
+int32_t upnp_socket_recv(int32_t s, void* buffer, int32_t size)
+{
+    return socket_recv_flags(s, buffer, size, 0);
+}
+
+int32_t upnp_socket_peek(int32_t s, void* buffer, int32_t size)
+{
+    return socket_recv_flags(s, buffer, size, MSG_PEEK);
 }
 
 int32_t upnp_socket_sendto(int32_t s, const void* data, int32_t length, const char* ip, int32_t port)
@@ -480,6 +491,25 @@ int upnp_socket_set_multicast_all_off(int32_t s)
 int upnp_socket_set_pktinfo(int32_t s)
 {
     return socket_set_int(s, IPPROTO_IP, IP_PKTINFO, 1);
+}
+
+int upnp_nic_netmask(const char* ip, char* mask_out)
+{
+    if (!mask_out)
+        return 0;
+    mask_out[0] = 0;
+    in_addr wanted;
+    if (!ip || inet_pton(AF_INET, ip, &wanted) != 1)
+        return 0;
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0)
+        return 0;
+    for (ifaddrs* a = list; a && !mask_out[0]; a = a->ifa_next)
+        if (a->ifa_addr && a->ifa_netmask && a->ifa_addr->sa_family == AF_INET &&
+            reinterpret_cast<sockaddr_in*>(a->ifa_addr)->sin_addr.s_addr == wanted.s_addr)
+            socket_ip_text(reinterpret_cast<sockaddr_in*>(a->ifa_netmask)->sin_addr, mask_out);
+    freeifaddrs(list);
+    return mask_out[0] != 0;
 }
 
 // ---- Name lookup ------------------------------------------------------------

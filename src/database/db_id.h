@@ -1,0 +1,83 @@
+// db_id.h: how objects are named and ordered. The 32-bit id word and the id
+// text that clients see ("$"-joined words from below the root), lookups by
+// id text, by id word and by file path, the operations on children lists,
+// and the comparisons by which Browse and Search sort. All of it runs under
+// db_lock; the sort state is global and relies on it. Included by
+// db_object.h.
+#pragma once
+#include <cstdint>
+
+struct db_object;
+struct HTTP_request;
+
+// ---- Id words -------------------------------------------------------------
+
+uint32_t db_next_id(int32_t type);                   // per-type counter, raised first
+uint32_t db_make_id(uint32_t block, int32_t type);   // (block + oid_seed) cut to 27 bits
+uint32_t db_id_to_block(uint32_t id);                // sequence - oid_seed
+
+inline constexpr int32_t DB_ID_TEXT_SIZE = 256;
+// "-1" for null, "0" for the root, else the words up from the object,
+// outermost first, joined by "$". Cut to size (the result stays terminated).
+char* db_object_id_text(const db_object* o, char* buffer, int32_t size);
+
+// ---- Lookups --------------------------------------------------------------
+
+// By id text, aliases ("0\Music\" and the like) included. "0" is the music
+// root for a client with the flag AV:M. Null when any step fails.
+db_object* db_get_item_by_id(const char* text, const HTTP_request* request);
+// By id word: searched below the "All" container of the word's type, else
+// below the root. Null when absent.
+db_object* db_get_pItem_by_id(uint32_t id);
+// DBK_DLNA_MANAGED of the object with that id text, -1 if none.
+int32_t db_get_dlna_managed(const char* text);
+// Empties DBK_MIME_OVERRIDE of the object with that id text.
+void db_clear_import_uri(const char* text);
+
+// ---- Path index -------------------------------------------------------------
+
+// The folded hash of a path: its first 256 bytes, "A"-"Z" lowered, summed as
+// 64 little-endian 32-bit words.
+uint32_t db_path_hash(const char* path);
+// Notes that the record in block holds path. Entries are never removed;
+// every hit is proved against the record (db_record_store's read), so stale
+// ones are harmless.
+void db_path_index_add(uint32_t block, const char* path);
+void db_path_index_free();                           // when the database files close
+int32_t db_path_index_count();
+// upnp_cds_db_file_get_id_by_res (upnp/upnp_cds.h) answers the id word of
+// a path through this index, or 0.
+
+// ---- Lists ----------------------------------------------------------------
+
+db_object* db_container_child(const db_object* c, int32_t index);   // null outside 0..count-1
+int32_t db_container_child_count(const db_object* c);               // 0 for a non-container
+db_object* db_container_find(const db_object* c, uint32_t id);
+int db_container_has(const db_object* c, const db_object* child);    // that very pointer
+db_object* db_container_find_title(const db_object* c, const char* title);
+void db_container_clear_items(db_object* c);
+// Copies up to max child pointers into out; the number copied.
+int32_t db_container_children(const db_object* c, db_object** out, int32_t max);
+
+// ---- Sorting ----------------------------------------------------------------
+
+// Sets the sort state for the next sorts: the criteria (null or empty for
+// the default of the container type), the shuffle and no-UTF-8 flags.
+void db_sort_prepare(const char* criteria, int32_t container_type, const HTTP_request* request);
+// qsort comparator on two pointers to db_object pointers, by the prepared state.
+int db_sort_compare(const void* a, const void* b);
+// Sorts an array of object pointers by the prepared state. Use this rather
+// than qsort: the shuffle's comparator is not consistent.
+void db_sort_objects(db_object** objects, int32_t count);
+// Sorts the container's own children by the prepared state and marks it sorted.
+void db_container_sort(db_object* c);
+
+int db_fold_char(int first, int next);
+int db_compare_text(const char* a, const char* b);
+int db_compare_title(const db_object* a, const db_object* b);
+int db_compare_artist(const db_object* a, const db_object* b);
+int db_compare_album(const db_object* a, const db_object* b);
+int db_compare_genre(const db_object* a, const db_object* b);
+int db_compare_date(const db_object* a, const db_object* b);
+int db_compare_track(const db_object* a, const db_object* b);
+int db_compare_rating(const db_object* a, const db_object* b);

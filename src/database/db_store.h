@@ -1,0 +1,74 @@
+// db_store.h: the memory under the content tree, shared by db_object.cpp
+// and db_id.cpp only. Three arenas hand out 32-bit handles:
+//
+// - the object arena: records, slot arrays and small children arrays,
+//   exact sizes in 2-byte units, one free list per size;
+// - large children arrays, each a mapping of its own that grows without
+//   copying (handles with the top bit set);
+// - the string pool: interned texts, bump-allocated, freed only as a whole.
+//
+// Beside them stand the item index (id word to item). Everything here is
+// guarded by db_lock, like the tree.
+#pragma once
+#include "database/db_object.h"
+
+#include <cstddef>
+
+// ---- Object arena ---------------------------------------------------------
+
+extern char* db_arena_base;
+
+inline void* db_arena_ptr(uint32_t h) { return db_arena_base + size_t(h) * 2; }
+inline uint32_t db_arena_handle(const void* p)
+{
+    return p ? uint32_t(size_t(static_cast<const char*>(p) - db_arena_base) / 2) : 0;
+}
+inline db_object* db_obj(uint32_t h) { return h ? static_cast<db_object*>(db_arena_ptr(h)) : nullptr; }
+
+uint32_t db_arena_alloc(size_t bytes);          // even bytes; 0 when full
+void db_arena_free(uint32_t h, size_t bytes);
+void db_arena_reset();                          // drops everything, memory included
+size_t db_arena_resident();                     // bytes handed out and not freed
+
+// ---- Children arrays --------------------------------------------------------
+
+#pragma pack(push, 2)
+struct db_child_slot { uint32_t h; };           // an object handle, 2-byte aligned
+#pragma pack(pop)
+
+db_child_slot* db_array_ptr(uint32_t h);
+uint32_t db_array_alloc(int32_t capacity);      // 0 on failure
+// A handle for capacity new_cap holding the first keep slots of h; h is
+// then invalid unless the result is h. 0 on failure, with h untouched.
+uint32_t db_array_resize(uint32_t h, int32_t old_cap, int32_t new_cap, int32_t keep);
+void db_array_free(uint32_t h, int32_t capacity);
+
+// The rounding rule of children capacities: 0, multiples of 10 up to 100,
+// then multiples of 100.
+int32_t db_children_capacity(int32_t count);
+
+// ---- String pool ------------------------------------------------------------
+
+const char* db_pool_text(uint32_t h);           // null for 0 or a handle outside the pool
+uint32_t db_pool_intern(const char* text);      // 0 for null or no memory
+uint32_t db_pool_handle_of(const char* text);   // the handle if text is a pooled copy, else 0
+void db_pool_reset();
+
+// ---- Item index -------------------------------------------------------------
+
+void db_item_index_put(db_object* item);
+void db_item_index_drop(db_object* item);
+db_object* db_item_index_get(uint32_t id);
+void db_item_index_reset();
+
+// ---- Account ----------------------------------------------------------------
+
+extern int64_t db_used_mem;                     // bytes of records, by the sizes of the shapes
+int32_t db_record_size(const db_object* o);     // what one object counts, arrays included
+
+// ---- Between the two halves of the store ----------------------------------------
+
+// The record store's read of a block (db_object.cpp), for the path proof.
+char* db_record_read_path(uint32_t block, int32_t* type);
+// Forgets the sort state's cached options, at each db_create (db_id.cpp).
+void db_sort_reset();

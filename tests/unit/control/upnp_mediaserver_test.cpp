@@ -1,0 +1,31 @@
+// Tests of the service lifecycle's pure pieces; starting and stopping for
+// real is covered by the integration tests.
+#include "control/upnp_mediaserver.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+struct address_case { const char* page; int found; const char* address; };
+
+static const address_case address_cases[] = {
+    {"<html><head><title>Current IP Check</title></head><body>Current IP Address: 203.0.113.7</body>",
+     1, "203.0.113.7"},
+    {"<HTML><TITLE>198.51.100.23</TITLE>", 1, "198.51.100.23"},
+    {"<html><body>203.0.113.7</body>", 0, ""},                    // no title: nothing
+    {"<title>no digits at all", 0, ""},
+    {"<title>1234567890.1234567890.1234567890", 1, "1234567890.12345678"},   // at most 19 characters
+    {nullptr, 0, ""},
+};
+
+TEST(MediaServer, ExternalAddressIsTheDigitsAndDotsBehindTheTitle)
+{
+    for (const address_case& c : address_cases) {
+        SCOPED_TRACE(c.page ? c.page : "(null)");
+        char out[20] = "stale";
+        EXPECT_EQ(c.found, upnp_external_address_parse(c.page, out, sizeof out));
+        EXPECT_STREQ(c.address, out);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,768 @@
+// The object store: record sizes and the memory account, the string pool,
+// the accessors and their delegation, adding and removing items, change
+// events and the browsing policy.
+#include "database/db_object.h"
+
+#include "config/upnp_ini.h"
+#include "runtime/upnp_string.h"
+#include "unit/database/db_test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+using DbObject = DbStoreTest;
+
+// ---- Record sizes and the account ------------------------------------------
+
+TEST(DbObjectRecords, ShapesHaveTheirDesignedSizes)
+{
+    EXPECT_EQ(24u, sizeof(db_container));
+    EXPECT_EQ(20u, sizeof(db_item));
+    EXPECT_EQ(14u, sizeof(db_ref_track));
+    EXPECT_EQ(12u, sizeof(db_ref));
+    EXPECT_EQ(6u, sizeof(db_meta_entry));
+}
+
+TEST_F(DbObject, AccountCountsEachShapeAtItsSize)
+{
+    int64_t base = db_object_get_used_mem();
+    db_object* c = db_container_new(db_next_id(DB_OBJ_CONTAINER), "c", 0);
+    EXPECT_EQ(base + 24, db_object_get_used_mem());
+    db_object* item = add("/m/a.mp3", DB_OBJ_AUDIO, {{DBK_ALBUM, "A"}, {DBK_GENRE, "G"}});
+    ASSERT_NE(nullptr, item);
+    int64_t with_item = db_object_get_used_mem();
+    // 20 + 2 slots of 6, and the All container's first 10 slots of 4 bytes.
+    EXPECT_EQ(base + 24 + 20 + 12 + 40, with_item);
+    db_object* ref = db_ref_new(DB_OBJ_REF, item, 0);
+    EXPECT_EQ(with_item + 12, db_object_get_used_mem());
+    db_object* numbered = db_ref_new(DB_OBJ_REF_TRACK, item, 3);
+    EXPECT_EQ(with_item + 26, db_object_get_used_mem());
+    db_object_free(numbered);
+    db_object_free(ref);
+    db_object_free(c);
+    EXPECT_EQ(with_item - 24, db_object_get_used_mem());
+}
+
+TEST_F(DbObject, ChildrenCapacityFollowsTheRoundingRule)
+{
+    db_object* c = db_container_new(db_next_id(DB_OBJ_CONTAINER), "c", 0);
+    struct step { int count; int capacity; };
+    const step steps[] = {{1, 10}, {10, 10}, {11, 20}, {100, 100}, {101, 200}, {250, 300}, {1500, 1500}};
+    int64_t base = db_object_get_used_mem() - 24;
+    int added = 0;
+    for (const step& s : steps) {
+        SCOPED_TRACE(s.count);
+        for (; added < s.count; added++)
+            ASSERT_EQ(1, db_container_add_child(c, db_container_new(db_next_id(DB_OBJ_CONTAINER), nullptr, 0)));
+        EXPECT_EQ(base + 24 + 4 * s.capacity + 24 * added, db_object_get_used_mem());
+    }
+}
+
+TEST_F(DbObject, The101stChildRaisesTheAccountBy400Bytes)
+{
+    db_object* c = db_container_new(db_next_id(DB_OBJ_CONTAINER), "c", 0);
+    for (int i = 0; i < 100; i++)
+        db_container_add_child(c, db_container_new(db_next_id(DB_OBJ_CONTAINER), nullptr, 0));
+    db_object* last = db_container_new(db_next_id(DB_OBJ_CONTAINER), nullptr, 0);
+    int64_t before = db_object_get_used_mem();
+    db_container_add_child(c, last);
+    EXPECT_EQ(before + 400, db_object_get_used_mem());
+}
+
+TEST_F(DbObject, RemovingTheEleventhOfElevenShrinksToTen)
+{
+    db_object* c = db_container_new(db_next_id(DB_OBJ_CONTAINER), "c", 0);
+    std::vector<db_object*> kids;
+    for (int i = 0; i < 11; i++) {
+        kids.push_back(db_container_new(db_next_id(DB_OBJ_CONTAINER), nullptr, 0));
+        db_container_add_child(c, kids.back());
+    }
+    int64_t before = db_object_get_used_mem();
+    db_container_remove_child(c, kids[10]);
+    EXPECT_EQ(before - 40, db_object_get_used_mem());
+    EXPECT_EQ(10, db_container_child_count(c));
+    EXPECT_EQ(nullptr, db_object_parent(kids[10]));
+}
+
+TEST_F(DbObject, RemovingAChildKeepsTheOrderOfTheOthers)
+{
+    db_object* c = db_container_new(db_next_id(DB_OBJ_CONTAINER), "c", 0);
+    std::vector<db_object*> kids;
+    for (int i = 0; i < 5; i++) {
+        kids.push_back(db_container_new(db_next_id(DB_OBJ_CONTAINER), nullptr, 0));
+        db_container_add_child(c, kids.back());
+    }
+    db_container_remove_child(c, kids[1]);
+    db_container_remove_child(c, kids[1]);          // not there any more: nothing
+    ASSERT_EQ(4, db_container_child_count(c));
+    EXPECT_EQ(kids[0], db_container_child(c, 0));
+    EXPECT_EQ(kids[2], db_container_child(c, 1));
+    EXPECT_EQ(kids[4], db_container_child(c, 3));
+}
+
+TEST_F(DbObject, LargeContainersGrowAndShrinkWithoutLosingChildren)
+{
+    db_object* c = db_container_new(db_next_id(DB_OBJ_CONTAINER), "c", 0);
+    std::vector<db_object*> kids;
+    for (int i = 0; i < 5000; i++) {
+        kids.push_back(db_container_new(db_next_id(DB_OBJ_CONTAINER), nullptr, 0));
+        db_container_add_child(c, kids.back());
+    }
+    for (int i = 0; i < 4990; i++)
+        db_container_remove_child(c, kids[size_t(i)]);
+    ASSERT_EQ(10, db_container_child_count(c));
+    for (int i = 0; i < 10; i++)
+        EXPECT_EQ(kids[size_t(4990 + i)], db_container_child(c, i));
+}
+
+TEST_F(DbObject, SlotsCountSixBytesEachAndFreeingReturnsThem)
+{
+    db_object* item = add("/m/b.mp3", DB_OBJ_AUDIO, {});
+    ASSERT_NE(nullptr, item);
+    int64_t before = db_object_get_used_mem();
+    EXPECT_EQ(1, db_object_set_str(item, DBK_ALBUM, "X"));
+    EXPECT_EQ(1, db_object_set_int(item, DBK_BITRATE, 128000));
+    EXPECT_EQ(1, db_object_set_char(item, DBK_SOURCE_KIND, 'd'));
+    EXPECT_EQ(before + 18, db_object_get_used_mem());
+    EXPECT_EQ(3, db_object_meta_count(item));
+    db_container_remove_child(db_all_music, item);
+    int64_t detached = db_object_get_used_mem();
+    db_object_free(item);
+    EXPECT_EQ(detached - 20 - 18, db_object_get_used_mem());
+}
+
+TEST_F(DbObject, DestroyEmptiesTheAccountAndThePool)
+{
+    add("/m/c.mp3", DB_OBJ_AUDIO, {{DBK_ALBUM, "A"}});
+    EXPECT_GT(db_object_get_used_mem(), 0);
+    EXPECT_GT(db_string_pool_count(), 0);
+    db_destroy();
+    EXPECT_EQ(0, db_object_get_used_mem());
+    EXPECT_EQ(0, db_string_pool_count());
+    EXPECT_EQ(0, db_string_pool_get_used_mem());
+    EXPECT_EQ(nullptr, db_root);
+    db_lock();                  // no lock exists now: both do nothing
+    db_unlock();
+    db_create();                // for TearDown
+}
+
+// ---- String pool -------------------------------------------------------------
+
+TEST_F(DbObject, PoolSharesOneCopyAndCountsItOnce)
+{
+    int32_t count = db_string_pool_count();
+    int64_t used = db_string_pool_get_used_mem();
+    std::string text = "Abbey Road";
+    const char* a = db_string_pool_add(text.c_str());
+    const char* b = db_string_pool_add("Abbey Road");
+    EXPECT_EQ(a, b);
+    EXPECT_NE(text.c_str(), a);
+    EXPECT_STREQ("Abbey Road", a);
+    EXPECT_EQ(2u, db_string_pool_refs(a));
+    EXPECT_EQ(count + 1, db_string_pool_count());
+    EXPECT_EQ(used + 10 + 13, db_string_pool_get_used_mem());
+}
+
+TEST_F(DbObject, PoolTakesTheEmptyTextAndRefusesNull)
+{
+    const char* e = db_string_pool_add("");
+    ASSERT_NE(nullptr, e);
+    EXPECT_STREQ("", e);
+    EXPECT_EQ(e, db_string_pool_add(""));
+    EXPECT_EQ(nullptr, db_string_pool_add(nullptr));
+    EXPECT_EQ(0u, db_string_pool_refs("not pooled"));
+}
+
+TEST_F(DbObject, PoolKeepsEveryTextAcrossGrowth)
+{
+    std::vector<const char*> pooled;
+    for (int i = 0; i < 20000; i++)
+        pooled.push_back(db_string_pool_add(("text " + std::to_string(i)).c_str()));
+    for (int i = 0; i < 20000; i += 997) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(pooled[size_t(i)], db_string_pool_add(("text " + std::to_string(i)).c_str()));
+        EXPECT_STREQ(("text " + std::to_string(i)).c_str(), pooled[size_t(i)]);
+    }
+}
+
+TEST_F(DbObject, ItemsShareTheirPooledTexts)
+{
+    db_object* a = add("/m/1.mp3", DB_OBJ_AUDIO, {{DBK_ARTIST, "Abba"}});
+    db_object* b = add("/m/2.mp3", DB_OBJ_AUDIO, {{DBK_ARTIST, "Abba"}});
+    EXPECT_EQ(db_object_get_str(a, DBK_ARTIST), db_object_get_str(b, DBK_ARTIST));
+}
+
+// ---- Meta lists ----------------------------------------------------------------
+
+TEST(DbMetaList, AddsInFrontAndSkipsNullValues)
+{
+    char borrowed[] = "kept by caller";
+    db_meta_list* l = db_meta_list_add(nullptr, DBK_TITLE, "t", 0);
+    l = db_meta_list_add(l, DBK_ALBUM, nullptr, 0);
+    l = db_meta_list_add(l, DBK_ARTIST, borrowed, 1);
+    ASSERT_NE(nullptr, l);
+    EXPECT_EQ(DBK_ARTIST, l->key);
+    EXPECT_EQ(borrowed, l->value);
+    ASSERT_NE(nullptr, l->next);
+    EXPECT_EQ(DBK_TITLE, l->next->key);
+    EXPECT_EQ(nullptr, l->next->next);
+    db_meta_list_free(l);
+    EXPECT_STREQ("kept by caller", borrowed);
+}
+
+TEST(DbMetaList, TextHasTheTransitHeadAndHexFields)
+{
+    db_meta_list* l = db_test_list({{DBK_TITLE, "Song"}, {DBK_ALBUM, ""}, {DBK_PATH, "/m/s.mp3"}});
+    upnp_string* s = db_meta_list_to_text(l);
+    ASSERT_NE(nullptr, s);
+    EXPECT_STREQ(">>>>\n3C008/m/s.mp3\n14004Song\n0300214\n", s->text);
+    upnp_string_free(s);
+    db_meta_list_free(l);
+}
+
+TEST(DbMetaList, AValueTooLongForItsFieldIsLeftOutNotCut)
+{
+    std::string longest(1017, 'x'), over(1018, 'y');
+    db_meta_list* l = db_meta_list_add(nullptr, DBK_DESCRIPTION, longest.c_str(), 0);
+    l = db_meta_list_add(l, DBK_KEYWORDS, over.c_str(), 0);
+    l = db_meta_list_add(l, DBK_TITLE, "t", 0);
+    upnp_string* s = db_meta_list_to_text(l);
+    ASSERT_NE(nullptr, s);
+    EXPECT_EQ(">>>>\n14001t\n1C3F9" + longest + "\n", std::string(s->text));
+    upnp_string_free(s);
+    db_meta_list_free(l);
+}
+
+// ---- Reading texts -----------------------------------------------------------------
+
+TEST_F(DbObject, TitleFallsBackToUnknown)
+{
+    db_object* item = add("/m/t.mp3", DB_OBJ_AUDIO, {});
+    EXPECT_STREQ("Unknown", db_object_get_str(item, DBK_TITLE));
+    EXPECT_STREQ("Music", db_object_get_str(db_music_root, DBK_TITLE));
+    EXPECT_EQ(nullptr, db_object_get_str(nullptr, DBK_TITLE));
+}
+
+TEST_F(DbObject, AudioWithoutAnAlbumIsUnknownOnlyWithSomeSlot)
+{
+    db_object* bare = add("/m/bare.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "only a title"}});
+    EXPECT_EQ(nullptr, db_object_get_str(bare, DBK_ALBUM));
+    db_object* tagged = add("/m/tagged.mp3", DB_OBJ_AUDIO, {{DBK_BITRATE, "128"}});
+    struct unknown_case { int key; int type; bool unknown; };
+    const unknown_case cases[] = {
+        {DBK_ARTIST, DB_OBJ_AUDIO, true}, {DBK_ALBUM, DB_OBJ_AUDIO, true},
+        {DBK_CREATOR, DB_OBJ_AUDIO, true}, {DBK_GENRE, DB_OBJ_AUDIO, true},
+        {DBK_DESCRIPTION, DB_OBJ_AUDIO, false}, {DBK_GENRE, DB_OBJ_VIDEO, true},
+        {DBK_ARTIST, DB_OBJ_VIDEO, false}, {DBK_GENRE, DB_OBJ_PHOTO, false},
+    };
+    db_object* video = add("/v/a.avi", DB_OBJ_VIDEO, {{DBK_BITRATE, "1"}});
+    db_object* photo = add("/p/a.jpg", DB_OBJ_PHOTO, {{DBK_BITRATE, "1"}});
+    for (const unknown_case& c : cases) {
+        SCOPED_TRACE(c.key * 100 + c.type);
+        db_object* o = c.type == DB_OBJ_AUDIO ? tagged : c.type == DB_OBJ_VIDEO ? video : photo;
+        const char* v = db_object_get_str(o, c.key);
+        if (c.unknown)
+            EXPECT_STREQ("Unknown", v);
+        else
+            EXPECT_EQ(nullptr, v);
+    }
+}
+
+TEST_F(DbObject, FoldersReportTheirFirstTrack)
+{
+    db_object* album = db_container_new(db_next_id(DB_OBJ_MUSIC_ALBUM), "Gold", 0);
+    db_container_add_child(db_music_root, album);
+    db_object* t1 = add("/m/g1.mp3", DB_OBJ_AUDIO, {{DBK_ALBUM, "Gold"}, {DBK_ARTIST, "Abba"}, {DBK_GENRE, "Pop"}});
+    db_object* t2 = add("/m/g2.mp3", DB_OBJ_AUDIO, {{DBK_ALBUM, "Other"}});
+    db_container_add_child(album, db_ref_new(DB_OBJ_REF, t1, 0));
+    db_container_add_child(album, db_ref_new(DB_OBJ_REF, t2, 0));
+    EXPECT_STREQ("Gold", db_object_get_str(album, DBK_TITLE));
+    EXPECT_STREQ("Gold", db_object_get_str(album, DBK_ALBUM));
+    EXPECT_STREQ("Pop", db_object_get_str(album, DBK_GENRE));
+    EXPECT_STREQ("Abba", db_object_get_str(album, DBK_ARTIST));
+    db_object_set_str(t1, DBK_ALBUM_ARTIST, "Various");
+    EXPECT_STREQ("Various", db_object_get_str(album, DBK_ARTIST));
+    EXPECT_STREQ("Abba", db_object_get_str(db_container_child(album, 0), DBK_ARTIST));
+}
+
+TEST_F(DbObject, FoldersOfFoldersAndEmptyFoldersReportNothing)
+{
+    db_object* empty = db_container_new(db_next_id(DB_OBJ_CONTAINER), "e", 0);
+    EXPECT_EQ(nullptr, db_object_get_str(empty, DBK_ALBUM));
+    EXPECT_EQ(-1, db_object_get_int(empty, DBK_ART_OFFSET));
+    db_object* outer = db_container_new(db_next_id(DB_OBJ_CONTAINER), "o", 0);
+    db_container_add_child(outer, empty);
+    add("/m/x.mp3", DB_OBJ_AUDIO, {{DBK_ALBUM, "A"}});
+    EXPECT_EQ(nullptr, db_object_get_str(outer, DBK_ALBUM));
+}
+
+TEST_F(DbObject, ShadowsHaveNoTextAtAll)
+{
+    db_object* item = add("/m/gone.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "T"}, {DBK_ALBUM, "A"}, {DBK_BITRATE, "5"}});
+    db_object_retype(item, DB_OBJ_SHADOW);
+    EXPECT_EQ(DB_OBJ_SHADOW, db_object_type_of(item));
+    EXPECT_EQ(nullptr, db_object_get_str(item, DBK_TITLE));
+    EXPECT_EQ(nullptr, db_object_get_str(item, DBK_ALBUM));
+    EXPECT_EQ(5, db_object_get_int(item, DBK_BITRATE));
+}
+
+// ---- Reading numbers and characters -------------------------------------------------------
+
+TEST_F(DbObject, TrackComesFromItemReferenceOrNumber)
+{
+    db_object* item = add("/m/tr.mp3", DB_OBJ_AUDIO, {{DBK_TRACK, "7"}});
+    db_object* ref = db_ref_new(DB_OBJ_REF, item, 0);
+    db_object* numbered = db_ref_new(DB_OBJ_REF_TRACK, item, 3);
+    EXPECT_EQ(7, db_object_get_int(item, DBK_TRACK));
+    EXPECT_EQ(7, db_object_get_int(ref, DBK_TRACK));
+    EXPECT_EQ(3, db_object_get_int(numbered, DBK_TRACK));
+    EXPECT_EQ(-2, db_object_get_int(db_music_root, DBK_TRACK));
+    EXPECT_EQ(1, db_object_set_int(numbered, DBK_TRACK, 4));
+    EXPECT_EQ(4, db_object_get_int(numbered, DBK_TRACK));
+    EXPECT_EQ(0, db_object_set_int(db_music_root, DBK_TRACK, 4));
+}
+
+TEST_F(DbObject, FieldsAnswerFromTheRecord)
+{
+    db_object* item = add("/m/f.mp3", DB_OBJ_AUDIO, {});
+    db_object* ref = db_ref_new(DB_OBJ_REF, item, 0);
+    EXPECT_EQ(int32_t(item->id), db_object_get_int(item, DBK_OBJECT_ID));
+    EXPECT_EQ(int32_t(db_music_root->id), db_object_get_int(item, DBK_PARENT_ID));
+    EXPECT_EQ(-1, db_object_get_int(db_root, DBK_PARENT_ID));
+    EXPECT_EQ(1, db_object_get_int(db_music_root, DBK_CHILD_COUNT));
+    EXPECT_EQ(int32_t(item->id), db_object_get_int(ref, DBK_TARGET_ID));
+    EXPECT_EQ(-1, db_object_get_int(item, DBK_TARGET_ID));
+    EXPECT_EQ(item, db_object_get_ptr(ref, DBK_TARGET));
+    EXPECT_STREQ("Music", static_cast<const char*>(db_object_get_ptr(db_music_root, DBK_TARGET)));
+    EXPECT_EQ(-1, db_object_get_int(item, DBK_ALBUM));     // a text key read as a number
+}
+
+TEST_F(DbObject, FolderCoverComesFromAnyTrackThatHasOne)
+{
+    db_object* album = db_container_new(db_next_id(DB_OBJ_MUSIC_ALBUM), "A", 0);
+    db_object* plain = add("/m/p1.mp3", DB_OBJ_AUDIO, {{DBK_BITRATE, "1"}});
+    db_object* covered = add("/m/p2.mp3", DB_OBJ_AUDIO, {{DBK_ART_OFFSET, "4096"}, {DBK_ART_SIZE, "777"}});
+    db_container_add_child(album, db_ref_new(DB_OBJ_REF, plain, 0));
+    db_container_add_child(album, db_ref_new(DB_OBJ_REF, covered, 0));
+    EXPECT_EQ(4096, db_object_get_int(album, DBK_ART_OFFSET));
+    EXPECT_EQ(777, db_object_get_int(album, DBK_ART_SIZE));
+    EXPECT_EQ(-1, db_object_get_int(album, DBK_BITRATE + 1));  // other keys look at the first only
+}
+
+TEST_F(DbObject, FlagsReadAndWriteAsCharacters)
+{
+    db_object* c = db_container_new(db_next_id(DB_OBJ_CONTAINER), "c", 1);
+    EXPECT_EQ('1', db_object_get_char(c, DBK_RESTRICTED));
+    EXPECT_EQ(0, db_object_set_char(c, DBK_RESTRICTED, '1'));
+    EXPECT_EQ(1, db_object_set_char(c, DBK_RESTRICTED, 'x'));     // anything but "1" clears
+    EXPECT_EQ('0', db_object_get_char(c, DBK_RESTRICTED));
+    EXPECT_EQ(0, db_object_set_char(c, DBK_RESTRICTED, '0'));
+    EXPECT_EQ(1, db_object_set_char(c, DBK_SORTED, '1'));
+    EXPECT_EQ('1', db_object_get_char(c, DBK_SORTED));
+    db_container_mark_changed(c);
+    EXPECT_EQ('0', db_object_get_char(c, DBK_SORTED));
+    EXPECT_EQ('1', db_object_get_char(c, DBK_EVENT_PENDING));
+}
+
+TEST_F(DbObject, CharacterSlotsStoreOneByte)
+{
+    db_object* item = add("/m/ch.mp3", DB_OBJ_AUDIO, {});
+    EXPECT_EQ('0', db_object_get_char(item, DBK_SOURCE_KIND));
+    EXPECT_EQ(0, db_object_set_char(item, DBK_SOURCE_KIND, 0));   // a zero byte adds nothing
+    EXPECT_EQ(0, db_object_meta_count(item));
+    EXPECT_EQ(1, db_object_set_char(item, DBK_SOURCE_KIND, 'h'));
+    EXPECT_EQ(0, db_object_set_char(item, DBK_SOURCE_KIND, 'h'));
+    EXPECT_EQ('h', db_object_get_char(item, DBK_SOURCE_KIND));
+    EXPECT_EQ('h', db_object_get_char(db_ref_new(DB_OBJ_REF, item, 0), DBK_SOURCE_KIND));
+}
+
+// ---- Writing ----------------------------------------------------------------------------
+
+TEST_F(DbObject, AChangeOfCaseAloneIsNoChangeExceptForTitles)
+{
+    db_object* item = add("/m/case.mp3", DB_OBJ_AUDIO, {{DBK_ALBUM, "gold"}, {DBK_TITLE, "song"}});
+    EXPECT_EQ(0, db_object_set_str(item, DBK_ALBUM, "GOLD"));
+    EXPECT_STREQ("gold", db_object_get_str(item, DBK_ALBUM));
+    EXPECT_EQ(1, db_object_set_str(item, DBK_TITLE, "SONG"));
+    EXPECT_STREQ("SONG", db_object_get_str(item, DBK_TITLE));
+    EXPECT_EQ(0, db_object_set_str(item, DBK_TITLE, "SONG"));
+}
+
+TEST_F(DbObject, NullClearsAnExistingSlotOnly)
+{
+    db_object* item = add("/m/null.mp3", DB_OBJ_AUDIO, {{DBK_DESCRIPTION, "d"}});
+    EXPECT_EQ(0, db_object_set_str(item, DBK_KEYWORDS, nullptr));
+    EXPECT_EQ(1, db_object_set_str(item, DBK_DESCRIPTION, nullptr));
+    EXPECT_EQ(nullptr, db_object_get_str(item, DBK_DESCRIPTION));
+    EXPECT_EQ(1, db_object_meta_count(item));
+}
+
+TEST_F(DbObject, SizeTextBecomesANumberBelowTheLimit)
+{
+    db_object* item = add("/m/size.mp3", DB_OBJ_AUDIO, {});
+    EXPECT_EQ(1, db_object_set_str(item, DBK_SIZE_TEXT, "2147483646"));
+    EXPECT_EQ(2147483646, db_object_get_int(item, DBK_SIZE));
+    EXPECT_EQ(nullptr, db_object_get_str(item, DBK_SIZE_TEXT));
+    db_object* big = add("/m/big.mp3", DB_OBJ_AUDIO, {});
+    EXPECT_EQ(1, db_object_set_str(big, DBK_SIZE_TEXT, "2147483647"));
+    EXPECT_STREQ("2147483647", db_object_get_str(big, DBK_SIZE_TEXT));
+    EXPECT_EQ(-1, db_object_get_int(big, DBK_SIZE));
+}
+
+TEST_F(DbObject, OnlyItemsTakeSlots)
+{
+    EXPECT_EQ(0, db_object_set_str(db_music_root, DBK_ALBUM, "A"));
+    EXPECT_EQ(0, db_object_set_int(db_music_root, DBK_BITRATE, 5));
+    EXPECT_EQ(1, db_object_set_str(db_music_root, DBK_TITLE, "Tunes"));
+    db_object* item = add("/m/slots.mp3", DB_OBJ_AUDIO, {});
+    EXPECT_EQ(0, db_object_set_int(item, DBK_ALBUM, 5));          // wrong shape: refused
+    EXPECT_EQ(0, db_object_set_str(item, DBK_BITRATE, "5"));
+}
+
+TEST_F(DbObject, SlotsStopGrowingAtTheirCap)
+{
+    db_object* item = add("/m/many.mp3", DB_OBJ_AUDIO, {});
+    for (int key = 100; key < 1200; key++)
+        db_object_set_str(item, key, "v");
+    EXPECT_EQ(1001, db_object_meta_count(item));
+    EXPECT_STREQ("v", db_object_get_str(item, 1199));
+    EXPECT_EQ(nullptr, db_object_get_str(item, 1100));   // overwritten by later keys
+}
+
+TEST_F(DbObject, IdChangesKeepTheShape)
+{
+    db_object* item = add("/m/id.mp3", DB_OBJ_AUDIO, {});
+    uint32_t container_id = uint32_t(DB_OBJ_CONTAINER) << DB_ID_TYPE_SHIFT | 5;
+    EXPECT_EQ(0, db_object_set_int(item, DBK_OBJECT_ID, int32_t(container_id)));
+    uint32_t video_id = uint32_t(DB_OBJ_VIDEO) << DB_ID_TYPE_SHIFT | 99;
+    EXPECT_EQ(1, db_object_set_int(item, DBK_OBJECT_ID, int32_t(video_id)));
+    EXPECT_EQ(video_id, item->id);
+}
+
+TEST_F(DbObject, ChildCountOnlyShrinks)
+{
+    db_object* c = db_container_new(db_next_id(DB_OBJ_CONTAINER), "c", 0);
+    db_object* a = db_container_new(db_next_id(DB_OBJ_CONTAINER), "a", 0);
+    db_object* b = db_container_new(db_next_id(DB_OBJ_CONTAINER), "b", 0);
+    db_container_add_child(c, a);
+    db_container_add_child(c, b);
+    EXPECT_EQ(0, db_object_set_int(c, DBK_CHILD_COUNT, 5));
+    EXPECT_EQ(1, db_object_set_int(c, DBK_CHILD_COUNT, 1));
+    EXPECT_EQ(1, db_container_child_count(c));
+    EXPECT_EQ(nullptr, db_object_parent(b));
+}
+
+TEST_F(DbObject, ApplyMetaStoresEachKeyByItsClass)
+{
+    db_object* item = add("/m/apply.mp3", DB_OBJ_AUDIO, {});
+    db_meta_list* l = db_test_list({{DBK_ALBUM, "Album"}, {DBK_BITRATE, "320000"}, {DBK_DURATION, "1:02:03.500"},
+                                    {DBK_SOURCE_KIND, "dfile"}, {DBK_OBJECT_ID, "5"}, {DBK_MIME_OVERRIDE, "x"},
+                                    {DBK_TITLE, "Title"}});
+    EXPECT_EQ(1, db_object_apply_meta(item, l));
+    EXPECT_STREQ("Album", db_object_get_str(item, DBK_ALBUM));
+    EXPECT_STREQ("Title", db_object_get_str(item, DBK_TITLE));
+    EXPECT_EQ(320000, db_object_get_int(item, DBK_BITRATE));
+    EXPECT_EQ(3723000, db_object_get_int(item, DBK_DURATION));     // the fraction is dropped
+    EXPECT_EQ('d', db_object_get_char(item, DBK_SOURCE_KIND));
+    EXPECT_EQ(nullptr, db_object_get_str(item, DBK_MIME_OVERRIDE)); // class none: ignored
+    EXPECT_NE(5u, item->id);
+    EXPECT_EQ(0, db_object_apply_meta(item, l));                    // the same again changes nothing
+    db_meta_list_free(l);
+}
+
+TEST_F(DbObject, DurationTakesAFourthFieldOfMilliseconds)
+{
+    db_object* item = add("/m/dur.mp3", DB_OBJ_AUDIO, {{DBK_DURATION, "0:00:05:250"}});
+    EXPECT_EQ(5250, db_object_get_int(item, DBK_DURATION));
+}
+
+TEST_F(DbObject, AdaptCaseRewritesNamesWhenTheOptionIsOn)
+{
+    upnp_ini_set(UPNP_OPT_ADAPTCASE, "1");
+    db_object* item = add("/m/adapt.mp3", DB_OBJ_AUDIO, {{DBK_ARTIST, "the BEATLES"}, {DBK_DESCRIPTION, "the X"}});
+    upnp_ini_set(UPNP_OPT_ADAPTCASE, "0");
+    EXPECT_STREQ("Beatles, The", db_object_get_str(item, DBK_ARTIST));
+    EXPECT_STREQ("the X", db_object_get_str(item, DBK_DESCRIPTION));
+}
+
+TEST_F(DbObject, ClassTextFollowsTheType)
+{
+    EXPECT_STREQ("object.container.musicContainer", db_object_class(db_music_root));
+    EXPECT_STREQ("object.container", db_object_class(db_document_root));
+    db_object* item = add("/m/cls.mp3", DB_OBJ_AUDIO, {});
+    EXPECT_STREQ("object.item.audioItem.musicTrack", db_object_class(item));
+    EXPECT_STREQ("object.item", db_object_class(db_ref_new(DB_OBJ_REF, item, 0)));
+    EXPECT_EQ(nullptr, db_object_class(nullptr));
+}
+
+TEST_F(DbObject, MetaSlotsReadBackForTheRecordWriter)
+{
+    db_object* item = add("/m/w.mp3", DB_OBJ_AUDIO, {{DBK_ALBUM, "A"}, {DBK_BITRATE, "9"}});
+    std::map<int, std::string> seen;
+    uint16_t key;
+    const char* text;
+    int32_t number;
+    for (int i = 0; db_object_meta_at(item, i, &key, &text, &number); i++)
+        seen[key] = text ? text : std::to_string(number);
+    EXPECT_EQ("A", seen[DBK_ALBUM]);
+    EXPECT_EQ("9", seen[DBK_BITRATE]);
+    EXPECT_EQ(0, db_object_meta_at(item, 2, &key, &text, &number));
+}
+
+// ---- Adding and removing --------------------------------------------------------------------
+
+TEST_F(DbObject, AddEntersTheItemInItsAllContainer)
+{
+    db_object* item = add("/m/new.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "New"}});
+    ASSERT_NE(nullptr, item);
+    EXPECT_EQ(db_all_music, db_object_parent(item));
+    EXPECT_EQ(db_make_id(1, DB_OBJ_AUDIO), item->id);
+    EXPECT_EQ(1, files.stores);
+    EXPECT_EQ("/m/new.mp3", files.blocks[1].path);
+    EXPECT_EQ(1, db_count_music());
+    EXPECT_GT(db_get_last_change(), 0);
+}
+
+TEST_F(DbObject, AddRefusesWhatHasNoPlace)
+{
+    const int refused[] = {DB_OBJ_CONTAINER, DB_OBJ_AUDIO_BROADCAST, DB_OBJ_AUDIO_STREAM, DB_OBJ_REF, DB_OBJ_SHADOW, 24};
+    for (int type : refused) {
+        SCOPED_TRACE(type);
+        EXPECT_EQ(nullptr, add("/x/" + std::to_string(type), type, {{DBK_TITLE, "t"}}));
+    }
+    db_meta_list* l = db_test_list({{DBK_TITLE, "t"}});
+    EXPECT_EQ(nullptr, db_object_add(l, nullptr, DB_OBJ_AUDIO, 5, nullptr, 0));
+    EXPECT_EQ(nullptr, db_object_add(nullptr, "/m/n.mp3", DB_OBJ_AUDIO, 5, nullptr, 0));
+    // Types 12 and 18 have no "All" container: nothing is kept.
+    EXPECT_EQ(nullptr, db_object_add(l, "/m/movie", DB_OBJ_VIDEO_MOVIE, 9, nullptr, 0));
+    db_meta_list_free(l);
+    EXPECT_EQ(0, db_count_videos());
+}
+
+TEST_F(DbObject, AddWithABlockWritesNothing)
+{
+    db_meta_list* l = db_test_list({{DBK_TITLE, "Loaded"}});
+    files.blocks[42] = {"/m/loaded.mp3", DB_OBJ_AUDIO};
+    db_object* o = db_object_add(l, "/m/loaded.mp3", DB_OBJ_AUDIO, 42, nullptr, 0);
+    db_meta_list_free(l);
+    ASSERT_NE(nullptr, o);
+    EXPECT_EQ(db_make_id(42, DB_OBJ_AUDIO), o->id);
+    EXPECT_EQ(0, files.stores);
+    EXPECT_EQ(o, db_object_find_by_path("/m/loaded.mp3"));
+}
+
+TEST_F(DbObject, UnchangedRescanCostsNoWrite)
+{
+    db_object* first = add("/m/same.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "Same"}});
+    db_object* again = add("/m/same.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "Same"}});
+    EXPECT_EQ(first, again);
+    EXPECT_EQ(1, files.stores);
+    EXPECT_EQ(0, files.rewrites);
+    EXPECT_EQ(1, db_count_music());
+}
+
+TEST_F(DbObject, ChangedFileIsRewrittenInPlaceAndRefiled)
+{
+    db_object* item = add("/m/upd.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "Old"}});
+    uint32_t id = item->id;
+    db_object* folder = db_container_new(db_next_id(DB_OBJ_MUSIC_ALBUM), "f", 0);
+    db_container_add_child(db_root, folder);
+    db_container_add_child(folder, db_ref_new(DB_OBJ_REF, item, 0));
+    int rules = 0;
+    static int* rule_calls;
+    rule_calls = &rules;
+    db_set_tree_rules([](db_object*, db_object*, db_object*, const char*) { (*rule_calls)++; });
+    db_object* updated = add("/m/upd.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "New"}});
+    EXPECT_EQ(item, updated);
+    EXPECT_EQ(id, updated->id);
+    EXPECT_EQ(1, files.rewrites);
+    EXPECT_EQ(0, db_container_child_count(folder));           // its old references are gone
+    EXPECT_EQ(1, db_take_container_sweep());
+    EXPECT_EQ(1, rules);
+    EXPECT_EQ(1, db_count_music());                            // still once in All
+    EXPECT_STREQ("New", db_object_get_str(item, DBK_TITLE));
+}
+
+TEST_F(DbObject, RemoveByPathDeletesItemReferencesAndRecord)
+{
+    db_object* item = add("/m/rm.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "Rm"}});
+    db_object* folder = db_container_new(db_next_id(DB_OBJ_PLAYLIST_CONTAINER), "pl", 0);
+    db_container_add_child(db_music_root, folder);
+    db_container_add_child(folder, db_ref_new(DB_OBJ_REF_TRACK, item, 1));
+    db_container_add_child(folder, db_ref_new(DB_OBJ_REF_TRACK, item, 2));
+    EXPECT_EQ(1, db_object_remove("/m/rm.mp3"));
+    EXPECT_EQ(0, db_container_child_count(folder));
+    EXPECT_EQ(1, files.frees);
+    EXPECT_EQ(0, db_object_remove("/m/rm.mp3"));
+    EXPECT_EQ(0, db_object_remove(nullptr));
+    EXPECT_EQ(1, db_count_music());                             // only the playlist folder is left
+}
+
+TEST_F(DbObject, MemoryLimitRefusesEveryLaterFile)
+{
+    ASSERT_NE(nullptr, add("/m/fits.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "fits"}}));
+    db_string_pool_add(std::string(2000, 'p').c_str());
+    g_db_max_mem = 1;               // 1 KiB, long passed
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(nullptr, add("/m/over.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "over"}}));
+    EXPECT_EQ(nullptr, add("/m/fits.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "changed"}}));
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(std::string::npos, out.find("mem limit reached\n"));
+    EXPECT_EQ(1, db_count_music());
+    g_db_max_mem = 0;
+    EXPECT_NE(nullptr, add("/m/over.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "over"}}));
+}
+
+TEST_F(DbObject, NoRecordStoreMeansNoNewFiles)
+{
+    db_set_record_store(nullptr);
+    EXPECT_EQ(nullptr, add("/m/nofile.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "t"}}));
+}
+
+// ---- Events -------------------------------------------------------------------------------------
+
+struct event_seen { uint32_t id; std::string list; bool had_list; };
+static std::vector<event_seen>* events_seen;
+
+static void record_event(uint32_t id, const char* list)
+{
+    events_seen->push_back({id, list ? list : "", list != nullptr});
+}
+
+class DbEvents : public DbStoreTest {
+protected:
+    std::vector<event_seen> seen;
+    void SetUp() override
+    {
+        DbStoreTest::SetUp();
+        events_seen = &seen;
+        db_set_event_sink(record_event);
+    }
+};
+
+TEST_F(DbEvents, TwoChangesWithinTwoSecondsMakeOneEvent)
+{
+    uint32_t before = db_get_system_update_id();
+    int32_t music_uid = db_object_get_int(db_music_root, DBK_UPDATE_ID);
+    db_container_mark_changed(db_music_root);
+    db_container_mark_changed(db_music_root);          // still pending: no second raise
+    db_container_mark_changed(db_video_root);
+    db_event_check(5000);
+    ASSERT_EQ(1u, seen.size());
+    EXPECT_EQ(before + 1, seen[0].id);
+    char m[DB_ID_TEXT_SIZE], v[DB_ID_TEXT_SIZE];
+    db_object_id_text(db_music_root, m, sizeof m);
+    db_object_id_text(db_video_root, v, sizeof v);
+    EXPECT_EQ(std::string(m) + "," + std::to_string(music_uid + 1) + "," + v + "," +
+                  std::to_string(db_object_get_int(db_video_root, DBK_UPDATE_ID)),
+              seen[0].list);
+    EXPECT_EQ('0', db_object_get_char(db_music_root, DBK_EVENT_PENDING));
+    db_event_check(5001);
+    db_event_check(5010);
+    EXPECT_EQ(1u, seen.size());                         // nothing new is dirty
+}
+
+TEST_F(DbEvents, AtMostOneEventEveryTwoSeconds)
+{
+    db_container_mark_changed(db_music_root);
+    db_event_check(6000);
+    db_container_mark_changed(db_music_root);
+    db_event_check(6001);
+    EXPECT_EQ(1u, seen.size());
+    db_event_check(6002);
+    ASSERT_EQ(2u, seen.size());
+    EXPECT_EQ(seen[0].id + 1, seen[1].id);
+}
+
+TEST_F(DbEvents, PolicyChangeRepeatsAnEmptyEventUntilAContainerChanges)
+{
+    uint32_t before = db_get_system_update_id();
+    EXPECT_EQ(1, db_set_browsing_policy(DB_OBJ_AUDIO, 0));
+    size_t first = seen.size();
+    ASSERT_GE(first, 1u);                               // sent at once
+    EXPECT_FALSE(seen.back().had_list);
+    EXPECT_EQ(before, seen.back().id);
+    int64_t now = int64_t(time(nullptr)) + 10;
+    db_event_check(now);
+    db_event_check(now + 2);
+    EXPECT_EQ(first + 2, seen.size());
+    EXPECT_EQ(before, seen.back().id);
+    db_container_mark_changed(db_music_root);
+    db_event_check(now + 4);
+    db_event_check(now + 6);
+    EXPECT_EQ(first + 3, seen.size());
+    EXPECT_TRUE(seen.back().had_list);
+    EXPECT_EQ(before + 1, seen.back().id);
+    db_set_browsing_policy(DB_OBJ_AUDIO, 1);
+}
+
+TEST_F(DbEvents, AnOverlongListGoesOutInParts)
+{
+    std::vector<db_object*> folders;
+    // About 22 characters a pair: two events' worth.
+    for (int i = 0; i < 1000; i++) {
+        folders.push_back(db_container_new(db_next_id(DB_OBJ_MUSIC_ALBUM), "f", 0));
+        db_container_add_child(db_music_root, folders.back());
+        db_container_mark_changed(folders.back());
+    }
+    uint32_t before = db_get_system_update_id();
+    db_event_check(7000);
+    ASSERT_EQ(1u, seen.size());
+    EXPECT_GE(seen[0].list.size(), 20001u);
+    EXPECT_EQ(before, seen[0].id);                      // the id rises only with a whole list
+    db_event_check(7002);
+    ASSERT_EQ(2u, seen.size());
+    EXPECT_LT(seen[1].list.size(), 20000u);
+    EXPECT_EQ(before + 1, seen[1].id);
+    for (db_object* f : folders)
+        ASSERT_EQ('0', db_object_get_char(f, DBK_EVENT_PENDING));
+}
+
+TEST_F(DbEvents, TheSinkRunsWithoutTheLock)
+{
+    static bool lock_was_free;
+    lock_was_free = false;
+    db_set_event_sink([](uint32_t, const char*) {
+        // Another thread can take the lock only if this one does not hold it.
+        std::thread t([] { db_lock(); db_unlock(); lock_was_free = true; });
+        t.join();
+    });
+    db_container_mark_changed(db_music_root);
+    db_event_check(8000);
+    EXPECT_TRUE(lock_was_free);
+}
+
+// ---- Browsing policy ---------------------------------------------------------------------------
+
+TEST_F(DbObject, BrowsingPolicyCoversTheFourMediaKinds)
+{
+    EXPECT_EQ(0, db_set_browsing_policy(DB_OBJ_CONTAINER, 0));
+    EXPECT_EQ(0, db_set_browsing_policy(DB_OBJ_AUDIO_BROADCAST, 0));
+    EXPECT_EQ(1, db_set_browsing_policy(DB_OBJ_AUDIO, 0));
+    EXPECT_EQ(1, db_set_browsing_policy(DB_OBJ_PHOTO, 0));
+    struct allowed_case { int type; int allowed; };
+    const allowed_case cases[] = {
+        {2, 0}, {6, 0}, {8, 0}, {9, 0}, {14, 0}, {3, 0}, {7, 0}, {13, 0},
+        {4, 1}, {16, 1}, {17, 1}, {0, 1}, {15, 1}, {22, 1},
+    };
+    for (const allowed_case& c : cases) {
+        SCOPED_TRACE(c.type);
+        EXPECT_EQ(c.allowed, db_browsing_allowed(c.type));
+    }
+    db_set_browsing_policy(DB_OBJ_AUDIO, 1);
+    db_set_browsing_policy(DB_OBJ_PHOTO, 1);
+    EXPECT_EQ(1, db_browsing_allowed(DB_OBJ_MUSIC_ALBUM));
+    EXPECT_EQ(1u, db_get_browsing_policy(DB_OBJ_PHOTO));
+}
+
+TEST_F(DbObject, RequestsAreTakenOnce)
+{
+    db_request_write();
+    EXPECT_EQ(1, db_take_write_request());
+    EXPECT_EQ(0, db_take_write_request());
+}

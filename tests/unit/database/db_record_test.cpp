@@ -1,0 +1,242 @@
+#include "database/db_record.h"
+
+#include "database/db_object.h"
+#include "runtime/upnp_string.h"
+#include "unit/database/db_test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+typedef std::vector<std::pair<int, std::string>> db_fields;
+
+// The list in its own order (newest node first).
+static db_fields db_list_fields(const db_meta_list* list)
+{
+    db_fields out;
+    for (; list; list = list->next)
+        out.push_back({list->key, list->value ? list->value : "<null>"});
+    return out;
+}
+
+struct parsed {
+    db_fields fields;
+    std::string path;
+    int32_t type;
+};
+
+// Parses from a block of exactly the text's size, so that any read past
+// the end is a read outside the allocation.
+static parsed db_parse(const std::string& text)
+{
+    std::vector<char> exact(text.begin(), text.end());
+    db_meta_list* list = nullptr;
+    char* path = nullptr;
+    parsed out;
+    EXPECT_EQ(1, upnp_cds_db_main_db_parse(exact.data(), int32_t(exact.size()), &list, &path, &out.type));
+    out.fields = db_list_fields(list);
+    out.path = path ? path : "<null>";
+    db_meta_list_free(list);
+    free(path);
+    return out;
+}
+
+struct parse_case {
+    const char* name;
+    std::string text;
+    std::string path;
+    int32_t type;
+    db_fields fields;
+};
+
+static const parse_case parse_cases[] = {
+    {"stored record", "03002" "14\n" "3C00A/m/a.b.mp3\n" "14003abc\n", "/m/a.b.mp3", 14, {{20, "abc"}, {12, "mp3"}}},
+    {"transit head", ">>>>\n" "03002" "16\n" "14001x\n", "<null>", 16, {{20, "x"}}},
+    {"lone head byte", ">abc", "<null>", 24, {}},
+    {"non-hex digits count as 0", "1G003abc\n" "14Z02xy\n", "<null>", 24, {{20, "xy"}, {16, "abc"}}},
+    {"value past the end is empty", "14001x\n" "1C009abc", "<null>", 24, {{28, ""}, {20, "x"}}},
+    {"value without line end at the end", "14003abc", "<null>", 24, {{20, "abc"}}},
+    {"key 255 and above dropped", "FF003abc\n" "14001x\n", "<null>", 24, {{20, "x"}}},
+    {"short tail ignored", "14001x\n" "14", "<null>", 24, {{20, "x"}}},
+    {"no type", "3C004/a.b\n", "/a.b", 24, {{12, "b"}}},
+    {"path without a point", "3C006/a/b/c\n", "/a/b/c", 24, {}},
+    {"point in a folder name", "3C008/a.d/b/c\n", "/a.d/b/c", 24, {{12, "d/b/c"}}},
+    {"path given twice", "3C004/a.b\n" "3C004/c.d\n", "/c.d", 24, {{12, "d"}, {12, "b"}}},
+    {"type with junk", "03003" "1x4\n", "<null>", 1, {}},
+    {"empty", "", "<null>", 24, {}},
+};
+
+TEST(DbRecord, ParserReadsEveryFieldShape)
+{
+    for (const parse_case& c : parse_cases) {
+        SCOPED_TRACE(c.name);
+        parsed p = db_parse(c.text);
+        EXPECT_EQ(c.path, p.path);
+        EXPECT_EQ(c.type, p.type);
+        EXPECT_EQ(c.fields, p.fields);
+    }
+}
+
+TEST(DbRecord, PathAndTypeAgreeWithTheParser)
+{
+    for (const parse_case& c : parse_cases) {
+        SCOPED_TRACE(c.name);
+        int32_t type = -7;
+        char* path = db_record_path_and_type(c.text.data(), int32_t(c.text.size()), &type);
+        EXPECT_EQ(c.path, path ? path : "<null>");
+        EXPECT_EQ(path ? c.type : -7, type);
+        free(path);
+    }
+}
+
+TEST(DbRecord, NullTextParsesToNothing)
+{
+    db_meta_list* list = reinterpret_cast<db_meta_list*>(1);
+    char* path = reinterpret_cast<char*>(1);
+    int32_t type = 0;
+    EXPECT_EQ(1, upnp_cds_db_main_db_parse(nullptr, 10, &list, &path, &type));
+    EXPECT_EQ(nullptr, list);
+    EXPECT_EQ(nullptr, path);
+    EXPECT_EQ(24, type);
+}
+
+// ---------------------------------------------------------------- writing
+
+struct DbRecordStore : DbStoreTest {};
+
+TEST_F(DbRecordStore, RecordHoldsTypePathTitleTrackThenSlotsInOrder)
+{
+    db_object* o = add("/m/song.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "Song"}});
+    ASSERT_NE(nullptr, o);
+    db_object_set_int(o, DBK_TRACK, 7);
+    db_object_set_str(o, DBK_ALBUM, "Album");
+    db_object_set_int(o, DBK_DURATION, 205500);
+    db_object_set_int(o, DBK_SIZE, 4096);
+    db_object_set_char(o, DBK_SOURCE_KIND, 'd');
+    db_object_set_int(o, DBK_BITRATE, 0);              // zero integers are left out
+    db_object_set_str(o, DBK_MIME_OVERRIDE, "http://up");   // never persisted
+    upnp_string* s = db_object_to_record(o, "/m/song.mp3");
+    ASSERT_NE(nullptr, s);
+    EXPECT_EQ(std::string("03002" "14\n" "3C00B/m/song.mp3\n" "14004Song\n" "1E0017\n" "1A005Album\n"
+                          "3E00B0:03:25.500\n" "3D0044096\n" "45001d\n"),
+              std::string(s->text, size_t(s->length)));
+    upnp_string_free(s);
+}
+
+TEST_F(DbRecordStore, RecordOfAnItemParsesBackToTheSameValues)
+{
+    db_object* o = add("/v/clip.mp4", DB_OBJ_VIDEO,
+                       {{DBK_TITLE, "Clip"}, {DBK_DATE, "2020-01-02"}, {DBK_RESOLUTION, "640x480"},
+                        {DBK_DURATION, "1:00:00"}, {DBK_SIZE_TEXT, "3000000000"}, {DBK_CHANNELS, "2"}});
+    ASSERT_NE(nullptr, o);
+    upnp_string* s = db_object_to_record(o, "/v/clip.mp4");
+    ASSERT_NE(nullptr, s);
+    db_meta_list* list;
+    char* path;
+    int32_t type;
+    ASSERT_TRUE(upnp_cds_db_main_db_parse(s->text, s->length, &list, &path, &type));
+    EXPECT_STREQ("/v/clip.mp4", path);
+    EXPECT_EQ(DB_OBJ_VIDEO, type);
+    db_object* back = db_object_add(list, "/v/clip2.mp4", type, 0, s->text, s->length);
+    ASSERT_NE(nullptr, back);
+    for (int key : {int(DBK_TITLE), int(DBK_DATE), int(DBK_RESOLUTION), int(DBK_SIZE_TEXT)})
+        EXPECT_STREQ(db_object_get_str(o, key), db_object_get_str(back, key)) << key;
+    EXPECT_STREQ("mp4", db_object_get_str(back, DBK_EXTENSION));
+    for (int key : {int(DBK_DURATION), int(DBK_CHANNELS), int(DBK_SIZE)})
+        EXPECT_EQ(db_object_get_int(o, key), db_object_get_int(back, key)) << key;
+    db_meta_list_free(list);
+    free(path);
+    upnp_string_free(s);
+}
+
+TEST_F(DbRecordStore, AValueTooLongForItsFieldRefusesTheRecord)
+{
+    db_object* o = add("/m/a.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "A"}});
+    ASSERT_NE(nullptr, o);
+    std::string fits(DB_RECORD_VALUE_MAX, 'a'), too_long(DB_RECORD_VALUE_MAX + 1, 'a');
+    db_object_set_str(o, DBK_ALBUM, fits.c_str());
+    upnp_string* s = db_object_to_record(o, "/m/a.mp3");
+    ASSERT_NE(nullptr, s);
+    EXPECT_NE(std::string::npos, std::string(s->text).find("1A3F9" + fits + "\n"));
+    upnp_string_free(s);
+    db_object_set_str(o, DBK_ALBUM, too_long.c_str());
+    EXPECT_EQ(nullptr, db_object_to_record(o, "/m/a.mp3"));
+}
+
+TEST_F(DbRecordStore, SubmitRefusesValuesThatWouldBeCut)
+{
+    std::string fits(DB_RECORD_VALUE_MAX, 'b'), too_long(DB_RECORD_VALUE_MAX + 1, 'b');
+    db_meta_list* list = db_test_list({{DBK_GENRE, too_long.c_str()}, {DBK_TYPE, "14"}, {DBK_PATH, "/m/long.mp3"}});
+    EXPECT_EQ(0, db_scan_submit(list));
+    EXPECT_EQ(0, files.stores);
+    db_meta_list_free(list);
+    list = db_test_list({{DBK_GENRE, fits.c_str()}, {DBK_TYPE, "14"}, {DBK_PATH, "/m/long.mp3"}});
+    EXPECT_EQ(1, db_scan_submit(list));
+    db_meta_list_free(list);
+    db_object* o = db_object_find_by_path("/m/long.mp3");
+    ASSERT_NE(nullptr, o);
+    EXPECT_EQ(fits, db_object_get_str(o, DBK_GENRE));
+}
+
+TEST_F(DbRecordStore, SubmitStoresTheRecordWithoutItsTransitHead)
+{
+    db_meta_list* list = db_test_list({{DBK_TITLE, "T"}, {DBK_TYPE, "13"}, {DBK_PATH, "/p/a.jpg"}});
+    ASSERT_EQ(1, db_scan_submit(list));
+    db_meta_list_free(list);
+    ASSERT_EQ(1u, files.blocks.size());
+    EXPECT_EQ("/p/a.jpg", files.blocks.begin()->second.path);
+    EXPECT_EQ(13, files.blocks.begin()->second.type);
+}
+
+// ---------------------------------------------------------------- imports of items
+
+static void db_collect_import(uint32_t block, const char* text, int32_t length, void* context)
+{
+    EXPECT_EQ(0u, block);
+    static_cast<std::vector<std::string>*>(context)->push_back(std::string(text, size_t(length)));
+}
+
+struct import_case {
+    const char* name;
+    std::string file;
+    std::vector<std::string> records;
+};
+
+static const import_case import_cases[] = {
+    {"two records", "14001a\n>>>>\n14001b\n", {"14001a\n", "14001b\n"}},
+    {"comment skipped", "#x003abc\n14001a\n", {"14001a\n"}},
+    {"empty records handed nothing", ">>>>\n>>>>\n14001a\n>>>>\n", {"14001a\n"}},
+    {"value too long ends the file", "14001a\n14800", {"14001a\n"}},
+    {"value cut by the end", "14001a\n14005ab", {"14001a\n"}},
+    {"comment too long ends the file", "14001a\n#xFFF", {"14001a\n"}},
+    {"half a field head", "14001a\n14", {"14001a\n"}},
+    {"longest value", "147F9" + std::string(2041, 'v') + "\n", {"147F9" + std::string(2041, 'v') + "\n"}},
+    {"any line end byte", "14001aX14001b\r", {"14001aX14001b\r"}},
+};
+
+TEST(DbRecordImport, ImportFilesSplitIntoRecords)
+{
+    for (const import_case& c : import_cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<char> exact(c.file.begin(), c.file.end());
+        std::vector<std::string> got;
+        EXPECT_EQ(c.records.size(), db_import_items_parse(exact.data(), exact.size(), db_collect_import, &got));
+        EXPECT_EQ(c.records, got);
+    }
+}
+
+TEST(DbRecordImport, ARecordThatOutgrowsItsLimitIsDropped)
+{
+    std::string field = "147F9" + std::string(2041, 'v') + "\n";
+    std::string file;
+    while (file.size() <= DB_FILE_RECORD_MAX)
+        file += field;
+    file += ">>>>\n14001a\n";
+    std::vector<std::string> got;
+    EXPECT_EQ(1u, db_import_items_parse(file.data(), file.size(), db_collect_import, &got));
+    ASSERT_EQ(1u, got.size());
+    EXPECT_EQ("14001a\n", got[0]);
+}

@@ -1,0 +1,152 @@
+// db_test_support.h: what the store's tests share. A store made afresh for
+// each test with a flat tree (root, Music, Picture, Video, Document), a
+// record store held in memory that counts what it was asked to do, and
+// small builders for items and metadata lists.
+#pragma once
+#include "control/upnp_control.h"
+#include "database/db_object.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
+#include <map>
+#include <string>
+#include <utility>
+
+struct db_test_record { std::string path; int32_t type; };
+
+// The records of the fake database file, by block.
+struct db_test_records {
+    std::map<uint32_t, db_test_record> blocks;
+    uint32_t next_block = 1;
+    int stores = 0, rewrites = 0, frees = 0;
+};
+inline db_test_records* db_test_files;
+
+// The value of one field of record text ("%02X%03X%s\n" fields).
+inline std::string db_test_field(const char* text, int32_t length, int key)
+{
+    std::string s(text, size_t(length));
+    for (size_t p = 0; p + 5 <= s.size();) {
+        int k = int(strtol(s.substr(p, 2).c_str(), nullptr, 16));
+        size_t n = size_t(strtol(s.substr(p + 2, 3).c_str(), nullptr, 16));
+        if (k == key)
+            return s.substr(p + 5, n);
+        p += 5 + n + 1;
+    }
+    return "";
+}
+
+inline uint32_t db_test_store(const char* text, int32_t length)
+{
+    db_test_files->stores++;
+    uint32_t block = db_test_files->next_block++;
+    db_test_files->blocks[block] = {db_test_field(text, length, DBK_PATH),
+                                    atoi(db_test_field(text, length, DBK_TYPE).c_str())};
+    return block;
+}
+
+inline int db_test_rewrite(uint32_t block, const db_object* o, const char* path)
+{
+    db_test_files->rewrites++;
+    db_test_files->blocks[block] = {path, db_object_type_of(o)};
+    return 1;
+}
+
+inline void db_test_free_chain(uint32_t block)
+{
+    db_test_files->frees++;
+    db_test_files->blocks.erase(block);
+}
+
+inline char* db_test_read_path(uint32_t block, int32_t* type)
+{
+    auto it = db_test_files->blocks.find(block);
+    if (it == db_test_files->blocks.end())
+        return nullptr;
+    *type = it->second.type;
+    return strdup(it->second.path.c_str());
+}
+
+// A record as a scanner would submit it: type and path fields.
+inline std::string db_test_raw(const std::string& path, int32_t type)
+{
+    char head[32];
+    snprintf(head, sizeof head, "%02X%03X%02d\n", DBK_TYPE, 2, type);
+    char field[1100];
+    snprintf(field, sizeof field, "%02X%03X%s\n", DBK_PATH, unsigned(path.size()), path.c_str());
+    return std::string(head) + field;
+}
+
+// A list from (key, value) pairs, behind a type node.
+inline db_meta_list* db_test_list(std::initializer_list<std::pair<int, const char*>> fields)
+{
+    // A list is never empty: a record always names its type, which the
+    // store ignores.
+    db_meta_list* head = db_meta_list_add(nullptr, DBK_TYPE, "14", 0);
+    for (const auto& f : fields)
+        head = db_meta_list_add(head, f.first, f.second, 0);
+    return head;
+}
+
+class DbStoreTest : public ::testing::Test {
+protected:
+    db_test_records files;
+
+    void SetUp() override
+    {
+        oid_seed = 0;
+        db_test_files = &files;
+        db_create();
+        db_record_store store = {db_test_store, db_test_rewrite, db_test_free_chain, db_test_read_path};
+        db_set_record_store(&store);
+        db_root = db_container_new(0, "root", 1);
+        db_music_root = db_all_music = add_top(DB_OBJ_MUSIC_CONTAINER, 10, "Music");
+        db_picture_root = db_all_pictures = add_top(DB_OBJ_PHOTO_ALBUM, 30, "Picture");
+        db_video_root = db_all_video = add_top(DB_OBJ_VIDEO_CONTAINER, 50, "Video");
+        db_document_root = db_all_documents = add_top(DB_OBJ_DOCUMENT_CONTAINER, 57, "Document");
+        settle_events();
+    }
+
+    void TearDown() override
+    {
+        db_set_event_sink(nullptr);
+        db_set_tree_rules(nullptr);
+        db_set_client_flag_probe(nullptr);
+        db_set_record_store(nullptr);
+        db_path_index_free();
+        db_destroy();
+        g_db_max_mem = -1;
+        oid_seed = 0;
+        db_test_files = nullptr;
+    }
+
+    static db_object* add_top(int32_t type, uint32_t seq, const char* title)
+    {
+        db_object* c = db_container_new(uint32_t(type) << DB_ID_TYPE_SHIFT | seq, title, 1);
+        db_container_add_child(db_root, c);
+        return c;
+    }
+
+    // Sends out whatever is pending, so a test sees only its own changes.
+    // Event times of a test start at 1000.
+    static void settle_events()
+    {
+        db_set_event_sink(nullptr);
+        for (int64_t t = 10; t <= 30; t += 10)
+            db_event_check(t);
+    }
+
+    // A new item through the store's own entry, its record stored by the fake file.
+    db_object* add(const std::string& path, int32_t type,
+                   std::initializer_list<std::pair<int, const char*>> fields)
+    {
+        db_meta_list* list = db_test_list(fields);
+        std::string raw = db_test_raw(path, type);
+        db_object* o = db_object_add(list, path.c_str(), type, 0, raw.c_str(), int32_t(raw.size()));
+        db_meta_list_free(list);
+        return o;
+    }
+};

@@ -1,0 +1,378 @@
+// SSDP: the readers of searches and announcements, the subnet test, the
+// handler table, and the messages as a receiver on 127.0.0.1 sees them.
+#include "upnp/ssdp.h"
+
+#include "runtime/upnp_os.h"
+#include "runtime/upnp_string.h"
+
+#include <gtest/gtest.h>
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::string search_text(const std::string& headers)
+{
+    return "M-SEARCH * HTTP/1.1\r\n" + headers + "\r\n";
+}
+
+const std::string good_headers =
+    "HOST: 239.255.255.250:1900\r\nMAN: \"ssdp:discover\"\r\nMX: 3\r\nST: ssdp:all\r\n";
+
+struct search_case {
+    const char* name;
+    std::string text;
+    int result;
+    const char* target;
+    int32_t mx;
+};
+
+const std::string long_target(127, 'x');
+
+const search_case search_cases[] = {
+    {"canonical", search_text(good_headers), 1, "ssdp:all", 3},
+    {"lower-case method and names", "m-search * http/1.1\r\nhost: 239.255.255.250:1900\r\nman: \"ssdp:discover\"\r\n"
+                                    "mx: 2\r\nst: upnp:rootdevice\r\n\r\n", 1, "upnp:rootdevice", 2},
+    {"blanks and a tab before values", search_text("HOST: x\r\nMAN: y\r\nMX:  \t4\r\nST:\t  ssdp:all\r\n"), 1,
+     "ssdp:all", 4},
+    {"value ends at a blank", search_text("HOST: x\r\nMAN: y\r\nMX: 1\r\nST: ssdp:all trailing\r\n"), 1,
+     "ssdp:all", 1},
+    {"value ends at a byte above 127", search_text("HOST: x\r\nMAN: y\r\nMX: 1\r\nST: ssdp:all\xC3\xA9\r\n"), 1,
+     "ssdp:all", 1},
+    {"MX with trailing junk reads its digits", search_text("HOST: x\r\nMAN: y\r\nMX: 3s\r\nST: a\r\n"), 1, "a", 3},
+    {"MX above the cap", search_text("HOST: x\r\nMAN: y\r\nMX: 500\r\nST: a\r\n"), 1, "a", 120},
+    {"target of 127 bytes", search_text("HOST: x\r\nMAN: y\r\nMX: 1\r\nST: " + long_target + "\r\n"), 1,
+     long_target.c_str(), 1},
+    // Searches that ask for no answer.
+    {"MX zero", search_text("HOST: x\r\nMAN: y\r\nMX: 0\r\nST: a\r\n"), -1, nullptr, 0},
+    {"MX empty", search_text("HOST: x\r\nMAN: y\r\nMX:\r\nST: a\r\n"), -1, nullptr, 0},
+    {"MX negative", search_text("HOST: x\r\nMAN: y\r\nMX: -3\r\nST: a\r\n"), -1, nullptr, 0},
+    {"MX beyond any number", search_text("HOST: x\r\nMAN: y\r\nMX: 99999999999999999999999\r\nST: a\r\n"), -1,
+     nullptr, 0},
+    {"MX with a blank before the colon", search_text("HOST: x\r\nMAN: y\r\nMX : 3\r\nST: a\r\n"), -1, nullptr, 0},
+    {"ST with a blank before the colon", search_text("HOST: x\r\nMAN: y\r\nMX: 3\r\nST : ssdp:all\r\n"), -1,
+     nullptr, 0},
+    {"ST empty", search_text("HOST: x\r\nMAN: y\r\nMX: 3\r\nST:\r\n"), -1, nullptr, 0},
+    {"target of 128 bytes", search_text("HOST: x\r\nMAN: y\r\nMX: 1\r\nST: " + long_target + "x\r\n"), -1, nullptr,
+     0},
+    // No search at all.
+    {"no MX header", search_text("HOST: x\r\nMAN: y\r\nST: ssdp:all\r\n"), 0, nullptr, 0},
+    {"no MAN header", search_text("HOST: x\r\nMX: 3\r\nST: ssdp:all\r\n"), 0, nullptr, 0},
+    {"no HOST header", search_text("MAN: y\r\nMX: 3\r\nST: ssdp:all\r\n"), 0, nullptr, 0},
+    {"no ST header", search_text("HOST: x\r\nMAN: y\r\nMX: 3\r\n"), 0, nullptr, 0},
+    {"HTTP/1.0", "M-SEARCH * HTTP/1.0\r\n" + good_headers + "\r\n", 0, nullptr, 0},
+    {"no asterisk", "M-SEARCH / HTTP/1.1\r\n" + good_headers + "\r\n", 0, nullptr, 0},
+    {"headers before the request line", good_headers + "M-SEARCH * HTTP/1.1\r\n\r\n", 0, nullptr, 0},
+    {"a notification", "NOTIFY * HTTP/1.1\r\n" + good_headers + "\r\n", 0, nullptr, 0},
+    {"empty", "", 0, nullptr, 0},
+};
+
+TEST(SsdpParse, ReadsSearchesAsSubstringsOfTheHead)
+{
+    for (const search_case& c : search_cases) {
+        SCOPED_TRACE(c.name);
+        ssdp_search out;
+        memset(&out, 0x55, sizeof out);
+        ASSERT_EQ(c.result, ssdp_parse_search(c.text.data(), c.text.size(), &out));
+        if (c.result == 1) {
+            EXPECT_STREQ(c.target, out.target);
+            EXPECT_EQ(c.mx, out.mx);
+        }
+    }
+}
+
+TEST(SsdpParse, ReadsNoFurtherThanTheGivenLength)
+{
+    std::string text = search_text(good_headers);
+    ssdp_search out;
+    // The MAN header lies past the cut.
+    size_t cut = text.find("MAN");
+    EXPECT_EQ(0, ssdp_parse_search(text.data(), cut, &out));
+    // The target's value lies past the cut: its name is there, its value not.
+    cut = text.find("ssdp:all");
+    EXPECT_EQ(-1, ssdp_parse_search(text.data(), cut, &out));
+    // A NUL inside is a byte like any other, not an end.
+    std::string with_nul = text;
+    with_nul.insert(text.find("239"), 1, '\0');
+    EXPECT_EQ(1, ssdp_parse_search(with_nul.data(), with_nul.size(), &out));
+}
+
+struct notify_case {
+    const char* name;
+    std::string text;
+    int result;
+    const char* url;
+};
+
+const notify_case notify_cases[] = {
+    {"renderer alive", "NOTIFY * HTTP/1.1\r\nLOCATION: http://192.0.2.7:49152/d.xml\r\n"
+                       "NT: urn:schemas-upnp-org:device:MediaRenderer:1\r\nNTS: ssdp:alive\r\n\r\n", 1,
+     "http://192.0.2.7:49152/d.xml\r\nNT: "},
+    {"remote UI client alive", "NOTIFY * HTTP/1.1\r\nNT: urn:schemas-upnp-org:device:RemoteUIClientDevice:1\r\n"
+                               "NTS: ssdp:alive\r\nLOCATION: http://a/b\r\n\r\n", 1, "http://a/b\r\n\r\n"},
+    {"renderer byebye", "NOTIFY * HTTP/1.1\r\nNT: urn:schemas-upnp-org:device:MediaRenderer:1\r\n"
+                        "NTS: ssdp:byebye\r\nLOCATION: http://a/b\r\n\r\n", 0, nullptr},
+    {"a media server", "NOTIFY * HTTP/1.1\r\nNT: urn:schemas-upnp-org:device:MediaServer:1\r\n"
+                       "NTS: ssdp:alive\r\nLOCATION: http://a/b\r\n\r\n", 0, nullptr},
+    {"no location", "NOTIFY * HTTP/1.1\r\nNT: urn:schemas-upnp-org:device:MediaRenderer:1\r\n"
+                    "NTS: ssdp:alive\r\n\r\n", 0, nullptr},
+    {"a search for renderers", "M-SEARCH * HTTP/1.1\r\nST: urn:schemas-upnp-org:device:MediaRenderer:1\r\n"
+                               "X: ssdp:alive http://a/b\r\n\r\n", 0, nullptr},
+};
+
+TEST(SsdpParse, FollowsOnlyAliveRenderersAndRemoteUiClients)
+{
+    for (const notify_case& c : notify_cases) {
+        SCOPED_TRACE(c.name);
+        const char* url = nullptr;
+        size_t url_length = 0;
+        ASSERT_EQ(c.result, ssdp_parse_notify(c.text.data(), c.text.size(), &url, &url_length));
+        if (c.result) {
+            // From the first "http://" to the end of the datagram.
+            EXPECT_EQ(0u, std::string(url, url_length).find(c.url));
+            EXPECT_EQ(c.text.data() + c.text.size(), url + url_length);
+        }
+    }
+}
+
+struct subnet_case {
+    const char* local;
+    const char* mask;
+    const char* peer;
+    int same;
+};
+
+const subnet_case subnet_cases[] = {
+    {"192.0.2.1", "255.255.255.0", "192.0.2.200", 1},
+    {"192.0.2.1", "255.255.255.0", "192.0.3.2", 0},
+    {"192.0.2.1", "255.255.255.0", "198.51.100.2", 0},
+    {"10.1.2.3", "255.0.0.0", "10.200.0.1", 1},
+    {"192.0.2.1", "255.255.255.255", "192.0.2.1", 1},
+    {"192.0.2.1", "255.255.255.255", "192.0.2.2", 0},
+    {"192.0.2.1", "", "192.0.2.2", 0},                 // no mask known: nobody
+    {"192.0.2.1", "255.255.255.0", "", 0},
+    {"192.0.2.1", "255.255.255.0", "192.0.2", 0},
+    {"192.0.2.1", "255.255.255.0", "192.0.2.256", 0},
+    {"192.0.2.1", "255.255.255.0", "192.0.2.1.5", 0},
+    {"192.0.2.1", "255.255.255.0", "192.0.2.0001", 0},
+    {"192.0.2.1", "255.255.255.0", "192.0.2.+1", 0},
+};
+
+TEST(SsdpParse, SameSubnetNeedsThreeWellFormedAddresses)
+{
+    for (const subnet_case& c : subnet_cases) {
+        SCOPED_TRACE(std::string(c.local) + " " + c.mask + " " + c.peer);
+        EXPECT_EQ(c.same, ssdp_same_subnet(c.local, c.mask, c.peer));
+    }
+    uint32_t value = 0;
+    ASSERT_EQ(1, ssdp_parse_ip("192.0.2.10", &value));
+    EXPECT_EQ(0xC000020Au, value);
+    EXPECT_EQ(0, ssdp_parse_ip(nullptr, &value));
+}
+
+// ---- Messages -------------------------------------------------------------
+
+// A UDP receiver and a sender on 127.0.0.1.
+struct loopback_udp {
+    int32_t receiver = -1, sender = -1, port = 0;
+    loopback_udp()
+    {
+        receiver = upnp_socket_udp();
+        sender = upnp_socket_udp();
+        if (receiver >= 0 && upnp_socket_bind(receiver, "127.0.0.1", 0) == 0)
+            port = upnp_socket_local_port(receiver);
+    }
+    ~loopback_udp()
+    {
+        upnp_socket_close(receiver);
+        upnp_socket_close(sender);
+    }
+    // Every datagram that arrives until 200 ms pass without one.
+    std::vector<std::string> take()
+    {
+        std::vector<std::string> got;
+        char buffer[2048];
+        pollfd p{receiver, POLLIN, 0};
+        for (int i = 0; i < 100 && poll(&p, 1, 200) == 1; i++) {
+            int32_t n = upnp_socket_recv(receiver, buffer, sizeof buffer);
+            if (n <= 0)
+                break;
+            got.emplace_back(buffer, size_t(n));
+        }
+        return got;
+    }
+    int announce(const char* target, int notify)
+    {
+        return ssdp_announce(sender, "192.0.2.1", 9000, "127.0.0.1", port, target, notify);
+    }
+};
+
+std::string header(const std::string& message, const std::string& name)
+{
+    size_t at = message.find("\r\n" + name + ": ");
+    if (at == std::string::npos)
+        return "<none>";
+    at += name.size() + 4;
+    return message.substr(at, message.find("\r\n", at) - at);
+}
+
+std::string udn()
+{
+    return upnp_get_udn();
+}
+
+const char* const server_rows[] = {
+    "urn:schemas-upnp-org:device:MediaServer:1",
+    "urn:schemas-upnp-org:service:ContentDirectory:1",
+    "urn:schemas-upnp-org:service:ConnectionManager:1",
+};
+
+struct Ssdp : ::testing::Test {
+    void SetUp() override
+    {
+        ssdp_clear_handlers();
+        ssdp_set_server_advertising();
+    }
+    void TearDown() override { ssdp_clear_handlers(); }
+};
+
+TEST_F(Ssdp, AllAnswersEveryAnnouncedRowInTableOrder)
+{
+    loopback_udp udp;
+    ASSERT_GT(udp.port, 0);
+    ASSERT_EQ(5, udp.announce("ssdp:all", 0));
+    std::vector<std::string> got = udp.take();
+    ASSERT_EQ(5u, got.size());
+    std::vector<std::string> want = {udn(), "upnp:rootdevice", server_rows[0], server_rows[1], server_rows[2]};
+    for (size_t i = 0; i < got.size(); i++) {
+        SCOPED_TRACE(want[i]);
+        EXPECT_EQ(0u, got[i].find("HTTP/1.1 200 OK\r\n"));
+        EXPECT_EQ(want[i], header(got[i], "ST"));
+        EXPECT_EQ(i == 0 ? udn() : udn() + "::" + want[i], header(got[i], "USN"));
+        EXPECT_EQ("http://192.0.2.1:9000/DeviceDescription.xml", header(got[i], "LOCATION"));
+    }
+}
+
+TEST_F(Ssdp, ReplyHasTheFixedShape)
+{
+    loopback_udp udp;
+    ASSERT_EQ(1, udp.announce("upnp:rootdevice", 0));
+    std::vector<std::string> got = udp.take();
+    ASSERT_EQ(1u, got.size());
+    std::string date = header(got[0], "DATE");
+    EXPECT_NE(std::string::npos, date.find(" GMT")) << date;
+    std::string want = "HTTP/1.1 200 OK\r\nCACHE-CONTROL: max-age=" + std::to_string(ssdp_get_max_age()) +
+                       "\r\nDATE: " + date +
+                       "\r\nEXT:\r\nLOCATION: http://192.0.2.1:9000/DeviceDescription.xml\r\n"
+                       "SERVER: Windows NT/5.0, UPnP/1.0, Velmora UPnP SDK/1.0\r\nST: upnp:rootdevice\r\nUSN: " +
+                       udn() + "::upnp:rootdevice\r\nContent-Length: 0\r\n\r\n";
+    EXPECT_EQ(want, got[0]);
+}
+
+TEST_F(Ssdp, AliveHasTheFixedShape)
+{
+    loopback_udp udp;
+    ASSERT_EQ(1, udp.announce(udn().c_str(), 1));
+    std::vector<std::string> got = udp.take();
+    ASSERT_EQ(1u, got.size());
+    std::string want = "NOTIFY * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nCACHE-CONTROL: max-age=" +
+                       std::to_string(ssdp_get_max_age()) +
+                       "\r\nLOCATION: http://192.0.2.1:9000/DeviceDescription.xml\r\nNT: " + udn() +
+                       "\r\nNTS: ssdp:alive\r\nSERVER: Windows NT/5.0, UPnP/1.0, Velmora UPnP SDK/1.0\r\nUSN: " +
+                       udn() + "\r\n\r\n";
+    EXPECT_EQ(want, got[0]);
+}
+
+struct target_case {
+    std::string target;
+    int rows;
+};
+
+TEST_F(Ssdp, OnlyAWholeTargetMatchesARow)
+{
+    const target_case cases[] = {
+        {udn(), 1},
+        {"upnp:rootdevice", 1},
+        {server_rows[0], 1},
+        {server_rows[1], 1},
+        {server_rows[2], 1},
+        {"urn:schemas-upnp-org:device:MediaRenderer:1", 0},
+        {"urn:schemas-upnp-org:service:X_MS_MediaReceiverRegistrar:1", 0},
+        {"upnp:rootdevice2", 0},
+        {"upnp:rootdevic", 0},
+        {"UPNP:ROOTDEVICE", 0},
+        {"ssdp:all2", 0},
+        {"ssdp:alL", 0},
+        {"", 0},
+    };
+    loopback_udp udp;
+    for (const target_case& c : cases) {
+        SCOPED_TRACE(c.target);
+        EXPECT_EQ(c.rows, udp.announce(c.target.c_str(), 0));
+        std::vector<std::string> got = udp.take();
+        ASSERT_EQ(size_t(c.rows), got.size());
+        if (c.rows) {
+            EXPECT_EQ(c.target, header(got[0], "ST"));
+        }
+    }
+}
+
+TEST_F(Ssdp, WithoutAdvertisingOnlyTheUdnAndRootDeviceGoOut)
+{
+    ssdp_clear_handlers();
+    loopback_udp udp;
+    EXPECT_EQ(2, udp.announce("ssdp:all", 1));
+    std::vector<std::string> got = udp.take();
+    ASSERT_EQ(2u, got.size());
+    EXPECT_EQ(udn(), header(got[0], "NT"));
+    EXPECT_EQ("upnp:rootdevice", header(got[1], "NT"));
+    EXPECT_EQ(0, udp.announce(server_rows[0], 0));
+    EXPECT_EQ(0, udp.announce(server_rows[1], 1));
+}
+
+TEST_F(Ssdp, ByebyeBurstNamesEveryRow)
+{
+    loopback_udp udp;
+    ssdp_byebye_all(udp.sender, "127.0.0.1", udp.port);
+    std::vector<std::string> got = udp.take();
+    ASSERT_EQ(5u, got.size());
+    EXPECT_EQ("NOTIFY * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nNT: upnp:rootdevice\r\nNTS: ssdp:byebye\r\n"
+              "USN: " + udn() + "::upnp:rootdevice\r\n\r\n",
+              got[1]);
+    EXPECT_EQ(udn(), header(got[0], "NT"));
+    EXPECT_EQ(udn(), header(got[0], "USN"));
+    for (size_t i = 2; i < got.size(); i++)
+        EXPECT_EQ(server_rows[i - 2], header(got[i], "NT"));
+}
+
+void ignore_datagram(const char*, ssdp_server*, const char*, int32_t)
+{
+}
+
+TEST_F(Ssdp, HandlerTableHoldsNineAndRefusesNull)
+{
+    EXPECT_EQ(0, ssdp_register_handler(nullptr, "none"));
+    for (int i = 0; i < SSDP_MAX_HANDLERS; i++)
+        EXPECT_EQ(1, ssdp_register_handler(ignore_datagram, "one")) << i;
+    EXPECT_EQ(0, ssdp_register_handler(ignore_datagram, "tenth"));
+    ssdp_clear_handlers();
+    EXPECT_EQ(1, ssdp_register_handler(ignore_datagram, "again"));
+}
+
+TEST(SsdpSubnet, TheNetmaskComesFromTheInterfaceHoldingTheAddress)
+{
+    char mask[UPNP_IP_TEXT_SIZE] = "x";
+    ASSERT_EQ(1, upnp_nic_netmask("127.0.0.1", mask));
+    EXPECT_STREQ("255.0.0.0", mask);
+    EXPECT_EQ(0, upnp_nic_netmask("not an address", mask));
+    EXPECT_STREQ("", mask);
+    EXPECT_EQ(0, upnp_nic_netmask(nullptr, mask));
+}
+
+}  // namespace
