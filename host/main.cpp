@@ -243,8 +243,10 @@ static std::string host_nic_text()
     uint32_t count = 0;
     dapi_dms_get_niclist(&list, &count);
     std::string text;
-    for (uint32_t i = 0; list && i < count; i++)
-        text += "Serving on http://" + std::string(list[i].ip) + ":" + std::to_string(list[i].port) + "/\n";
+    for (uint32_t i = 0; list && i < count; i++) {
+        std::string base = "http://" + std::string(list[i].ip) + ":" + std::to_string(list[i].port) + "/";
+        text += "Serving on " + base + "\nDescription " + base + "DeviceDescription.xml\n";
+    }
     return text.empty() ? "Waiting for a network interface...\n" : text;
 }
 
@@ -297,7 +299,9 @@ int main(int argc, char** argv)
     char* udn = nullptr;
     dapi_dms_get_servername(&name);
     dapi_dms_get_udn(&udn);
-    printf("Velmora media server %s: \"%s\" (%s)\n", VELMORA_VERSION, name ? name : "", udn ? udn : "");
+    // Without a name of its own the server makes one from the host name.
+    std::string shown = name && *name ? "\"" + std::string(name) + "\"" : "(default name)";
+    printf("Velmora media server %s: %s (%s)\n", VELMORA_VERSION, shown.c_str(), udn ? udn : "");
     printf("Sharing %s\nWorking folder %s\n", folders.c_str(), workdir.c_str());
     host_wait(&stop);
     printf("Stopping...\n");

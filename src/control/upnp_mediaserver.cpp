@@ -24,6 +24,7 @@
 #include "runtime/upnp_string.h"
 #include "upnp/ssdp.h"
 #include "upnp/upnp_client.h"
+#include "upnp/upnp_description.h"
 
 #include <atomic>
 #include <cstdio>
@@ -398,12 +399,12 @@ struct upnp_route {
 // The first entry that fits wins, so the order matters. Routes whose
 // handlers are not built yet answer with the 404 page.
 static const upnp_route upnp_routes[] = {
-    {"/DeviceDescription.xml", 3, 0, HTTP_send_file_not_found},
-    {"/ConnectionManager.xml", 3, 0, HTTP_send_file_not_found},
+    {"/DeviceDescription.xml", 3, 0, upnp_send_device_description},
+    {"/ConnectionManager.xml", 3, 0, upnp_send_cms_xml},
     {"/ConnectionManager/Control", 4, 1, HTTP_send_file_not_found},
-    {"/ContentDirectory.xml", 3, 0, HTTP_send_file_not_found},
+    {"/ContentDirectory.xml", 3, 0, upnp_send_cds_xml},
     {"/ContentDirectory/Control", 4, 1, HTTP_send_file_not_found},
-    {"/MediaReceiverRegistrar.xml", 3, 0, HTTP_send_file_not_found},
+    {"/MediaReceiverRegistrar.xml", 3, 0, upnp_send_msreg_xml},
     {"/MediaReceiverRegistrar/Control", 4, 1, HTTP_send_file_not_found},
     {nullptr, 8, 1, HTTP_send_file_not_found},        // SUBSCRIBE
     {nullptr, 16, 1, HTTP_send_file_not_found},       // UNSUBSCRIBE
@@ -412,7 +413,7 @@ static const upnp_route upnp_routes[] = {
     {"/configpage", 7, 1, HTTP_send_file_not_found},
     {"/setup", 7, 1, HTTP_send_file_not_found},
     {"/index", 7, 1, HTTP_send_file_not_found},
-    {"/images", 7, 1, HTTP_send_file_not_found},
+    {"/images", 7, 1, upnp_send_device_icon},
     {"/MediaBrowser", 7, 1, HTTP_send_file_not_found},
     {"/cgi-bin", 7, 1, HTTP_send_file_not_found},
     {"/subtitle", 1, 0, HTTP_send_file_not_found},

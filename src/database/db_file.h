@@ -129,7 +129,7 @@ struct db_file_walk_result {
     uint32_t records;        // records handed to the sink
     uint32_t skipped;        // start blocks whose record could not be read
 };
-// Reads the file once in block order, yielding between blocks.
+// Reads the file once in block order, yielding to other threads as it goes.
 void db_file_walk(db_file_run_flag running, db_file_record_sink sink, void* context,
                   db_file_walk_result* result);
 

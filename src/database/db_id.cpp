@@ -606,41 +606,83 @@ int db_sort_compare(const void* a, const void* b)
     return sort_objects_compare(*static_cast<db_object* const*>(a), *static_cast<db_object* const*>(b));
 }
 
-// A bottom-up merge sort: it reads and writes only inside the two arrays
-// whatever the comparator answers, which the shuffle's coin tosses need.
+// One pass of a bottom-up merge sort: runs of `width` merge in pairs, each
+// left run first copied out to `spare` (at least `width` long), so the
+// scratch is half the list at most. It reads and writes only inside the
+// list and the spare whatever the comparator answers, which the shuffle's
+// coin tosses need.
 template <typename T, typename Less>
-static void sort_merge(std::vector<T>& v, Less before)
+static void sort_merge_pass(T* v, size_t n, size_t width, T* spare, Less& before)
 {
-    std::vector<T> tmp(v.size());
-    for (size_t width = 1; width < v.size(); width *= 2) {
-        for (size_t lo = 0; lo < v.size(); lo += 2 * width) {
-            size_t mid = lo + width < v.size() ? lo + width : v.size();
-            size_t hi = lo + 2 * width < v.size() ? lo + 2 * width : v.size();
-            size_t i = lo, j = mid, k = lo;
-            while (i < mid && j < hi)
-                tmp[k++] = before(v[j], v[i]) ? v[j++] : v[i++];
-            while (i < mid)
-                tmp[k++] = v[i++];
-            while (j < hi)
-                tmp[k++] = v[j++];
-        }
-        v.swap(tmp);
+    for (size_t lo = 0; lo + width < n; lo += 2 * width) {
+        size_t mid = lo + width, hi = mid + width < n ? mid + width : n;
+        memcpy(static_cast<void*>(spare), v + lo, width * sizeof *v);
+        size_t i = 0, j = mid, k = lo;
+        while (i < width && j < hi)
+            v[k++] = before(v[j], spare[i]) ? v[j++] : spare[i++];
+        while (i < width)
+            v[k++] = spare[i++];
     }
 }
 
-// What a sort needs of an object, fetched once: a large list then sorts
-// in its own array instead of visiting every object and title again at
-// each comparison. The keys hold the first 16 folded positions of the
-// title, one byte each (end 0, else the signed folded character + 128):
-// keys that differ order their titles as db_compare_text does; equal keys
-// say nothing and the texts are compared.
+// The narrow passes run one block at a time (block a power of two, or 1
+// for none) so that a large list is not streamed through memory once per
+// width. Every merge still sees the same two runs as when all blocks go
+// width by width, so the order comes out the same; only the order of the
+// comparisons changes, which the shuffle cannot allow.
+template <typename T, typename Less>
+static void sort_merge(std::vector<T>& v, Less before, size_t block)
+{
+    size_t n = v.size(), spare_size = 1;
+    while (spare_size * 2 < n)
+        spare_size *= 2;
+    std::vector<T> spare(spare_size);
+    for (size_t lo = 0; block > 1 && lo < n; lo += block) {
+        size_t len = n - lo < block ? n - lo : block;
+        for (size_t w = 1; w < len; w *= 2)
+            sort_merge_pass(v.data() + lo, len, w, spare.data(), before);
+    }
+    for (size_t width = block > 1 ? block : 1; width < n; width *= 2)
+        sort_merge_pass(v.data(), n, width, spare.data(), before);
+}
+
+// What a sort needs of an object, fetched once: a large list then sorts a
+// small entry per object in its own array instead of visiting every object
+// and title again at each comparison. The keys hold the first 16 folded
+// positions of the title, one byte each (end 0, else the signed folded
+// character + 128): keys that differ order their titles as db_compare_text
+// does; equal keys say nothing and the texts are compared.
+enum { SORT_TITLE = 1, SORT_CONTAINER = 2, SORT_ALL = 4 };
+
 struct sort_entry {
     uint64_t key[2];
-    const char* title;
-    db_object* obj;
-    uint8_t is_container;
-    uint8_t is_all;
+    uint32_t handle;                                    // the object's arena handle
+    uint8_t flags;                                      // SORT_*
 };
+
+// The criteria read once per sort: one step per token, in order.
+struct sort_step { sort_comparator compare; int sign; };
+
+struct sort_run {
+    std::vector<sort_step> steps;
+    int last_sign = 1;
+};
+
+static void sort_read_criteria(sort_run& run)
+{
+    for (const char* p = sort_criteria; *p;) {
+        sort_step s = {nullptr, 1};
+        if (*p == '+')
+            p++;
+        else if (*p == '-')
+            p++, s.sign = -1;
+        s.compare = sort_field_of(p);
+        run.steps.push_back(s);
+        run.last_sign = s.sign;
+        const char* end = strchr(p, ',');
+        p = end ? end + 1 : p + strlen(p);
+    }
+}
 
 static int sort_fold_at(const char* p)
 {
@@ -649,60 +691,66 @@ static int sort_fold_at(const char* p)
 
 static sort_entry sort_entry_of(db_object* o)
 {
-    sort_entry e = {{0, 0}, db_object_get_str(o, DBK_TITLE), o,
-                    uint8_t(db_type_is_container(db_object_type_of(o))), 0};
+    const char* title = db_object_get_str(o, DBK_TITLE);
+    sort_entry e = {{0, 0}, db_arena_handle(o), 0};
+    if (db_type_is_container(db_object_type_of(o)))
+        e.flags |= SORT_CONTAINER;
     const char* all = sort_get_allname();
-    e.is_all = e.title && all && !strcmp(e.title, all);
-    bool ended = !e.title || sort_no_utf8;
+    if (title)
+        e.flags |= SORT_TITLE | (all && !strcmp(title, all) ? SORT_ALL : 0);
+    bool ended = !title || sort_no_utf8;
     for (int i = 0; i < 16; i++) {
-        ended = ended || e.title[i] == 0;
-        e.key[i / 8] = e.key[i / 8] << 8 | (ended ? 0 : uint64_t(sort_fold_at(e.title + i) + 128));
+        ended = ended || title[i] == 0;
+        e.key[i / 8] = e.key[i / 8] << 8 | (ended ? 0 : uint64_t(sort_fold_at(title + i) + 128));
     }
     return e;
 }
 
 static int sort_entry_title(const sort_entry& a, const sort_entry& b)
 {
-    int r = compare_nulls(a.title, b.title);
-    if (r != 2)
-        return r;
-    if (a.is_all)
+    if (!(a.flags & b.flags & SORT_TITLE))
+        return (a.flags & SORT_TITLE) == (b.flags & SORT_TITLE) ? 0 : (a.flags & SORT_TITLE ? 1 : -1);
+    if (a.flags & SORT_ALL)
         return -1;
-    if (b.is_all)
+    if (b.flags & SORT_ALL)
         return 1;
     for (int i = 0; i < 2; i++)
         if (a.key[i] != b.key[i])
             return a.key[i] < b.key[i] ? -1 : 1;
-    return sort_no_utf8 ? strcasecmp(a.title, b.title) : db_compare_text(a.title, b.title);
+    // Rare enough to fetch the titles again rather than hold them all.
+    const char* ta = db_object_get_str(db_obj(a.handle), DBK_TITLE);
+    const char* tb = db_object_get_str(db_obj(b.handle), DBK_TITLE);
+    return sort_no_utf8 ? strcasecmp(ta, tb) : db_compare_text(ta, tb);
 }
 
 // sort_objects_compare on fetched entries; the same answers.
-static int sort_entries_compare(const sort_entry& a, const sort_entry& b)
+static int sort_entries_compare(const sort_run& run, const sort_entry& a, const sort_entry& b)
 {
     if (sort_shuffle)
         return rand() % 10 > 4 ? -1 : 1;
-    int sign = 1;
-    for (const char* p = sort_criteria; *p;) {
-        sign = 1;
-        if (*p == '+')
-            p++;
-        else if (*p == '-')
-            p++, sign = -1;
-        if (a.is_container && !b.is_container)
-            return -1;
-        sort_comparator compare = sort_field_of(p);
-        int r = compare == db_compare_title ? sort_entry_title(a, b) : compare ? compare(a.obj, b.obj) : 0;
+    if (!run.steps.empty() && (a.flags & SORT_CONTAINER) && !(b.flags & SORT_CONTAINER))
+        return -1;
+    for (const sort_step& s : run.steps) {
+        int r = s.compare == db_compare_title ? sort_entry_title(a, b)
+                : s.compare                   ? s.compare(db_obj(a.handle), db_obj(b.handle))
+                                              : 0;
         if (r)
-            return r * sign;
-        const char* end = strchr(p, ',');
-        p = end ? end + 1 : p + strlen(p);
+            return r * s.sign;
     }
-    return sort_entry_title(a, b) * sign;
+    return sort_entry_title(a, b) * run.last_sign;
 }
 
-static void sort_entries(std::vector<sort_entry>& v)
+// Leaves in `order` the objects' entries in sorted order.
+static void sort_order(db_object* const* objects, int32_t count, std::vector<sort_entry>& order)
 {
-    sort_merge(v, [](const sort_entry& x, const sort_entry& y) { return sort_entries_compare(x, y) < 0; });
+    sort_run run;
+    sort_read_criteria(run);
+    order.reserve(size_t(count));
+    for (int32_t i = 0; i < count; i++)
+        order.push_back(sort_entry_of(objects[i]));
+    auto before = [&run](const sort_entry& x, const sort_entry& y) { return sort_entries_compare(run, x, y) < 0; };
+    // 4096 entries and their copies fit a core's own cache.
+    sort_merge(order, before, sort_shuffle ? 1 : 4096);
 }
 
 void db_sort_objects(db_object** objects, int32_t count)
@@ -710,12 +758,10 @@ void db_sort_objects(db_object** objects, int32_t count)
     if (!objects || count < 2)
         return;
     db_lock_guard hold;
-    std::vector<sort_entry> v(static_cast<size_t>(count));
-    for (int32_t i = 0; i < count; i++)
-        v[size_t(i)] = sort_entry_of(objects[i]);
-    sort_entries(v);
-    for (int32_t i = 0; i < count; i++)
-        objects[i] = v[size_t(i)].obj;
+    std::vector<sort_entry> order;
+    sort_order(objects, count, order);
+    for (size_t i = 0; i < order.size(); i++)
+        objects[i] = db_obj(order[i].handle);
 }
 
 void db_container_sort(db_object* c)
@@ -725,13 +771,14 @@ void db_container_sort(db_object* c)
     db_lock_guard hold;
     db_container* k = reinterpret_cast<db_container*>(c);
     if (k->child_count > 1) {
-        std::vector<sort_entry> v(static_cast<size_t>(k->child_count));
-        for (size_t i = 0; i < v.size(); i++)
-            v[i] = sort_entry_of(db_container_child(c, int32_t(i)));
-        sort_entries(v);
+        std::vector<db_object*> children(static_cast<size_t>(k->child_count));
+        for (size_t i = 0; i < children.size(); i++)
+            children[i] = db_container_child(c, int32_t(i));
+        std::vector<sort_entry> order;
+        sort_order(children.data(), k->child_count, order);
         db_child_slot* slots = db_array_ptr(k->children);
-        for (size_t i = 0; i < v.size(); i++)
-            slots[i].h = db_arena_handle(v[i].obj);
+        for (size_t i = 0; i < order.size(); i++)
+            slots[i].h = order[i].handle;
     }
     k->state |= DB_STATE_SORTED;
 }

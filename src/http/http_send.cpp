@@ -286,7 +286,8 @@ static int http_send_with_body(HTTP_request* r, int32_t status, const char* body
     if (refused || r->method == HTTP_METHOD_HEAD)
         return HTTP_send_bytes(r->socket, head, h) != h || refused;
     if (n + tail_nul <= HTTP_SEND_TOGETHER) {
-        memcpy(head + h, body, size_t(n));
+        if (n > 0)              // an empty body may come as a null pointer
+            memcpy(head + h, body, size_t(n));
         if (tail_nul)
             head[h + n] = 0;
         int32_t all = h + n + tail_nul;

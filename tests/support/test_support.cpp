@@ -1,11 +1,15 @@
 // test_support.cpp: see test_support.h.
 #include "support/test_support.h"
 
+#include <arpa/inet.h>
 #include <dirent.h>
 #include <fstream>
 #include <sstream>
+#include <chrono>
 #include <cstdlib>
 #include <ftw.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 test_dir::test_dir()
@@ -62,4 +66,70 @@ int test_count_fds()
 int test_count_threads()
 {
     return test_count_entries("/proc/self/task");
+}
+
+test_peer::test_peer(std::string answer, std::string address) : ip(std::move(address)), reply(std::move(answer))
+{
+    listen_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    socklen_t n = sizeof a;
+    if (inet_pton(AF_INET, ip.c_str(), &a.sin_addr) != 1 || bind(listen_fd, reinterpret_cast<sockaddr*>(&a), n) != 0 ||
+        listen(listen_fd, 8) != 0 || getsockname(listen_fd, reinterpret_cast<sockaddr*>(&a), &n) != 0)
+        return;
+    port = ntohs(a.sin_port);
+    thread = std::thread([this] {
+        for (int c; (c = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC)) >= 0; close(c)) {
+            accepted++;
+            serve(c);
+        }
+    });
+}
+
+test_peer::~test_peer()
+{
+    stopping = true;
+    shutdown(listen_fd, SHUT_RDWR);
+    if (thread.joinable())
+        thread.join();
+    close(listen_fd);
+}
+
+std::string test_peer::url(const std::string& path) const
+{
+    return "http://" + ip + ":" + std::to_string(port) + path;
+}
+
+std::string test_peer::seen()
+{
+    std::lock_guard<std::mutex> hold(lock);
+    return request;
+}
+
+void test_peer::serve(int c)
+{
+    timeval tv{5, 0};
+    setsockopt(c, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    std::string got;
+    char b[2048];
+    for (ssize_t r = 0; got.size() < (1 << 20); got.append(b, size_t(r))) {
+        size_t end = got.find("\r\n\r\n"), length = got.find("Content-Length: ");
+        if (end != std::string::npos &&
+            got.size() >= end + 4 + (length < end ? size_t(atol(got.c_str() + length + 16)) : 0))
+            break;
+        if ((r = recv(c, b, sizeof b, 0)) <= 0)
+            break;
+    }
+    {
+        std::lock_guard<std::mutex> hold(lock);
+        request = got;
+    }
+    for (int i = 0; reply.empty() && !stopping && i < 1000; i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    for (size_t sent = 0; sent < reply.size();) {
+        ssize_t r = send(c, reply.data() + sent, reply.size() - sent, MSG_NOSIGNAL);
+        if (r <= 0)
+            return;
+        sent += size_t(r);
+    }
 }

@@ -1,8 +1,12 @@
 // test_support.h: small helpers shared by the unit and integration tests:
-// a scratch folder that removes itself, whole-file reads and writes, and
-// counters of this process's descriptors and threads.
+// a scratch folder that removes itself, whole-file reads and writes,
+// counters of this process's descriptors and threads, and a loopback peer
+// that answers HTTP requests with a fixed reply.
 #pragma once
+#include <atomic>
+#include <mutex>
 #include <string>
+#include <thread>
 
 struct test_dir {
     std::string path;
@@ -15,3 +19,26 @@ std::string test_read_file(const std::string& path);
 bool test_write_file(const std::string& path, const std::string& bytes);
 int test_count_fds();        // entries of /proc/self/fd
 int test_count_threads();    // entries of /proc/self/task
+
+// A TCP server on a loopback address, one connection at a time: it reads a
+// request head (and a body of its Content-Length), sends reply and closes.
+// With an empty reply it holds each connection silently until destroyed,
+// at most 10 s. port is 0 when it could not listen.
+struct test_peer {
+    std::string ip, reply;
+    int port = 0;
+    std::atomic<int> accepted{0};
+
+    explicit test_peer(std::string answer, std::string address = "127.0.0.1");
+    ~test_peer();
+    std::string url(const std::string& path = "/") const;
+    std::string seen();       // the last request read, head and body
+
+private:
+    int listen_fd = -1;
+    std::atomic<bool> stopping{false};
+    std::mutex lock;
+    std::string request;
+    std::thread thread;
+    void serve(int connection);
+};

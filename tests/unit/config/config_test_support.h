@@ -43,29 +43,50 @@ inline std::string config_from_utf16(const std::string& bytes)
     return out;
 }
 
-inline std::string config_or_null(const char* text)
+inline std::string config_or_null(const char* text) { return text ? text : "<null>"; }
+
+inline bool config_has(const std::string& text, const std::string& piece)
 {
-    return text ? text : "<null>";
+    return text.find(piece) != std::string::npos;
 }
+
+// Keeps the locale variables for the length of a test and sets them (null
+// unsets one).
+struct config_locale {
+    static constexpr const char* names[3] = {"LC_ALL", "LC_MESSAGES", "LANG"};
+    std::string saved[3];
+    bool had[3] = {};
+    config_locale()
+    {
+        for (int i = 0; i < 3; i++) {
+            const char* v = getenv(names[i]);
+            had[i] = v != nullptr;
+            saved[i] = v ? v : "";
+        }
+    }
+    ~config_locale()
+    {
+        for (int i = 0; i < 3; i++)
+            had[i] ? setenv(names[i], saved[i].c_str(), 1) : unsetenv(names[i]);
+    }
+    static void set(const char* all, const char* messages, const char* lang)
+    {
+        const char* values[3] = {all, messages, lang};
+        for (int i = 0; i < 3; i++)
+            values[i] ? setenv(names[i], values[i], 1) : unsetenv(names[i]);
+    }
+};
 
 struct ConfigStart : ::testing::Test {
     test_dir dir;
+    config_locale locale;
     std::string argv0 = dir.file("velmora");
     std::string ini = dir.file("velmora-mediaserver.ini");
     std::string log_path = dir.file("test.log");
-    int32_t saved_full_mode = full_mode;
-    int32_t saved_tree_flat = tree_flat;
-    std::string saved_env[3];
-    bool had_env[3] = {};
-    static constexpr const char* env_names[3] = {"LC_ALL", "LC_MESSAGES", "LANG"};
+    int32_t saved_full_mode = full_mode, saved_tree_flat = tree_flat;
 
     void SetUp() override
     {
-        for (int i = 0; i < 3; i++) {
-            const char* v = getenv(env_names[i]);
-            had_env[i] = v != nullptr;
-            saved_env[i] = v ? v : "";
-        }
         pin_language("C");
         full_mode = 1;
         tree_flat = 0;
@@ -74,7 +95,6 @@ struct ConfigStart : ::testing::Test {
             ASSERT_TRUE(test_write_file(dir.file("resources/") + name,
                                         test_read_file(std::string(VELMORA_SOURCE_DIR "/resources/") + name)));
     }
-
     void TearDown() override
     {
         upnp_ini_release();
@@ -83,20 +103,8 @@ struct ConfigStart : ::testing::Test {
         upnp_log_init(nullptr);
         full_mode = saved_full_mode;
         tree_flat = saved_tree_flat;
-        for (int i = 0; i < 3; i++) {
-            if (had_env[i])
-                setenv(env_names[i], saved_env[i].c_str(), 1);
-            else
-                unsetenv(env_names[i]);
-        }
     }
-
-    static void pin_language(const char* lang)
-    {
-        unsetenv("LC_ALL");
-        unsetenv("LC_MESSAGES");
-        setenv("LANG", lang, 1);
-    }
+    static void pin_language(const char* lang) { config_locale::set(nullptr, nullptr, lang); }
 
     // Runs the start-up load with argv0 and these arguments behind it; the
     // vector keeps the texts, which the load may change in place.
@@ -111,16 +119,19 @@ struct ConfigStart : ::testing::Test {
         pointers.push_back(nullptr);
         upnp_ini_file_read_cmdline(int32_t(arguments.size()), pointers.data());
     }
-
     void log_to_file()
     {
         upnp_log_init(log_path.c_str());
         upnp_log_set_mode(UPNP_LOG_ALL_CHANNELS);
         upnp_log_set_level(15);
     }
-    std::string log_text() { return test_read_file(log_path); }
-
+    bool logged(const std::string& piece) { return config_has(test_read_file(log_path), piece); }
     std::string value(int32_t id) { return config_or_null(upnp_ini_get_string(id)); }
     std::string ini_text() { return config_from_utf16(test_read_file(ini)); }
     void write_ini(const std::string& utf8) { ASSERT_TRUE(test_write_file(ini, config_utf16(utf8))); }
+    // A string file "resources/strings-<code>.txt" of these lines.
+    void write_strings(const char* code, const std::string& lines)
+    {
+        ASSERT_TRUE(test_write_file(dir.file("resources/strings-") + code + ".txt", config_utf16(lines)));
+    }
 };

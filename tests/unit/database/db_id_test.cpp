@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <random>
 #include <set>
 #include <string>
 #include <vector>
@@ -16,7 +18,7 @@ using DbId = DbStoreTest;
 
 // ---- Id words ---------------------------------------------------------------------
 
-TEST_F(DbId, ItemWordsAreTypeAndBlock)
+TEST_F(DbId, WordsHoldTypeAndBlockAndCountersRiseBeforeUseAndNeverRestart)
 {
     EXPECT_EQ(1744830471u, db_make_id(7, DB_OBJ_PHOTO));
     oid_seed = 120000;
@@ -24,10 +26,6 @@ TEST_F(DbId, ItemWordsAreTypeAndBlock)
     EXPECT_EQ(120007u, id & DB_ID_SEQ_MASK);
     EXPECT_EQ(uint32_t(DB_OBJ_PHOTO), id >> DB_ID_TYPE_SHIFT);
     EXPECT_EQ(7u, db_id_to_block(id));
-}
-
-TEST_F(DbId, CountersRiseBeforeUseAndNeverRestart)
-{
     uint32_t a = db_next_id(DB_OBJ_MUSIC_GENRE);
     uint32_t b = db_next_id(DB_OBJ_MUSIC_GENRE);
     EXPECT_EQ(uint32_t(DB_OBJ_MUSIC_GENRE), a >> DB_ID_TYPE_SHIFT);
@@ -40,70 +38,49 @@ TEST_F(DbId, CountersRiseBeforeUseAndNeverRestart)
 
 // ---- Id texts ----------------------------------------------------------------------
 
-TEST_F(DbId, TextIsThePathOfWordsBelowTheRoot)
+TEST_F(DbId, TextIsThePathOfWordsBelowTheRootAndLeadsBackToItsObject)
 {
     char text[DB_ID_TEXT_SIZE];
     EXPECT_STREQ("-1", db_object_id_text(nullptr, text, sizeof text));
     EXPECT_STREQ("0", db_object_id_text(db_root, text, sizeof text));
     EXPECT_STREQ("268435466", db_object_id_text(db_music_root, text, sizeof text));
+    char cut[6];
+    EXPECT_STREQ("26843", db_object_id_text(db_music_root, cut, sizeof cut));
     files.blocks[5] = {"/m/five.mp3", DB_OBJ_AUDIO};
     db_meta_list* l = db_test_list({{DBK_TITLE, "Five"}});
     db_object* item = db_object_add(l, "/m/five.mp3", DB_OBJ_AUDIO, 5, nullptr, 0);
     db_meta_list_free(l);
     EXPECT_STREQ("268435466$1879048197", db_object_id_text(item, text, sizeof text));
-}
-
-TEST_F(DbId, TextIsCutToTheBuffer)
-{
-    char text[6];
-    db_object_id_text(db_music_root, text, sizeof text);
-    EXPECT_STREQ("26843", text);
-}
-
-TEST_F(DbId, EveryObjectIsFoundByItsText)
-{
-    db_object* item = add("/m/rt.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "rt"}});
     db_object* artist = db_container_new(db_next_id(DB_OBJ_MUSIC_ARTIST), "Abba", 0);
     db_object* album = db_container_new(db_next_id(DB_OBJ_MUSIC_ALBUM), "Gold", 0);
     db_object* ref = db_ref_new(DB_OBJ_REF, item, 0);
     db_container_add_child(db_music_root, artist);
     db_container_add_child(artist, album);
     db_container_add_child(album, ref);
-    db_object* objects[] = {db_root, db_music_root, item, artist, album, ref, db_document_root};
-    for (db_object* o : objects) {
-        char text[DB_ID_TEXT_SIZE];
+    for (db_object* o : {db_root, db_music_root, item, artist, album, ref, db_document_root}) {
         db_object_id_text(o, text, sizeof text);
         SCOPED_TRACE(text);
         EXPECT_EQ(o, db_get_item_by_id(text, nullptr));
     }
-    char text[DB_ID_TEXT_SIZE];
     EXPECT_STRNE(db_object_id_text(item, text, sizeof text), db_object_id_text(ref, text + 128, 128));
 }
 
-TEST_F(DbId, MalformedTextsFindNothing)
+struct lookup_case { const char* text; db_object* found; };
+
+TEST_F(DbId, AliasesNameTheFilledSlotsAndMalformedTextsFindNothing)
 {
     db_object* four = db_container_new(4, "four", 0);
     db_container_add_child(db_root, four);
-    EXPECT_EQ(four, db_get_item_by_id("4", nullptr));
-    const char* texts[] = {"4$", "4$$", "abc", "", "$", "268435466$", "99999999999999999999", "-1"};
-    for (const char* t : texts) {
-        SCOPED_TRACE(t);
-        EXPECT_EQ(nullptr, db_get_item_by_id(t, nullptr));
-    }
-    EXPECT_EQ(nullptr, db_get_item_by_id(nullptr, nullptr));
-}
-
-TEST_F(DbId, AliasesNameTheFilledSlots)
-{
-    struct alias_case { const char* text; db_object* expected; };
-    const alias_case cases[] = {
+    const lookup_case cases[] = {
+        {"4", four}, {"4$", nullptr}, {"4$$", nullptr}, {"abc", nullptr}, {"", nullptr}, {"$", nullptr},
+        {"268435466$", nullptr}, {"99999999999999999999", nullptr}, {"-1", nullptr}, {nullptr, nullptr},
         {"0\\Music\\", db_music_root}, {"0\\Photo\\", db_picture_root}, {"0\\Movie\\", db_video_root},
         {"0\\AllMovie\\", db_all_video}, {"0\\Document\\", db_document_root},
         {"0\\Radio\\", nullptr} /* never filled */, {"0\\LiveVideo\\", nullptr}, {"0\\music\\", nullptr},
     };
-    for (const alias_case& c : cases) {
-        SCOPED_TRACE(c.text);
-        EXPECT_EQ(c.expected, db_get_item_by_id(c.text, nullptr));
+    for (const lookup_case& c : cases) {
+        SCOPED_TRACE(c.text ? c.text : "null");
+        EXPECT_EQ(c.found, db_get_item_by_id(c.text, nullptr));
     }
 }
 
@@ -127,7 +104,7 @@ TEST_F(DbId, RootOfAMusicOnlyClientIsTheMusicRoot)
 
 // ---- Lookups by word ---------------------------------------------------------------
 
-TEST_F(DbId, WordsAreFoundBelowTheirAllContainer)
+TEST_F(DbId, WordsAreFoundBelowTheirAllContainerAndItemsOnlyInTheirOwn)
 {
     db_object* track = add("/m/w.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "w"}});
     db_object* photo = add("/p/w.jpg", DB_OBJ_PHOTO, {{DBK_TITLE, "w"}});
@@ -135,27 +112,20 @@ TEST_F(DbId, WordsAreFoundBelowTheirAllContainer)
     db_container_add_child(db_music_root, folder);
     db_object* ref = db_ref_new(DB_OBJ_REF, track, 0);
     db_container_add_child(folder, ref);
-    EXPECT_EQ(track, db_get_pItem_by_id(track->id));
-    EXPECT_EQ(photo, db_get_pItem_by_id(photo->id));
-    EXPECT_EQ(folder, db_get_pItem_by_id(folder->id));
-    EXPECT_EQ(ref, db_get_pItem_by_id(ref->id));
+    for (db_object* o : {track, photo, folder, ref})
+        EXPECT_EQ(o, db_get_pItem_by_id(o->id));
     EXPECT_EQ(nullptr, db_get_pItem_by_id(db_make_id(999, DB_OBJ_AUDIO)));
     EXPECT_EQ(nullptr, db_get_pItem_by_id(db_make_id(1, DB_OBJ_VIDEO_BROADCAST)));   // empty slot
+    EXPECT_EQ(track, db_container_find(db_all_music, track->id));
+    EXPECT_EQ(nullptr, db_container_find(db_all_video, track->id));
+    EXPECT_EQ(nullptr, db_container_find(track, track->id));
     db_container_remove_child(db_all_music, track);
     EXPECT_EQ(nullptr, db_get_pItem_by_id(track->id));              // out of the tree
 }
 
-TEST_F(DbId, AnItemWordIsFoundOnlyInItsOwnContainer)
-{
-    db_object* track = add("/m/own.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "own"}});
-    EXPECT_EQ(track, db_container_find(db_all_music, track->id));
-    EXPECT_EQ(nullptr, db_container_find(db_all_video, track->id));
-    EXPECT_EQ(nullptr, db_container_find(track, track->id));
-}
-
 // ---- Path index ---------------------------------------------------------------------
 
-TEST_F(DbId, PathsLeadToTheirItems)
+TEST_F(DbId, PathsLeadToTheirItemsByExactTextWhateverTheirHash)
 {
     db_object* a = add("/music/a.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "a"}});
     db_object* b = add("/photos/b.jpg", DB_OBJ_PHOTO, {{DBK_TITLE, "b"}});
@@ -165,38 +135,23 @@ TEST_F(DbId, PathsLeadToTheirItems)
     EXPECT_EQ(0u, upnp_cds_db_file_get_id_by_res("/music/none.mp3"));
     EXPECT_EQ(0u, upnp_cds_db_file_get_id_by_res(nullptr));
     EXPECT_EQ(2, db_path_index_count());
-}
-
-TEST_F(DbId, HashFoldsCaseButIdentityIsExact)
-{
+    // The hash folds case, but identity is exact.
     EXPECT_EQ(db_path_hash("/Music/A.MP3"), db_path_hash("/music/a.mp3"));
-    db_object* lower = add("/music/a.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "lower"}});
     EXPECT_EQ(0u, upnp_cds_db_file_get_id_by_res("/Music/A.MP3"));
-    db_object* upper = add("/Music/A.MP3", DB_OBJ_AUDIO, {{DBK_TITLE, "upper"}});
-    ASSERT_NE(nullptr, upper);
-    EXPECT_NE(lower, upper);
-    EXPECT_EQ(lower->id, upnp_cds_db_file_get_id_by_res("/music/a.mp3"));
-    EXPECT_EQ(upper->id, upnp_cds_db_file_get_id_by_res("/Music/A.MP3"));
-}
-
-TEST_F(DbId, PathsWithOneHashAreAllFound)
-{
     // Words summed: swapping two 4-byte words keeps the hash.
     ASSERT_EQ(db_path_hash("/aaa/bbb"), db_path_hash("/bbb/aaa"));
     std::string long_a = "/" + std::string(300, 'x') + "a", long_b = "/" + std::string(300, 'x') + "b";
     ASSERT_EQ(db_path_hash(long_a.c_str()), db_path_hash(long_b.c_str()));
-    const char* paths[] = {"/aaa/bbb", "/bbb/aaa", long_a.c_str(), long_b.c_str()};
-    std::vector<db_object*> items;
-    for (const char* p : paths)
-        items.push_back(add(p, DB_OBJ_DOCUMENT, {{DBK_TITLE, "t"}}));
-    for (size_t i = 0; i < items.size(); i++) {
-        SCOPED_TRACE(paths[i]);
-        ASSERT_NE(nullptr, items[i]);
-        EXPECT_EQ(items[i]->id, upnp_cds_db_file_get_id_by_res(paths[i]));
+    for (const char* p : {"/Music/A.MP3", "/aaa/bbb", "/bbb/aaa", long_a.c_str(), long_b.c_str()}) {
+        SCOPED_TRACE(p);
+        db_object* o = add(p, DB_OBJ_DOCUMENT, {{DBK_TITLE, "t"}});
+        ASSERT_NE(nullptr, o);
+        EXPECT_EQ(o->id, upnp_cds_db_file_get_id_by_res(p));
     }
+    EXPECT_EQ(a->id, upnp_cds_db_file_get_id_by_res("/music/a.mp3"));
 }
 
-TEST_F(DbId, ADeletedItemLeavesAStalePairThatFindsNothing)
+TEST_F(DbId, ADeletedItemLeavesAStalePairThatFindsNothingAndSeededIdsLeadBack)
 {
     db_object* item = add("/m/stale.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "s"}});
     db_object_delete(item);
@@ -205,18 +160,15 @@ TEST_F(DbId, ADeletedItemLeavesAStalePairThatFindsNothing)
     db_object* again = add("/m/stale.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "s"}});
     ASSERT_NE(nullptr, again);
     EXPECT_EQ(again->id, upnp_cds_db_file_get_id_by_res("/m/stale.mp3"));
-}
-
-TEST_F(DbId, SeededIdsStillLeadBackToTheirItems)
-{
     oid_seed = 120000;
-    db_object* item = add("/p/seed.jpg", DB_OBJ_PHOTO, {{DBK_TITLE, "s"}});
-    ASSERT_NE(nullptr, item);
-    EXPECT_EQ(120001u, db_object_seq(item));
-    EXPECT_EQ(item, db_object_find_by_path("/p/seed.jpg"));
+    db_object* seeded = add("/p/seed.jpg", DB_OBJ_PHOTO, {{DBK_TITLE, "s"}});
+    ASSERT_NE(nullptr, seeded);
+    EXPECT_EQ(120000u + files.next_block - 1, db_object_seq(seeded));
+    EXPECT_EQ(seeded, db_object_find_by_path("/p/seed.jpg"));
+    int frees = files.frees;
     EXPECT_EQ(1, db_object_remove("/p/seed.jpg"));
-    EXPECT_EQ(1, files.frees);
-    EXPECT_EQ(0u, files.blocks.count(1));
+    EXPECT_EQ(frees + 1, files.frees);
+    EXPECT_EQ(0u, files.blocks.count(files.next_block - 1));
 }
 
 TEST_F(DbId, IndexGrowsAndKeepsEveryPath)
@@ -237,34 +189,26 @@ TEST_F(DbId, IndexGrowsAndKeepsEveryPath)
 
 // ---- Lists ----------------------------------------------------------------------------
 
-TEST_F(DbId, ChildAccessStaysInsideTheList)
+TEST_F(DbId, ChildAccessStaysInsideTheListAndHasAndFindTitleCompareExactly)
 {
     EXPECT_EQ(db_music_root, db_container_child(db_root, 0));
     EXPECT_EQ(nullptr, db_container_child(db_root, -1));
     EXPECT_EQ(nullptr, db_container_child(db_root, 4));
-    db_object* item = add("/m/ca.mp3", DB_OBJ_AUDIO, {});
+    db_object* item = add("/m/Photo.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "Folder"}});
     EXPECT_EQ(nullptr, db_container_child(item, 0));
     EXPECT_EQ(0, db_container_child_count(item));
     db_object* out[8];
     EXPECT_EQ(4, db_container_children(db_root, out, 8));
     EXPECT_EQ(2, db_container_children(db_root, out, 2));
     EXPECT_EQ(db_picture_root, out[1]);
-}
-
-TEST_F(DbId, HasLooksAtPointersNotTargets)
-{
-    db_object* item = add("/m/has.mp3", DB_OBJ_AUDIO, {});
+    // Has looks at pointers, not at their targets.
     db_object* list = db_container_new(db_next_id(DB_OBJ_PLAYLIST_CONTAINER), "pl", 0);
     db_object* ref = db_ref_new(DB_OBJ_REF_TRACK, item, 1);
     db_container_add_child(list, ref);
     EXPECT_EQ(1, db_container_has(list, ref));
     EXPECT_EQ(0, db_container_has(list, item));
     EXPECT_EQ(1, db_container_has(db_all_music, item));
-}
-
-TEST_F(DbId, FindTitleTakesContainersWithTheExactTitle)
-{
-    add("/m/Photo.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "Folder"}});
+    // Find title takes containers with the exact title.
     db_object* folder = db_container_new(db_next_id(DB_OBJ_CONTAINER), "Folder", 0);
     db_container_add_child(db_music_root, folder);
     EXPECT_EQ(folder, db_container_find_title(db_music_root, "Folder"));
@@ -339,13 +283,11 @@ protected:
 
 TEST_F(DbSort, FoldedTextPutsAccentsWithTheirLetters)
 {
-    EXPECT_EQ('A', db_fold_char(0xC3, 0x84));       // Ä
-    EXPECT_EQ('A', db_fold_char(0xC3, 0xA4));       // ä
-    EXPECT_EQ('Z', db_fold_char(0xC3, 0x85));       // Å, on purpose
-    EXPECT_EQ('O', db_fold_char(0xC3, 0x97));       // the multiplication sign
-    EXPECT_EQ('N', db_fold_char(0xC3, 0xB1));
-    EXPECT_EQ(0xC2, db_fold_char(0xC2, 0xA9));      // © stays
-    EXPECT_EQ('x', db_fold_char('x', 0));
+    // Ä, ä, Å (with Z, on purpose), the multiplication sign, ñ, © (stays), a plain byte.
+    const int folds[][3] = {{0xC3, 0x84, 'A'}, {0xC3, 0xA4, 'A'}, {0xC3, 0x85, 'Z'}, {0xC3, 0x97, 'O'},
+                            {0xC3, 0xB1, 'N'}, {0xC2, 0xA9, 0xC2}, {'x', 0, 'x'}};
+    for (const auto& f : folds)
+        EXPECT_EQ(f[2], db_fold_char(f[0], f[1])) << f[0] << " " << f[1];
     EXPECT_EQ(0, db_compare_text("abc", "ABC"));
     EXPECT_EQ(-1, db_compare_text("ab", "abc"));
     EXPECT_EQ(1, db_compare_text("abc", "ab"));
@@ -478,4 +420,53 @@ TEST_F(DbSort, LongSharedPrefixesAndEndsOrderLikeTheTextComparison)
         SCOPED_TRACE(got[i]);
         EXPECT_LE(db_compare_text(got[i - 1].c_str(), got[i].c_str()), 0);
     }
+}
+
+// Many titles that share long prefixes or fold alike, in shuffled order:
+// every sort must give exactly the order of a stable sort by the plain
+// comparison, equal titles keeping the order they came in.
+TEST_F(DbSort, LargeListsOrderLikeAStableSortByThePlainComparison)
+{
+    const char* stems[] = {"Song 0000000000000", "song 00000000000000", "Song 00", "S", "",
+                           "\xC3\x84rger ist gut", "\xC3\xA4rger ist gut", "\xC3\x85sa", "Ar", "a\x80\x80",
+                           "\x80", "\xFF\xFE", "Zed", "zed \xC3\xA9t\xC3\xA9", "Picture 00000000001"};
+    std::vector<std::string> texts;
+    for (int i = 0; i < 6000; i++) {
+        std::string t = stems[i % 15];
+        if (i % 7)
+            t += std::to_string(i % 501);
+        if (i % 11 == 0)
+            t += "\xC3\xB1\x80";
+        texts.push_back(t);
+    }
+    std::shuffle(texts.begin(), texts.end(), std::mt19937(7));
+    for (const std::string& t : texts)
+        track({{DBK_TITLE, t.c_str()}});
+    upnp_ini_set(UPNP_OPT_ALLNAME, "Zed");
+    std::vector<db_object*> input(size_t(db_container_child_count(db_all_music)));
+    db_container_children(db_all_music, input.data(), int32_t(input.size()));
+    int dummy = 0;
+    const HTTP_request* no_utf8 = reinterpret_cast<const HTTP_request*>(&dummy);
+    db_set_client_flag_probe(probe_flags);
+    struct order_case { const char* criteria; const HTTP_request* request; };
+    for (const order_case& c : {order_case{"+dc:title", nullptr}, order_case{"-dc:title", nullptr},
+                                order_case{"+dc:title", no_utf8}, order_case{"+upnp:genre,-dc:title", nullptr}}) {
+        SCOPED_TRACE(std::string(c.criteria) + (c.request ? " no utf-8" : ""));
+        db_sort_prepare(c.criteria, DB_OBJ_CONTAINER, c.request);
+        std::vector<db_object*> want = input;
+        std::stable_sort(want.begin(), want.end(),
+                         [](db_object* a, db_object* b) { return db_sort_compare(&a, &b) < 0; });
+        std::vector<db_object*> got = input;
+        db_sort_objects(got.data(), int32_t(got.size()));
+        EXPECT_TRUE(got == want);
+    }
+    db_sort_prepare("+dc:title", DB_OBJ_CONTAINER, nullptr);
+    std::vector<db_object*> want = input;
+    std::stable_sort(want.begin(), want.end(), [](db_object* a, db_object* b) { return db_sort_compare(&a, &b) < 0; });
+    db_container_sort(db_all_music);
+    std::vector<db_object*> got(want.size());
+    db_container_children(db_all_music, got.data(), int32_t(got.size()));
+    upnp_ini_set(UPNP_OPT_ALLNAME, "");
+    EXPECT_TRUE(got == want);
+    EXPECT_EQ("Zed", std::string(db_object_get_str(got[0], DBK_TITLE)));
 }

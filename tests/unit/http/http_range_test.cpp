@@ -8,12 +8,7 @@
 
 namespace {
 
-struct range_case {
-    const char* why;
-    std::string head;
-    int64_t start, end;
-    int32_t time;
-};
+struct range_case { const char* why; std::string head; int64_t start, end; int32_t time; };
 
 const std::string LINE = "GET /disk/music/O12.mp3 HTTP/1.1\r\nHost: a\r\n";
 const std::string DLNA_LINE = "GET /disk/DLNA-PNMP3-OP01-FLAGS01700000/music/O1.mp3 HTTP/1.1\r\n";
@@ -22,8 +17,10 @@ const std::string NO_TIME_SEEK = DLNA_LINE;
 const std::string PROFILE_ONLY = "GET /disk/DLNA-PNMP3-FLAGS01700000/music/O1.mp3 HTTP/1.1\r\n";
 const std::string PHOTO_NO_SEEK = "GET /disk/photo/DLNA-PNJPEG_SM-OP00-FLAGS00f00000/O1.jpg HTTP/1.1\r\n";
 
-TEST(HttpRange, ByteRangesAndTheirRefusals)
+TEST(HttpRange, ByteRangesTimeSeekAndTheirRefusals)
 {
+    const std::string seekable = "GET /disk/DLNA-PNMP3-OP11-FLAGS01700000/music/O1.mp3 HTTP/1.1\r\n";
+    const std::string npt = "TimeSeekRange.dlna.org: npt=1.000-\r\n\r\n";
     const range_case cases[] = {
         {"none", LINE + "\r\n", -1, -1, 0},
         {"open end", LINE + "Range: bytes=0-\r\n\r\n", 0, -1, 0},
@@ -41,6 +38,16 @@ TEST(HttpRange, ByteRangesAndTheirRefusals)
         {"byte seek digit 0", NO_BYTE_SEEK + "Range: bytes=0-99\r\n\r\n", -3, -3, 0},
         {"profile without OP", PROFILE_ONLY + "Range: bytes=0-99\r\n\r\n", -3, -3, 0},
         {"range wins over time", LINE + "TimeSeekRange.dlna.org: npt=1.000-\r\nRange: bytes=3-4\r\n\r\n", 3, 4, 0},
+        {"time, plain URL", LINE + "TimeSeekRange.dlna.org: npt=10.000-20.000\r\n\r\n", 10000, 20000, 1},
+        {"time, open end", seekable + "TimeSeekRange.dlna.org: npt=10.000-\r\n\r\n", 10000, -1, 1},
+        {"time, other name", LINE + "X-Seek-Range: npt=5.000-\r\n\r\n", 5000, -1, 1},
+        {"time, end before start", LINE + "TimeSeekRange.dlna.org: npt=20.000-10.000\r\n\r\n", -2, -2, 1},
+        {"time, no digits", LINE + "TimeSeekRange.dlna.org: npt=x\r\n\r\n", -2, -2, 1},
+        {"time seek digit 0", NO_TIME_SEEK + npt, -3, -3, 1},
+        {"play speed", seekable + "PlaySpeed.dlna.org: speed=2\r\n" + npt, -3, -3, 1},
+        {"background", seekable + "transferMode.dlna.org: Background\r\n" + npt, -2, -2, 1},
+        {"photo flags", PHOTO_NO_SEEK + npt, -2, -2, 1},
+        {"time, profile without OP", PROFILE_ONLY + npt, -3, -3, 1},
     };
     for (const range_case& c : cases) {
         SCOPED_TRACE(c.why);
@@ -53,38 +60,7 @@ TEST(HttpRange, ByteRangesAndTheirRefusals)
     }
 }
 
-TEST(HttpRange, TimeSeekAndItsRefusals)
-{
-    const std::string seekable = "GET /disk/DLNA-PNMP3-OP11-FLAGS01700000/music/O1.mp3 HTTP/1.1\r\n";
-    const range_case cases[] = {
-        {"plain URL", LINE + "TimeSeekRange.dlna.org: npt=10.000-20.000\r\n\r\n", 10000, 20000, 1},
-        {"open end", seekable + "TimeSeekRange.dlna.org: npt=10.000-\r\n\r\n", 10000, -1, 1},
-        {"other name", LINE + "X-Seek-Range: npt=5.000-\r\n\r\n", 5000, -1, 1},
-        {"end before start", LINE + "TimeSeekRange.dlna.org: npt=20.000-10.000\r\n\r\n", -2, -2, 1},
-        {"no digits", LINE + "TimeSeekRange.dlna.org: npt=x\r\n\r\n", -2, -2, 1},
-        {"time seek digit 0", NO_TIME_SEEK + "TimeSeekRange.dlna.org: npt=1.000-\r\n\r\n", -3, -3, 1},
-        {"play speed", seekable + "PlaySpeed.dlna.org: speed=2\r\nTimeSeekRange.dlna.org: npt=1.000-\r\n\r\n", -3,
-         -3, 1},
-        {"background", seekable + "transferMode.dlna.org: Background\r\nTimeSeekRange.dlna.org: npt=1.000-\r\n\r\n",
-         -2, -2, 1},
-        {"photo flags", PHOTO_NO_SEEK + "TimeSeekRange.dlna.org: npt=1.000-\r\n\r\n", -2, -2, 1},
-        {"profile without OP", PROFILE_ONLY + "TimeSeekRange.dlna.org: npt=1.000-\r\n\r\n", -3, -3, 1},
-    };
-    for (const range_case& c : cases) {
-        SCOPED_TRACE(c.why);
-        int64_t start = 0, end = 0;
-        int32_t time = 9;
-        HTTP_parse_range(c.head.c_str(), &start, &end, &time);
-        EXPECT_EQ(c.start, start);
-        EXPECT_EQ(c.end, end);
-        EXPECT_EQ(c.time, time);
-    }
-}
-
-struct npt_case {
-    const char* text;
-    int32_t ms;
-};
+struct npt_case { const char* text; int32_t ms; };
 
 TEST(HttpRange, NptTimesKeepTheirHistoricArithmetic)
 {

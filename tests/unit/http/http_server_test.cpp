@@ -1,5 +1,5 @@
 // The route table and the default page: registration limits, and which
-// entry a request finds.
+// entry a request finds; the connection limits and their test hook.
 #include "http/http_server.h"
 
 #include <gtest/gtest.h>
@@ -23,14 +23,11 @@ HTTP_handler_function found(int32_t method, const char* url)
     return h ? h->function : nullptr;
 }
 
-struct route_case {
-    int32_t method;
-    const char* url;
-    HTTP_handler_function handler;
-};
+struct route_case { int32_t method; const char* url; HTTP_handler_function handler; };
 
 TEST_F(RouteTable, TheFirstEntryWhosePrefixAndMethodsFitWins)
 {
+    EXPECT_EQ(nullptr, found(HTTP_METHOD_GET, "/"));         // an empty table finds nothing
     ASSERT_EQ(1, HTTP_register_handler(handler_a, HTTP_METHOD_GET | HTTP_METHOD_HEAD, "/disk", 0));
     ASSERT_EQ(1, HTTP_register_handler(handler_b, HTTP_METHOD_SUBSCRIBE, nullptr, 1));
     ASSERT_EQ(1, HTTP_register_handler(handler_c, HTTP_METHOD_GET | HTTP_METHOD_POST, "/d", 1));
@@ -50,73 +47,53 @@ TEST_F(RouteTable, TheFirstEntryWhosePrefixAndMethodsFitWins)
         SCOPED_TRACE(std::to_string(c.method) + " " + c.url);
         EXPECT_EQ(c.handler, found(c.method, c.url));
     }
+    HTTP_clear_handlers();
+    EXPECT_EQ(0, HTTP_handler_count());
+    EXPECT_EQ(nullptr, found(HTTP_METHOD_GET, "/disk"));
 }
 
-TEST_F(RouteTable, AnEmptyTableFindsNothing)
+TEST_F(RouteTable, HoldsTwentyNineEntriesRefusesMoreAndCutsALongPrefix)
 {
-    EXPECT_EQ(nullptr, HTTP_find_handler(HTTP_METHOD_GET, "/"));
-    EXPECT_EQ(nullptr, HTTP_find_handler(0, ""));
-}
-
-TEST_F(RouteTable, HoldsTwentyNineEntriesAndRefusesMore)
-{
-    for (int i = 0; i < HTTP_MAX_HANDLERS; i++)
+    EXPECT_EQ(0, HTTP_register_handler(nullptr, HTTP_METHOD_GET, "/x", 0));
+    std::string url = "/" + std::string(600, 'u');
+    ASSERT_EQ(1, HTTP_register_handler(handler_a, HTTP_METHOD_GET, url.c_str(), 0));
+    const HTTP_handler* h = HTTP_find_handler(HTTP_METHOD_GET, url.c_str());
+    ASSERT_NE(nullptr, h);
+    EXPECT_EQ(HTTP_HANDLER_URL_SIZE - 1, h->url_length);
+    for (int i = 1; i < HTTP_MAX_HANDLERS; i++)
         ASSERT_EQ(1, HTTP_register_handler(handler_a, HTTP_METHOD_GET, ("/r" + std::to_string(i)).c_str(), 0));
     EXPECT_EQ(0, HTTP_register_handler(handler_b, HTTP_METHOD_GET, "/late", 0));
     EXPECT_EQ(HTTP_MAX_HANDLERS, HTTP_handler_count());
     EXPECT_EQ(nullptr, HTTP_find_handler(HTTP_METHOD_GET, "/late"));
 }
 
-TEST_F(RouteTable, RefusesAMissingFunctionAndCutsALongPrefix)
-{
-    EXPECT_EQ(0, HTTP_register_handler(nullptr, HTTP_METHOD_GET, "/x", 0));
-    EXPECT_EQ(0, HTTP_handler_count());
-    std::string url = "/" + std::string(600, 'u');
-    ASSERT_EQ(1, HTTP_register_handler(handler_a, HTTP_METHOD_GET, url.c_str(), 0));
-    const HTTP_handler* h = HTTP_find_handler(HTTP_METHOD_GET, url.c_str());
-    ASSERT_NE(nullptr, h);
-    EXPECT_EQ(HTTP_HANDLER_URL_SIZE - 1, h->url_length);
-}
-
-TEST_F(RouteTable, ClearingEmptiesTheTable)
-{
-    HTTP_register_handler(handler_a, HTTP_METHOD_GET, "/a", 0);
-    HTTP_clear_handlers();
-    EXPECT_EQ(0, HTTP_handler_count());
-    EXPECT_EQ(nullptr, HTTP_find_handler(HTTP_METHOD_GET, "/a"));
-}
-
 TEST(DefaultPage, KeepsTheOldValueWhenTheNewOneIsTooLong)
 {
     HTTP_set_default_page("/configpage");
-    EXPECT_STREQ("/configpage", HTTP_get_default_page());
     HTTP_set_default_page(("/" + std::string(HTTP_DEFAULT_PAGE_SIZE, 'x')).c_str());
     EXPECT_STREQ("/configpage", HTTP_get_default_page());
     std::string longest = "/" + std::string(HTTP_DEFAULT_PAGE_SIZE - 1, 'y');
     HTTP_set_default_page(longest.c_str());
-    EXPECT_EQ(longest, HTTP_get_default_page());
     HTTP_set_default_page(nullptr);
     EXPECT_EQ(longest, HTTP_get_default_page());
     HTTP_set_default_page("/configpage");
 }
 
-TEST(HttpLimits, DefaultsAndTheTestHook)
+TEST(HttpLimits, TheTestHookMayLowerButNeverRaiseThem)
 {
-    HTTP_limits l;
+    HTTP_limits lower = {100, 200, 300, 2, 9999, 10}, l;
+    HTTP_set_limits(&lower);
+    HTTP_get_limits(&l);
+    EXPECT_EQ(100, l.head_timeout_ms);
+    EXPECT_EQ(2, l.per_peer);
+    EXPECT_EQ(512, l.total);          // never above the table
+    HTTP_set_limits(nullptr);
     HTTP_get_limits(&l);
     EXPECT_EQ(30000, l.head_timeout_ms);
     EXPECT_EQ(60000, l.idle_timeout_ms);
     EXPECT_EQ(64, l.per_peer);
     EXPECT_EQ(512, l.total);
     EXPECT_EQ(1024 * 1024, l.body_max);
-    HTTP_limits lower = {100, 200, 300, 2, 9999, 10};
-    HTTP_set_limits(&lower);
-    HTTP_get_limits(&l);
-    EXPECT_EQ(100, l.head_timeout_ms);
-    EXPECT_EQ(512, l.total);          // never above the table
-    HTTP_set_limits(nullptr);
-    HTTP_get_limits(&l);
-    EXPECT_EQ(64, l.per_peer);
 }
 
 }  // namespace

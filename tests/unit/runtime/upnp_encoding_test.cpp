@@ -10,6 +10,14 @@
 #include <string>
 #include <vector>
 
+// Owns a malloc'd result and gives it as a std::string ("<null>" for null).
+static std::string take(char* text)
+{
+    std::string out = text ? text : "<null>";
+    free(text);
+    return out;
+}
+
 static std::vector<uint16_t> wide_of(const char* utf8)
 {
     uint16_t* w = upnp_string_utf8_to_utf16(utf8);
@@ -23,18 +31,7 @@ static std::vector<uint16_t> wide_of(const char* utf8)
 static std::string utf8_of(std::vector<uint16_t> units)
 {
     units.push_back(0);
-    char* t = upnp_string_utf16_to_utf8(units.data());
-    std::string out = t ? t : "<null>";
-    free(t);
-    return out;
-}
-
-// Owns a malloc'd result and gives it as a std::string ("<null>" for null).
-static std::string take(char* text)
-{
-    std::string out = text ? text : "<null>";
-    free(text);
-    return out;
+    return take(upnp_string_utf16_to_utf8(units.data()));
 }
 
 struct utf8_case {
@@ -61,7 +58,7 @@ TEST(UpnpEncoding, Utf8AndUtf16RoundTrip)
     }
 }
 
-static const utf8_case invalid_cases[] = {
+static const utf8_case bad_utf8_cases[] = {
     {"lone lead at the end", "a\xC3", {'a', 0xFFFD}},
     {"cut three-byte form", "\xE2\x82", {0xFFFD, 0xFFFD}},
     {"overlong slash", "\xC0\xAF", {0xFFFD, 0xFFFD}},
@@ -71,33 +68,36 @@ static const utf8_case invalid_cases[] = {
     {"five-byte form", "\xF8\x88\x80\x80\x80", {0xFFFD, 0xFFFD, 0xFFFD, 0xFFFD, 0xFFFD}},
 };
 
-TEST(UpnpEncoding, InvalidUtf8BecomesReplacementCharacters)
+static const utf8_case bad_utf16_cases[] = {
+    {"lone high then a letter", "\xEF\xBF\xBD" "A", {0xD800, 'A'}},
+    {"lone low at the end", "A\xEF\xBF\xBD", {'A', 0xDC00}},
+    {"lone high at the end", "\xEF\xBF\xBD", {0xD83D}},
+    {"pair in the wrong order", "\xEF\xBF\xBD\xEF\xBF\xBD", {0xDE00, 0xD83D}},
+};
+
+TEST(UpnpEncoding, InvalidInputBecomesReplacementCharacters)
 {
-    for (const utf8_case& c : invalid_cases) {
+    for (const utf8_case& c : bad_utf8_cases) {
         SCOPED_TRACE(c.name);
         EXPECT_EQ(c.utf16, wide_of(c.utf8));
     }
-}
-
-TEST(UpnpEncoding, UnpairedSurrogatesBecomeReplacementCharacters)
-{
-    EXPECT_EQ("\xEF\xBF\xBD" "A", utf8_of({0xD800, 'A'}));
-    EXPECT_EQ("A\xEF\xBF\xBD", utf8_of({'A', 0xDC00}));
-    EXPECT_EQ("\xEF\xBF\xBD", utf8_of({0xD83D}));
-    EXPECT_EQ("\xEF\xBF\xBD\xEF\xBF\xBD", utf8_of({0xDE00, 0xD83D}));
+    for (const utf8_case& c : bad_utf16_cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(std::string(c.utf8), utf8_of(c.utf16));
+    }
 }
 
 TEST(UpnpEncoding, NullInGivesNullOut)
 {
+    for (char* (*convert)(const char*) : {upnp_string_sjis_to_utf8, upnp_string_latin1_to_utf8,
+                                           upnp_string_clean_utf8, upnp_string_to_latin1})
+        EXPECT_EQ(nullptr, convert(nullptr));
     EXPECT_EQ(nullptr, upnp_string_utf8_to_utf16(nullptr));
     EXPECT_EQ(nullptr, upnp_string_utf16_to_utf8(nullptr));
-    EXPECT_EQ(nullptr, upnp_string_sjis_to_utf8(nullptr));
-    EXPECT_EQ(nullptr, upnp_string_latin1_to_utf8(nullptr));
-    EXPECT_EQ(nullptr, upnp_string_clean_utf8(nullptr));
-    EXPECT_EQ(nullptr, upnp_string_to_latin1(nullptr));
     EXPECT_EQ(-1, upnp_string_utf8_to_wide(nullptr, nullptr, 0));
     EXPECT_EQ(-1, upnp_string_acp_to_wide(nullptr, nullptr, 0));
     EXPECT_EQ(-1, upnp_string_wide_to_utf8(nullptr, nullptr, 0));
+    EXPECT_EQ(0, upnp_string_is_multibyte(nullptr));
 }
 
 // Counted input has no terminator: the heap copies are exactly n long, so
@@ -107,12 +107,8 @@ TEST(UpnpEncoding, CountedFormsStopAtTheCount)
     std::vector<char> bytes = {'a', '\xF0', '\x9F', '\x98', '\x80', 'b'};
     uint16_t* w = upnp_string_utf8_to_utf16_n(bytes.data(), 5);
     ASSERT_NE(nullptr, w);
-    EXPECT_EQ(0x61, w[0]);
-    EXPECT_EQ(0xD83D, w[1]);
-    EXPECT_EQ(0xDE00, w[2]);
-    EXPECT_EQ(0, w[3]);
+    EXPECT_EQ((std::vector<uint16_t>{'a', 0xD83D, 0xDE00, 0}), std::vector<uint16_t>(w, w + 4));
     free(w);
-
     std::vector<uint16_t> units = {'x', 0xD83D, 0xDE00, 'y'};
     EXPECT_EQ("x\xEF\xBF\xBD", take(upnp_string_utf16_to_utf8_n(units.data(), 2)));
     EXPECT_EQ("x\xF0\x9F\x98\x80y", take(upnp_string_utf16_to_utf8_n(units.data(), 4)));
@@ -127,7 +123,6 @@ TEST(UpnpEncoding, WideFormsMeasureThenConvert)
     EXPECT_EQ(0xDE00, out[2]);
     EXPECT_EQ(0, out[3]);
     EXPECT_EQ(8, upnp_string_acp_to_wide(text, out, 8));
-
     const uint16_t wide[] = {'a', 0xE9, 0};
     EXPECT_EQ(4, upnp_string_wide_to_utf8(wide, nullptr, 0));
     char bytes[8];
@@ -144,7 +139,6 @@ TEST(UpnpEncoding, WideFormsNeverWritePastTheBufferNorSplitACharacter)
     EXPECT_EQ(0x1111, out[3]);
     EXPECT_EQ(0, upnp_string_utf8_to_wide("abc", out, 0));
     EXPECT_EQ('a', out[0]);
-
     char bytes[4] = {'#', '#', '#', '#'};
     const uint16_t wide[] = {'a', 0x20AC, 0};
     EXPECT_EQ(0, upnp_string_wide_to_utf8(wide, bytes, 3));
@@ -152,97 +146,71 @@ TEST(UpnpEncoding, WideFormsNeverWritePastTheBufferNorSplitACharacter)
     EXPECT_EQ('#', bytes[3]);
 }
 
-TEST(UpnpEncoding, Latin1ToUtf8MapsTheHighHalf)
-{
-    EXPECT_EQ("a\xC2\x80\xC2\xBF\xC3\x80\xC3\xA4\xC3\xBF", take(upnp_string_latin1_to_utf8("a\x80\xBF\xC0\xE4\xFF")));
-    EXPECT_EQ("<null>", take(upnp_string_latin1_to_utf8("")));
-}
-
-struct byte_case {
+struct convert_case {
+    char* (*convert)(const char*);
     const char* name;
     const char* in;
     const char* out;
 };
 
-static const byte_case clean_cases[] = {
-    {"latin-1 lead without continuation", "\xE4 ", "\xC3\xA4 "},
-    {"valid two-byte form stays", "\xC3\xA4", "\xC3\xA4"},
-    {"valid three-byte form stays", "\xE2\x82\xAC", "\xE2\x82\xAC"},
-    {"five-byte form passes on purpose", "\xF8\x88\x80\x80\x80", "\xF8\x88\x80\x80\x80"},
-    {"six-byte form passes on purpose", "\xFC\x84\x80\x80\x80\x80", "\xFC\x84\x80\x80\x80\x80"},
-    {"cut form at the end", "ab\xE2\x82", "ab\xC3\xA2\xC2\x82"},
-    {"stray continuation", "\x80", "\xC2\x80"},
-    {"0xFF never leads", "\xFF", "\xC3\xBF"},
-    {"empty", "", ""},
+static const convert_case convert_cases[] = {
+    {upnp_string_latin1_to_utf8, "high half", "a\x80\xBF\xC0\xE4\xFF", "a\xC2\x80\xC2\xBF\xC3\x80\xC3\xA4\xC3\xBF"},
+    {upnp_string_latin1_to_utf8, "empty gives null", "", "<null>"},
+    {upnp_string_clean_utf8, "latin-1 lead without continuation", "\xE4 ", "\xC3\xA4 "},
+    {upnp_string_clean_utf8, "valid two-byte form stays", "\xC3\xA4", "\xC3\xA4"},
+    {upnp_string_clean_utf8, "valid three-byte form stays", "\xE2\x82\xAC", "\xE2\x82\xAC"},
+    {upnp_string_clean_utf8, "five-byte form passes on purpose", "\xF8\x88\x80\x80\x80", "\xF8\x88\x80\x80\x80"},
+    {upnp_string_clean_utf8, "six-byte form passes on purpose", "\xFC\x84\x80\x80\x80\x80",
+     "\xFC\x84\x80\x80\x80\x80"},
+    {upnp_string_clean_utf8, "cut form at the end", "ab\xE2\x82", "ab\xC3\xA2\xC2\x82"},
+    {upnp_string_clean_utf8, "stray continuation", "\x80", "\xC2\x80"},
+    {upnp_string_clean_utf8, "0xFF never leads", "\xFF", "\xC3\xBF"},
+    {upnp_string_clean_utf8, "empty", "", ""},
+    {upnp_string_to_latin1, "ascii", "abc", "abc"},
+    {upnp_string_to_latin1, "C3 adds 0x40", "\xC3\xA4", "\xE4"},
+    {upnp_string_to_latin1, "C2 copies", "\xC2\xA9", "\xA9"},
+    {upnp_string_to_latin1, "three-byte form is one question mark", "\xE2\x82\xAC" "x", "?x"},
+    {upnp_string_to_latin1, "four-byte form is one question mark", "\xF0\x9F\x98\x80" "y", "?y"},
+    {upnp_string_to_latin1, "other two-byte leads are dropped", "\xC4\x80z", "z"},
+    {upnp_string_to_latin1, "C3 at the end stops", "a\xC3", "a"},
+    {upnp_string_to_latin1, "three-byte lead at the end stops", "a\xE2", "a?"},
+    {upnp_string_to_latin1, "six-byte lead near the end stops", "\xFC\x80", "?"},
+    {upnp_string_sjis_to_utf8, "hiragana", "\x82\xA0", "\xE3\x81\x82"},
+    {upnp_string_sjis_to_utf8, "katakana", "\x83\x65\x83\x58\x83\x67", "\xE3\x83\x86\xE3\x82\xB9\xE3\x83\x88"},
+    {upnp_string_sjis_to_utf8, "only in code page 932", "\x87\x40", "\xE2\x91\xA0"},
+    {upnp_string_sjis_to_utf8, "ascii", "abc", "abc"},
+    {upnp_string_sjis_to_utf8, "cut pair keeps the readable part", "a\x82", "a\xEF\xBF\xBD"},
 };
 
-TEST(UpnpEncoding, CleanUtf8KeepsSequencesAndConvertsTheRest)
+TEST(UpnpEncoding, ByteConvertersHandleEveryLeadShapeWithinTheText)
 {
-    for (const byte_case& c : clean_cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(std::string(c.out), take(upnp_string_clean_utf8(c.in)));
-    }
-}
-
-static const byte_case latin1_cases[] = {
-    {"ascii", "abc", "abc"},
-    {"C3 adds 0x40", "\xC3\xA4", "\xE4"},
-    {"C2 copies", "\xC2\xA9", "\xA9"},
-    {"three-byte form is one question mark", "\xE2\x82\xAC" "x", "?x"},
-    {"four-byte form is one question mark", "\xF0\x9F\x98\x80" "y", "?y"},
-    {"other two-byte leads are dropped", "\xC4\x80z", "z"},
-    {"C3 at the end stops", "a\xC3", "a"},
-    {"three-byte lead at the end stops", "a\xE2", "a?"},
-    {"six-byte lead near the end stops", "\xFC\x80", "?"},
-};
-
-TEST(UpnpEncoding, ToLatin1FollowsLeadBytesButStopsAtTheEnd)
-{
-    for (const byte_case& c : latin1_cases) {
+    for (const convert_case& c : convert_cases) {
         SCOPED_TRACE(c.name);
         char* exact = strdup(c.in);   // exactly sized, so an over-read shows
-        EXPECT_EQ(std::string(c.out), take(upnp_string_to_latin1(exact)));
+        EXPECT_EQ(std::string(c.out), take(c.convert(exact)));
         free(exact);
     }
-}
-
-struct multibyte_case {
-    const char* text;
-    int expected;
-};
-
-static const multibyte_case multibyte_cases[] = {
-    {"\x82\xA0", 1},       // a Shift-JIS lead byte decides at once
-    {"abc\x9F", 1},
-    {"abc", 0},
-    {"\xA0\xA0z", 1},      // two of three bytes are high
-    {"\xA0zz", 0},
-    {"\xA0\xA0zz", 0},     // exactly half is not above half
-    {"\x80\x80\xA0", 0},   // 128 counts for neither side
-    {"", 0},
-};
-
-TEST(UpnpEncoding, MultibyteDetectorCountsHighBytes)
-{
-    for (const multibyte_case& c : multibyte_cases) {
-        SCOPED_TRACE(c.text);
-        EXPECT_EQ(c.expected, upnp_string_is_multibyte(c.text));
-    }
-    EXPECT_EQ(0, upnp_string_is_multibyte(nullptr));
-}
-
-TEST(UpnpEncoding, ShiftJisConvertsCodePage932)
-{
-    EXPECT_EQ("\xE3\x81\x82", take(upnp_string_sjis_to_utf8("\x82\xA0")));
-    EXPECT_EQ("\xE3\x83\x86\xE3\x82\xB9\xE3\x83\x88", take(upnp_string_sjis_to_utf8("\x83\x65\x83\x58\x83\x67")));
-    EXPECT_EQ("\xE2\x91\xA0", take(upnp_string_sjis_to_utf8("\x87\x40")));   // only in 932
-    EXPECT_EQ("abc", take(upnp_string_sjis_to_utf8("abc")));
-}
-
-TEST(UpnpEncoding, ShiftJisDamageKeepsTheReadablePart)
-{
-    EXPECT_EQ("a\xEF\xBF\xBD", take(upnp_string_sjis_to_utf8("a\x82")));
+    // A damaged pair in the middle costs only itself.
     std::string mixed = take(upnp_string_sjis_to_utf8("\x82\xA0\xA0\x82\xA0"));
     EXPECT_EQ(0u, mixed.find("\xE3\x81\x82"));
     EXPECT_NE(std::string::npos, mixed.find("\xE3\x81\x82", 3));
+}
+
+TEST(UpnpEncoding, MultibyteDetectorCountsHighBytes)
+{
+    struct multibyte_case { const char* text; int expected; };
+    static const multibyte_case cases[] = {
+        {"\x82\xA0", 1},       // a Shift-JIS lead byte decides at once
+        {"abc\x9F", 1},
+        {"abc", 0},
+        {"\xA0\xA0z", 1},      // two of three bytes are high
+        {"\xA0zz", 0},
+        {"\xA0\xA0zz", 0},     // exactly half is not above half
+        {"\x80\x80\xA0", 0},   // 128 counts for neither side
+        {"", 0},
+    };
+    for (const multibyte_case& c : cases) {
+        SCOPED_TRACE(c.text);
+        EXPECT_EQ(c.expected, upnp_string_is_multibyte(c.text));
+    }
 }

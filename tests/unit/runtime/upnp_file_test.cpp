@@ -1,3 +1,5 @@
+// Tests of the file layer: stat and its time floor, the directory walker
+// and what it hides, plain and segmented handles, names and whole files.
 #include "runtime/upnp_file.h"
 
 #include "support/test_support.h"
@@ -11,8 +13,8 @@
 #include <set>
 #include <string>
 #include <sys/stat.h>
+#include <tuple>
 #include <unistd.h>
-#include <vector>
 
 // The names the walker reports for a folder, all of it.
 static std::set<std::string> walk_names(const std::string& folder)
@@ -52,47 +54,32 @@ static bool set_times(const std::string& path, time_t when)
            && st.st_mtim.tv_sec == when && st.st_mtim.tv_nsec == 0 && st.st_atim.tv_sec == when;
 }
 
-// ---------------------------------------------------------------- stat
-
-TEST(FileStat, DirectoryIsDirReadableAndWritable)
+TEST(FileStat, GivesSizeTimesAndModeOrZerosOnFailure)
 {
     test_dir dir;
     upnp_file_info info;
     ASSERT_EQ(0, upnp_file_stat(dir.path.c_str(), &info));
     EXPECT_EQ(0x4000u | 0x100u | 0x80u, info.mode);
-}
 
-TEST(FileStat, RegularFileGivesSizeTimesAndMode)
-{
-    test_dir dir;
     std::string path = dir.file("a.mp3");
     ASSERT_TRUE(test_write_file(path, "12345"));
     ASSERT_TRUE(set_times(path, 1000000000));
-    upnp_file_info info;
     ASSERT_EQ(0, upnp_file_stat(path.c_str(), &info));
     EXPECT_EQ(5u, info.size);
     EXPECT_EQ(0x8000u | 0x100u | 0x80u, info.mode);
     EXPECT_EQ(1000000000, info.modified);
     EXPECT_EQ(1000000000, info.accessed);
     EXPECT_GT(info.created, 0);    // birth time, or the modification time without one
-
     ASSERT_EQ(0, chmod(path.c_str(), 0444));
     ASSERT_EQ(0, upnp_file_stat(path.c_str(), &info));
     EXPECT_EQ(0x8000u | 0x100u, info.mode);
     ASSERT_EQ(0, upnp_file_stat_size(path.c_str(), &info));
     EXPECT_EQ(5u, info.size);
-}
 
-TEST(FileStat, FailureLeavesTheInfoZeroed)
-{
-    test_dir dir;
-    upnp_file_info info;
     memset(&info, 0xA5, sizeof info);
     EXPECT_NE(0, upnp_file_stat(dir.file("missing").c_str(), &info));
-    EXPECT_EQ(0, info.created);
-    EXPECT_EQ(0, info.modified);
-    EXPECT_EQ(0u, info.size);
-    EXPECT_EQ(0u, info.mode);
+    EXPECT_EQ(std::make_tuple(0, 0, 0, 0u, 0u),
+              std::make_tuple(info.created, info.modified, info.accessed, info.size, info.mode));
     EXPECT_NE(0, upnp_file_stat(nullptr, &info));
     EXPECT_NE(0, upnp_file_stat_size(dir.file("missing").c_str(), &info));
 }
@@ -103,7 +90,6 @@ TEST(FileStat, NonAsciiPathOpensReadsAndWalks)
     const std::string name = "\xCE\xA9\xCE\xBC\xCE\xAD\xCE\xB3\xCE\xB1 \xE9\x9F\xB3\xE6\xA5\xBD \xF0\x9F\x8E\xB5.mp3";
     std::string path = dir.file(name);
     ASSERT_TRUE(test_write_file(path, "tune"));
-
     upnp_file_info info;
     ASSERT_EQ(0, upnp_file_stat(path.c_str(), &info));
     EXPECT_EQ(4u, info.size);
@@ -114,15 +100,12 @@ TEST(FileStat, NonAsciiPathOpensReadsAndWalks)
     EXPECT_EQ(4, upnp_file_read(f, buffer, sizeof buffer));
     EXPECT_STREQ("tune", buffer);
     upnp_file_close(f);
-
     upnp_dir* d = upnp_dir_open(dir.path.c_str());
     ASSERT_NE(nullptr, d);
     EXPECT_EQ(name, d->name);
     EXPECT_EQ(path, d->path);
     EXPECT_EQ(nullptr, upnp_dir_next(d));
 }
-
-// ---------------------------------------------------------------- times before 1970
 
 TEST(FileTimes, FileBefore1970IsHiddenAndLeavesAMarker)
 {
@@ -132,19 +115,15 @@ TEST(FileTimes, FileBefore1970IsHiddenAndLeavesAMarker)
     ASSERT_TRUE(test_write_file(dir.file("new.mp3"), "y"));
     if (!set_times(old, -1000000))
         GTEST_SKIP() << "the file system under " << dir.path << " refuses times before 1970";
-
     upnp_file_info info;
     EXPECT_NE(0, upnp_file_stat(old.c_str(), &info));
     EXPECT_EQ(0, info.size);
-
     EXPECT_EQ(std::set<std::string>{"new.mp3"}, walk_names(dir.path));
     std::string marker = old + ".has_invalid_date.velmora";
     ASSERT_TRUE(exists(marker));
     EXPECT_EQ("", test_read_file(marker));
     // The marker is an ordinary file and is listed like one from then on.
-    EXPECT_EQ((std::set<std::string>{"new.mp3", "old.mp3.has_invalid_date.velmora"}),
-              walk_names(dir.path));
-
+    EXPECT_EQ((std::set<std::string>{"new.mp3", "old.mp3.has_invalid_date.velmora"}), walk_names(dir.path));
     // A handle still opens, without a size; the media handle needs the stat.
     upnp_file* f = upnp_file_open_read(old.c_str());
     ASSERT_NE(nullptr, f);
@@ -169,8 +148,7 @@ TEST(FileTimes, TheFirstSecondOf1970IsStatableButNotWalked)
 TEST(FileTimes, MarkerNeverFollowsASymlink)
 {
     test_dir dir;
-    std::string old = dir.file("old.mp3");
-    std::string victim = dir.file("victim");
+    std::string old = dir.file("old.mp3"), victim = dir.file("victim");
     ASSERT_TRUE(test_write_file(old, "x"));
     ASSERT_TRUE(set_times(old, 0));
     ASSERT_EQ(0, symlink(victim.c_str(), (old + ".has_invalid_date.velmora").c_str()));
@@ -178,17 +156,25 @@ TEST(FileTimes, MarkerNeverFollowsASymlink)
     EXPECT_FALSE(exists(victim));
 }
 
-// ---------------------------------------------------------------- walker
-
-TEST(FileWalk, HiddenFilesAndFoldersAreNotReported)
+TEST(FileWalk, HiddenEntriesAreNotReportedAndNoDescriptorStaysOpen)
 {
     test_dir dir;
+    EXPECT_EQ(nullptr, upnp_dir_open(dir.path.c_str()));
     ASSERT_TRUE(test_write_file(dir.file(".hidden.mp3"), "x"));
     ASSERT_EQ(0, mkdir(dir.file(".folder").c_str(), 0755));
     ASSERT_TRUE(test_write_file(dir.file(".folder/inner.mp3"), "x"));
+    EXPECT_EQ(nullptr, upnp_dir_open(dir.path.c_str()));           // all hidden
+    for (const std::string& bad : {dir.file("missing"), dir.file(".hidden.mp3")})
+        EXPECT_EQ(nullptr, upnp_dir_open(bad.c_str()));
+    EXPECT_EQ(nullptr, upnp_dir_open(nullptr));
+
     ASSERT_TRUE(test_write_file(dir.file("shown.mp3"), "x"));
     ASSERT_EQ(0, mkdir(dir.file("sub").c_str(), 0755));
+    int before = test_count_fds();
     EXPECT_EQ((std::set<std::string>{"shown.mp3", "sub"}), walk_names(dir.path));
+    upnp_dir_close(upnp_dir_open(dir.path.c_str()));    // ended early
+    upnp_dir_close(nullptr);
+    EXPECT_EQ(before, test_count_fds());
 }
 
 TEST(FileWalk, FifosAreSkippedAndNeverOpened)
@@ -205,17 +191,6 @@ TEST(FileWalk, FifosAreSkippedAndNeverOpened)
     void* data = nullptr;
     size_t size = 0;
     EXPECT_EQ(0, upnp_file_read_all(fifo.c_str(), 100, &data, &size));
-}
-
-TEST(FileWalk, EmptyOrAllHiddenFolderGivesNull)
-{
-    test_dir dir;
-    EXPECT_EQ(nullptr, upnp_dir_open(dir.path.c_str()));
-    ASSERT_TRUE(test_write_file(dir.file(".only"), "x"));
-    EXPECT_EQ(nullptr, upnp_dir_open(dir.path.c_str()));
-    EXPECT_EQ(nullptr, upnp_dir_open(dir.file("missing").c_str()));
-    EXPECT_EQ(nullptr, upnp_dir_open(dir.file(".only").c_str()));
-    EXPECT_EQ(nullptr, upnp_dir_open(nullptr));
 }
 
 TEST(FileWalk, FullPathsJoinWithOneSeparator)
@@ -240,15 +215,13 @@ TEST(FileWalk, SymlinksAreFollowedWithTheTargetsIdentity)
     ASSERT_EQ(0, symlink(dir.file("nowhere").c_str(), dir.file("dangling").c_str()));
     struct stat real;
     ASSERT_EQ(0, stat(dir.file("real").c_str(), &real));
-
     int seen = 0;
-    for (upnp_dir* d = upnp_dir_open(dir.path.c_str()); d; d = upnp_dir_next(d)) {
+    for (upnp_dir* d = upnp_dir_open(dir.path.c_str()); d; d = upnp_dir_next(d), seen++) {
         SCOPED_TRACE(d->name);
         EXPECT_STRNE("dangling", d->name);
         EXPECT_EQ(1, d->is_dir);
         EXPECT_EQ(uint64_t(real.st_dev), d->device);
         EXPECT_EQ(uint64_t(real.st_ino), d->inode);
-        seen++;
     }
     EXPECT_EQ(2, seen);
 }
@@ -262,9 +235,9 @@ TEST(FileWalk, PathsPastTheLimitAreSkippedNotCut)
         ASSERT_EQ(0, mkdir(folder.c_str(), 0755));
     }
     size_t room = 2047 - folder.size() - 1;     // name bytes that still fit
-    std::string fits(room, 'f'), too_long(room + 1, 'g');
+    std::string fits(room, 'f');
     ASSERT_TRUE(test_write_file(folder + "/" + fits, "x"));
-    ASSERT_TRUE(test_write_file(folder + "/" + too_long, "x"));
+    ASSERT_TRUE(test_write_file(folder + "/" + std::string(room + 1, 'g'), "x"));
     upnp_dir* d = upnp_dir_open(folder.c_str());
     ASSERT_NE(nullptr, d);
     EXPECT_EQ(fits, d->name);
@@ -272,37 +245,20 @@ TEST(FileWalk, PathsPastTheLimitAreSkippedNotCut)
     EXPECT_EQ(nullptr, upnp_dir_next(d));
 }
 
-TEST(FileWalk, WalksLeaveNoDescriptorsOpen)
-{
-    test_dir dir;
-    ASSERT_TRUE(test_write_file(dir.file("a"), "x"));
-    ASSERT_TRUE(test_write_file(dir.file("b"), "x"));
-    int before = test_count_fds();
-    walk_names(dir.path);
-    upnp_dir_close(upnp_dir_open(dir.path.c_str()));    // ended early
-    upnp_dir_close(nullptr);
-    EXPECT_EQ(before, test_count_fds());
-}
-
-// ---------------------------------------------------------------- handles
-
 TEST(FileHandle, OpenWriteCreatesPrivateAndNeverTruncates)
 {
     test_dir dir;
     std::string path = dir.file("w.bin");
-    upnp_file* f = upnp_file_open_write(path.c_str());
-    ASSERT_NE(nullptr, f);
-    EXPECT_EQ(6, upnp_file_write(f, "abcdef", 6));
-    upnp_file_close(f);
+    for (const char* bytes : {"abcdef", "XY"}) {
+        upnp_file* f = upnp_file_open_write(path.c_str());
+        ASSERT_NE(nullptr, f);
+        EXPECT_EQ(int64_t(strlen(bytes)), upnp_file_write(f, bytes, strlen(bytes)));
+        upnp_file_close(f);
+    }
+    EXPECT_EQ("XYcdef", test_read_file(path));
     struct stat st;
     ASSERT_EQ(0, stat(path.c_str(), &st));
     EXPECT_EQ(0600u, st.st_mode & 0777);
-
-    f = upnp_file_open_write(path.c_str());
-    ASSERT_NE(nullptr, f);
-    EXPECT_EQ(2, upnp_file_write(f, "XY", 2));
-    upnp_file_close(f);
-    EXPECT_EQ("XYcdef", test_read_file(path));
     EXPECT_EQ(nullptr, upnp_file_open_write(dir.file("no/such/folder").c_str()));
 }
 
@@ -327,7 +283,6 @@ TEST(FileHandle, SeekAndEofFollowThePosition)
     EXPECT_EQ(-1, upnp_file_seek(f, -1, 0));
     EXPECT_EQ(5, f->position);
     upnp_file_close(f);
-
     EXPECT_EQ(nullptr, upnp_file_open_read(dir.path.c_str()));   // folders are no files
     EXPECT_EQ(nullptr, upnp_file_open_read(dir.file("missing").c_str()));
 }
@@ -354,17 +309,14 @@ TEST(FileHandle, GetsReadsLinesWithinTheBuffer)
     ASSERT_NE(nullptr, f);
     char b[8];
     struct gets_step { int size; const char* line; };
-    const gets_step steps[] = {{8, "one\n"}, {8, "longer "}, {8, "line\n"}, {3, "la"}, {8, "st"}};
+    const gets_step steps[] = {{8, "one\n"}, {8, "longer "}, {8, "line\n"}, {3, "la"}, {8, "st"}, {8, nullptr}};
     for (const gets_step& s : steps) {
-        SCOPED_TRACE(s.line);
+        SCOPED_TRACE(s.line ? s.line : "(end)");
         memset(b, 'Z', sizeof b);
-        ASSERT_EQ(b, upnp_file_gets(b, s.size, f));
-        EXPECT_STREQ(s.line, b);
+        ASSERT_EQ(s.line ? b : nullptr, upnp_file_gets(b, s.size, f));
+        EXPECT_STREQ(s.line ? s.line : "", b);
     }
-    EXPECT_EQ(nullptr, upnp_file_gets(b, sizeof b, f));
-    EXPECT_STREQ("", b);
     EXPECT_EQ(1, upnp_file_eof(f));
-
     ASSERT_EQ(0, upnp_file_seek(f, 0, 0));
     memset(b, 'Z', sizeof b);
     EXPECT_EQ(nullptr, upnp_file_gets(b, 1, f));     // no room for any byte
@@ -376,27 +328,33 @@ TEST(FileHandle, GetsReadsLinesWithinTheBuffer)
     upnp_file_close(f);
 }
 
-// The list is built by hand: a media handle reading two files as one.
-static upnp_file* two_segment_file(const std::string& a, const std::string& b)
-{
-    upnp_file* f = upnp_mediafile_open_read(a.c_str());
-    if (!f)
-        return nullptr;
-    auto* second = static_cast<upnp_file_segment*>(calloc(1, sizeof(upnp_file_segment)));
-    auto* first = static_cast<upnp_file_segment*>(calloc(1, sizeof(upnp_file_segment)));
-    *second = {strdup(b.c_str()), 10, nullptr};
-    *first = {strdup(a.c_str()), 10, second};
-    f->segments = f->current = first;
-    f->size = 20;
-    return f;
-}
-
-TEST(FileMedia, ReadCrossesIntoTheNextSegment)
-{
+// A media handle reading two files of ten bytes as one; the list is built
+// by hand.
+struct FileMedia : ::testing::Test {
     test_dir dir;
-    ASSERT_TRUE(test_write_file(dir.file("a"), "0123456789"));
-    ASSERT_TRUE(test_write_file(dir.file("b"), "abcdefghij"));
-    upnp_file* f = two_segment_file(dir.file("a"), dir.file("b"));
+    void SetUp() override
+    {
+        ASSERT_TRUE(test_write_file(dir.file("a"), "0123456789"));
+        ASSERT_TRUE(test_write_file(dir.file("b"), "abcdefghij"));
+    }
+    upnp_file* open(const std::string& second)
+    {
+        upnp_file* f = upnp_mediafile_open_read(dir.file("a").c_str());
+        if (!f)
+            return nullptr;
+        auto* tail = static_cast<upnp_file_segment*>(calloc(1, sizeof(upnp_file_segment)));
+        auto* head = static_cast<upnp_file_segment*>(calloc(1, sizeof(upnp_file_segment)));
+        *tail = {strdup(dir.file(second).c_str()), 10, nullptr};
+        *head = {strdup(dir.file("a").c_str()), 10, tail};
+        f->segments = f->current = head;
+        f->size = 20;
+        return f;
+    }
+};
+
+TEST_F(FileMedia, ReadCrossesIntoTheNextSegment)
+{
+    upnp_file* f = open("b");
     ASSERT_NE(nullptr, f);
     EXPECT_EQ(1, f->media);
     char buffer[17] = {};
@@ -411,12 +369,9 @@ TEST(FileMedia, ReadCrossesIntoTheNextSegment)
     upnp_file_close(f);
 }
 
-TEST(FileMedia, SeekPicksTheSegmentThatHoldsTheTarget)
+TEST_F(FileMedia, SeekPicksTheSegmentThatHoldsTheTarget)
 {
-    test_dir dir;
-    ASSERT_TRUE(test_write_file(dir.file("a"), "0123456789"));
-    ASSERT_TRUE(test_write_file(dir.file("b"), "abcdefghij"));
-    upnp_file* f = two_segment_file(dir.file("a"), dir.file("b"));
+    upnp_file* f = open("b");
     ASSERT_NE(nullptr, f);
     struct seek_step { int64_t offset; int origin; int64_t at; char byte; };
     const seek_step steps[] = {
@@ -432,13 +387,8 @@ TEST(FileMedia, SeekPicksTheSegmentThatHoldsTheTarget)
     }
     EXPECT_EQ(-1, upnp_mediafile_seek(f, 21, 0));
     upnp_file_close(f);
-}
 
-TEST(FileMedia, SeekFailsWhenASegmentCannotOpen)
-{
-    test_dir dir;
-    ASSERT_TRUE(test_write_file(dir.file("a"), "0123456789"));
-    upnp_file* f = two_segment_file(dir.file("a"), dir.file("gone"));
+    f = open("gone");            // a segment that cannot open fails the seek
     ASSERT_NE(nullptr, f);
     EXPECT_EQ(-1, upnp_mediafile_seek(f, 15, 0));
     char c;
@@ -446,10 +396,8 @@ TEST(FileMedia, SeekFailsWhenASegmentCannotOpen)
     upnp_file_close(f);
 }
 
-TEST(FileMedia, WithoutSegmentsItIsAPlainHandle)
+TEST_F(FileMedia, WithoutSegmentsItIsAPlainHandle)
 {
-    test_dir dir;
-    ASSERT_TRUE(test_write_file(dir.file("a"), "0123456789"));
     upnp_file* f = upnp_mediafile_open_read(dir.file("a").c_str());
     ASSERT_NE(nullptr, f);
     char b[11] = {};
@@ -458,8 +406,6 @@ TEST(FileMedia, WithoutSegmentsItIsAPlainHandle)
     EXPECT_STREQ("456789", b);
     upnp_file_close(f);
 }
-
-// ---------------------------------------------------------------- names
 
 TEST(FileNames, RenameRefusesAnExistingTarget)
 {
@@ -488,7 +434,6 @@ TEST(FileNames, MkdirDeleteAndParents)
     upnp_file_info info;
     ASSERT_EQ(0, upnp_file_stat(dir.file("p/q/r").c_str(), &info));
     EXPECT_EQ(0x4000u, info.mode & 0x4000u);
-
     ASSERT_TRUE(test_write_file(dir.file("f"), "x"));
     EXPECT_NE(0, upnp_mkdir_parents(dir.file("f/g").c_str()));
     EXPECT_NE(0, upnp_mkdir_parents(dir.file("f").c_str()));
@@ -497,45 +442,26 @@ TEST(FileNames, MkdirDeleteAndParents)
     EXPECT_NE(0, upnp_file_delete(dir.file("f").c_str()));
 }
 
-struct fullpath_case {
-    const char* path;
-    const char* full;
-};
-
-static const fullpath_case fullpath_cases[] = {
-    {"/a/b/c", "/a/b/c"},
-    {"/a/./b//c", "/a/b/c"},
-    {"/a/b/../c", "/a/c"},
-    {"/a/b/", "/a/b/"},
-    {"/..", "/"},
-    {"/../../x", "/x"},
-    {"/", "/"},
-    {"//", "/"},
-    {"/no/such/place/..", "/no/such"},
-    {"/a\\b", "/a\\b"},    // a backslash is part of a name here
-};
-
 TEST(FileNames, FullPathIsMadeByText)
 {
-    for (const fullpath_case& c : fullpath_cases) {
-        SCOPED_TRACE(c.path);
-        char* full = upnp_file_fullpath(c.path);
-        ASSERT_NE(nullptr, full);
-        EXPECT_STREQ(c.full, full);
-        free(full);
-    }
     char* cwd = getcwd(nullptr, 0);
     ASSERT_NE(nullptr, cwd);
-    char* full = upnp_file_fullpath("missing/../other/./x");
-    ASSERT_NE(nullptr, full);
-    EXPECT_EQ(std::string(strcmp(cwd, "/") ? cwd : "") + "/other/x", full);
-    free(full);
+    const std::string relative = std::string(strcmp(cwd, "/") ? cwd : "") + "/other/x";
     free(cwd);
-    EXPECT_EQ(nullptr, upnp_file_fullpath(""));
-    EXPECT_EQ(nullptr, upnp_file_fullpath(nullptr));
+    struct fullpath_case { const char* path; std::string full; };
+    const fullpath_case cases[] = {
+        {"/a/b/c", "/a/b/c"}, {"/a/./b//c", "/a/b/c"}, {"/a/b/../c", "/a/c"}, {"/a/b/", "/a/b/"}, {"/..", "/"},
+        {"/../../x", "/x"}, {"/", "/"}, {"//", "/"}, {"/no/such/place/..", "/no/such"},
+        {"/a\\b", "/a\\b"},    // a backslash is part of a name here
+        {"missing/../other/./x", relative}, {"", "<null>"}, {nullptr, "<null>"},
+    };
+    for (const fullpath_case& c : cases) {
+        SCOPED_TRACE(c.path ? c.path : "(null)");
+        char* full = upnp_file_fullpath(c.path);
+        EXPECT_EQ(c.full, full ? full : "<null>");
+        free(full);
+    }
 }
-
-// ---------------------------------------------------------------- whole files
 
 TEST(FileWhole, ReadAllAddsTwoZerosAndHonoursTheCap)
 {
@@ -548,14 +474,12 @@ TEST(FileWhole, ReadAllAddsTwoZerosAndHonoursTheCap)
     ASSERT_EQ(4u, size);
     EXPECT_EQ(0, memcmp(data, "ab\0c\0\0", 6));
     free(data);
-
     data = &size;
     EXPECT_EQ(0, upnp_file_read_all(path.c_str(), 3, &data, &size));
     EXPECT_EQ(nullptr, data);
     EXPECT_EQ(0u, size);
     EXPECT_EQ(0, upnp_file_read_all(dir.path.c_str(), 1 << 20, &data, &size));
     EXPECT_EQ(0, upnp_file_read_all(dir.file("missing").c_str(), 1 << 20, &data, &size));
-
     ASSERT_TRUE(test_write_file(path, ""));
     ASSERT_EQ(1, upnp_file_read_all(path.c_str(), 0, &data, &size));
     EXPECT_EQ(0u, size);
@@ -578,7 +502,6 @@ TEST(FileWhole, ReplaceNeverTouchesTheOldFileInPlace)
     EXPECT_EQ(12, pread(old_fd, b, sizeof b, 0));
     EXPECT_STREQ("old contents", b);
     close(old_fd);
-
     EXPECT_EQ("new", test_read_file(path));
     struct stat st;
     ASSERT_EQ(0, stat(path.c_str(), &st));
@@ -596,8 +519,6 @@ TEST(FileWhole, FailedReplaceLeavesNothingBehind)
     EXPECT_EQ("x", test_read_file(folder + "/keep"));
     EXPECT_EQ(std::set<std::string>{"busy"}, every_name(dir.path));
     EXPECT_NE(0, upnp_file_replace(dir.file("no/such/file").c_str(), "data", 4));
-
-    std::string fresh = dir.file("fresh");
-    ASSERT_EQ(0, upnp_file_replace(fresh.c_str(), "", 0));
-    EXPECT_TRUE(exists(fresh));
+    ASSERT_EQ(0, upnp_file_replace(dir.file("fresh").c_str(), "", 0));
+    EXPECT_TRUE(exists(dir.file("fresh")));
 }

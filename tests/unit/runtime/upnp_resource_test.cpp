@@ -11,95 +11,67 @@
 #include <cstring>
 #include <string>
 #include <sys/stat.h>
-#include <sys/types.h>
 #include <unistd.h>
 
-// Points the program folder at dir, the way the host's argv[0] does.
-static void resource_use_program_dir(const test_dir& dir)
-{
-    std::string argv0 = dir.file("velmora");
-    char* arguments[] = {argv0.data(), nullptr};
-    upnp_ini_file_read_cmdline(1, arguments);
-    ASSERT_STREQ(dir.path.c_str(), upnp_ini_get_program_dir());
-}
-
-static std::string resource_read(const char* name, int* result)
-{
-    int32_t size = -1;
-    void* data = reinterpret_cast<void*>(1);
-    *result = upnp_read_resource(name, &size, &data);
-    std::string bytes = data ? std::string(static_cast<char*>(data), size_t(size)) : "<none>";
-    if (!*result) {
-        EXPECT_EQ(0, size);
-        EXPECT_EQ(nullptr, data);
-    }
-    free(data);
-    return bytes;
-}
-
-TEST(UpnpResource, ReadsFromResourcesFirstThenTheProgramFolder)
-{
+// A program folder (as the host's argv[0] gives it) with a resources folder.
+struct UpnpResource : ::testing::Test {
     test_dir dir;
-    resource_use_program_dir(dir);
-    mkdir(dir.file("resources").c_str(), 0755);
+    void SetUp() override
+    {
+        std::string argv0 = dir.file("velmora");
+        char* arguments[] = {argv0.data(), nullptr};
+        upnp_ini_file_read_cmdline(1, arguments);
+        ASSERT_STREQ(dir.path.c_str(), upnp_ini_get_program_dir());
+        ASSERT_EQ(0, mkdir(dir.file("resources").c_str(), 0755));
+    }
+    // The bytes of a resource, or "<none>" after checking that a refusal
+    // leaves the outputs empty.
+    static std::string read(const char* name)
+    {
+        int32_t size = -1;
+        void* data = reinterpret_cast<void*>(1);
+        int ok = upnp_read_resource(name, &size, &data);
+        EXPECT_EQ(ok, data != nullptr);
+        std::string bytes = ok ? std::string(static_cast<char*>(data), size_t(size)) : "<none>";
+        if (!ok) {
+            EXPECT_EQ(0, size);
+        }
+        free(data);
+        return bytes;
+    }
+};
+
+TEST_F(UpnpResource, ReadsFromResourcesFirstThenTheProgramFolder)
+{
     ASSERT_TRUE(test_write_file(dir.file("resources/cds.xml"), std::string("in\0resources", 12)));
     ASSERT_TRUE(test_write_file(dir.file("cds.xml"), "beside"));
     ASSERT_TRUE(test_write_file(dir.file("msreg.xml"), "only beside"));
     ASSERT_TRUE(test_write_file(dir.file("resources/empty.txt"), ""));
-    int ok;
-    EXPECT_EQ(std::string("in\0resources", 12), resource_read("cds.xml", &ok));
-    EXPECT_EQ(1, ok);
-    EXPECT_EQ("only beside", resource_read("msreg.xml", &ok));
-    EXPECT_EQ(1, ok);
-    EXPECT_EQ("", resource_read("empty.txt", &ok));
-    EXPECT_EQ(1, ok);
-    EXPECT_EQ("<none>", resource_read("missing.xml", &ok));
-    EXPECT_EQ(0, ok);
+    EXPECT_EQ(std::string("in\0resources", 12), read("cds.xml"));
+    EXPECT_EQ("only beside", read("msreg.xml"));
+    EXPECT_EQ("", read("empty.txt"));
+    EXPECT_EQ("<none>", read("missing.xml"));
 }
 
-TEST(UpnpResource, RefusesNamesThatLeaveTheProgramFolder)
+TEST_F(UpnpResource, RefusesNamesThatLeaveTheProgramFolderAndWhatIsNoRegularFile)
 {
-    test_dir dir;
-    resource_use_program_dir(dir);
-    mkdir(dir.file("resources").c_str(), 0755);
-    mkdir(dir.file("resources/sub").c_str(), 0755);
+    ASSERT_EQ(0, mkdir(dir.file("resources/sub").c_str(), 0755));
     ASSERT_TRUE(test_write_file(dir.file("resources/sub/a.txt"), "a"));
     ASSERT_TRUE(test_write_file(dir.file("secret.txt"), "s"));
-    const char* refused[] = {
-        "../../../../../../../../../../../etc/passwd",
-        "sub/../../secret.txt",
-        "/etc/passwd",
-        "sub\\a.txt",
-        "",
-    };
-    for (const char* name : refused) {
+    ASSERT_EQ(0, mkdir(dir.file("resources/folder").c_str(), 0755));
+    ASSERT_EQ(0, mkfifo(dir.file("resources/pipe").c_str(), 0600));
+    for (const char* name : {"../../../../../../../../../../../etc/passwd", "sub/../../secret.txt", "/etc/passwd",
+                             "sub\\a.txt", "", "folder",
+                             "pipe"}) {           // would block if it were opened for reading
         SCOPED_TRACE(name);
-        int ok;
-        resource_read(name, &ok);
-        EXPECT_EQ(0, ok);
+        EXPECT_EQ("<none>", read(name));
     }
-    int ok;
-    EXPECT_EQ("a", resource_read("sub/a.txt", &ok));
+    EXPECT_EQ("a", read("sub/a.txt"));
     EXPECT_EQ(0, upnp_read_resource(nullptr, nullptr, nullptr));
 }
 
-TEST(UpnpResource, SkipsWhatIsNotARegularFile)
+TEST_F(UpnpResource, TempNamesCountUpUnderTheDatabaseFolder)
 {
-    test_dir dir;
-    resource_use_program_dir(dir);
-    mkdir(dir.file("resources").c_str(), 0755);
-    mkdir(dir.file("resources/folder").c_str(), 0755);
-    ASSERT_EQ(0, mkfifo(dir.file("resources/pipe").c_str(), 0600));
-    int ok;
-    resource_read("folder", &ok);
-    EXPECT_EQ(0, ok);
-    resource_read("pipe", &ok);      // would block if it were opened for reading
-    EXPECT_EQ(0, ok);
-}
-
-TEST(UpnpResource, TempNamesCountUpUnderTheDatabaseFolder)
-{
-    test_dir dir;
     upnp_ini_set(UPNP_OPT_DBDIR, dir.path.c_str());
     char* first = upnp_temp_file_name();
     char* second = upnp_temp_file_name();
@@ -116,7 +88,7 @@ TEST(UpnpResource, TempNamesCountUpUnderTheDatabaseFolder)
     free(second);
 }
 
-TEST(UpnpResource, ModuleDirIsTheFolderOfTheExecutable)
+TEST_F(UpnpResource, ModuleDirIsTheFolderOfTheExecutable)
 {
     char* folder = upnp_module_dir();
     ASSERT_NE(nullptr, folder);

@@ -5,119 +5,59 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
-TEST(UpnpString, AppendToNullWithNullGivesEmptyRecordOf256)
-{
-    upnp_string* s = upnp_string_append(nullptr, nullptr);
-    ASSERT_NE(nullptr, s);
-    EXPECT_EQ(0, s->length);
-    EXPECT_EQ(256, s->capacity);
-    EXPECT_STREQ("", s->text);
-    upnp_string_free(s);
-}
+struct grow_case {
+    const char* name;
+    upnp_string* (*run)();
+    const char* text;       // the first `length` bytes; the rest must be zero
+    int32_t length, capacity;
+};
 
-TEST(UpnpString, NewBufferIsZeroFilledBehindTheText)
-{
-    upnp_string* s = upnp_string_new("ab", 16);
-    ASSERT_NE(nullptr, s);
-    EXPECT_EQ(2, s->length);
-    EXPECT_EQ(16, s->capacity);
-    for (int i = 2; i < 16; i++)
-        EXPECT_EQ(0, s->text[i]) << i;
-    upnp_string_free(s);
-}
+// Short names, so that each row reads as one expression.
+static constexpr auto fresh = upnp_string_new;
+static constexpr auto add = upnp_string_append;
+static constexpr auto bytes = upnp_string_append_bytes;
+static constexpr auto checked = upnp_string_append_checked;
 
-TEST(UpnpString, FillingToCapacityLessOneDoesNotGrowAndOneMoreDoubles)
-{
-    upnp_string* s = upnp_string_new("", 8);
-    s = upnp_string_append(s, "1234567");
-    EXPECT_EQ(8, s->capacity);
-    EXPECT_EQ(7, s->length);
-    s = upnp_string_append(s, "8");
-    EXPECT_EQ(16, s->capacity);
-    EXPECT_STREQ("12345678", s->text);
-    upnp_string_free(s);
-}
+static const grow_case grow_cases[] = {
+    {"null and null give an empty record of 256", [] { return add(nullptr, nullptr); }, "", 0, 256},
+    {"new zero-fills behind the text", [] { return fresh("ab", 16); }, "ab", 2, 16},
+    {"capacity less one does not grow", [] { return add(fresh("", 8), "1234567"); }, "1234567", 7, 8},
+    {"one more doubles", [] { return add(add(fresh("", 8), "1234567"), "8"); }, "12345678", 8, 16},
+    {"exact fit when doubling is not enough", [] { return add(fresh("ab", 4), "0123456789"); }, "ab0123456789", 12,
+     13},
+    {"null text keeps the record", [] { return add(fresh("x", 8), nullptr); }, "x", 1, 8},
+    {"bytes keep NUL bytes", [] { return bytes(nullptr, "a\0b", 3); }, "a\0b", 3, 256},
+    {"no bytes change nothing", [] { return bytes(bytes(nullptr, "a\0b", 3), "zz", 0); }, "a\0b", 3, 256},
+    {"bytes grow into a zero-filled buffer", [] { return bytes(fresh("abc", 4), "de", 2); }, "abcde", 5, 8},
+    {"checked mode 1 cleans to UTF-8", [] { return checked(nullptr, "\xE4 ok", 1); }, "\xC3\xA4 ok", 5, 256},
+    {"checked mode 0 gives Latin-1", [] { return checked(checked(nullptr, "\xE4 ok", 1), "|\xC3\xA4\xE2\x82\xAC", 0); },
+     "\xC3\xA4 ok|\xE4?", 8, 256},
+    // Checked appends reserve twice the text, though they store it once.
+    {"0 + 14 fits in 15", [] { return checked(fresh("", 16), "1234567", 1); }, "1234567", 7, 16},
+    {"7 + 2 fits", [] { return checked(checked(fresh("", 16), "1234567", 1), "8", 1); }, "12345678", 8, 16},
+    {"0 + 16 does not fit, though 8 bytes would", [] { return checked(fresh("", 16), "12345678", 1); }, "12345678", 8,
+     32},
+    {"appendf formats", [] { return upnp_string_appendf(nullptr, "<%s id=\"%d\">", "item", 42); }, "<item id=\"42\">",
+     14, 256},
+    {"appendf grows", [] { return upnp_string_appendf(fresh("ab", 4), "%s|%d", "0123456789", 42); },
+     "ab0123456789|42", 15, 16},
+};
 
-TEST(UpnpString, GrowthTakesExactFitWhenDoublingIsNotEnough)
+TEST(UpnpString, AppendsGrowByDoublingOrExactFitIntoZeroFilledBuffers)
 {
-    upnp_string* s = upnp_string_new("ab", 4);
-    s = upnp_string_append(s, "0123456789");
-    EXPECT_EQ(13, s->capacity);      // 2 + 10 + 1 is more than 8
-    EXPECT_STREQ("ab0123456789", s->text);
-    EXPECT_EQ(12, s->length);
-    upnp_string_free(s);
-}
-
-TEST(UpnpString, AppendOfNullTextKeepsTheRecord)
-{
-    upnp_string* s = upnp_string_new("x", 8);
-    EXPECT_EQ(s, upnp_string_append(s, nullptr));
-    EXPECT_STREQ("x", s->text);
-    upnp_string_free(s);
-}
-
-TEST(UpnpString, AppendBytesKeepsNulBytesAndTheTerminator)
-{
-    upnp_string* s = upnp_string_append_bytes(nullptr, "a\0b", 3);
-    ASSERT_NE(nullptr, s);
-    EXPECT_EQ(256, s->capacity);
-    EXPECT_EQ(3, s->length);
-    EXPECT_EQ(0, memcmp(s->text, "a\0b\0", 4));
-    EXPECT_EQ(s, upnp_string_append_bytes(s, "zz", 0));
-    EXPECT_EQ(3, s->length);
-    upnp_string_free(s);
-}
-
-TEST(UpnpString, AppendBytesGrowsIntoZeroFilledBuffer)
-{
-    upnp_string* s = upnp_string_new("abc", 4);
-    s = upnp_string_append_bytes(s, "de", 2);
-    EXPECT_EQ(8, s->capacity);
-    EXPECT_STREQ("abcde", s->text);
-    for (int i = 5; i < 8; i++)
-        EXPECT_EQ(0, s->text[i]) << i;
-    upnp_string_free(s);
-}
-
-TEST(UpnpString, AppendCheckedConvertsByMode)
-{
-    upnp_string* s = upnp_string_append_checked(nullptr, "\xE4 ok", 1);
-    ASSERT_NE(nullptr, s);
-    EXPECT_STREQ("\xC3\xA4 ok", s->text);
-    s = upnp_string_append_checked(s, "|\xC3\xA4\xE2\x82\xAC", 0);
-    EXPECT_STREQ("\xC3\xA4 ok|\xE4?", s->text);
-    upnp_string_free(s);
-}
-
-TEST(UpnpString, AppendCheckedReservesTwiceTheText)
-{
-    upnp_string* s = upnp_string_new("", 16);
-    s = upnp_string_append_checked(s, "1234567", 1);
-    EXPECT_EQ(16, s->capacity);      // 0 + 14 fits in 15
-    s = upnp_string_append_checked(s, "8", 1);
-    EXPECT_EQ(16, s->capacity);      // 7 + 2 fits
-    upnp_string_empty(s);
-    s = upnp_string_append_checked(s, "12345678", 1);
-    EXPECT_EQ(32, s->capacity);      // 0 + 16 does not fit, though 8 bytes would
-    EXPECT_EQ(8, s->length);
-    upnp_string_free(s);
-}
-
-TEST(UpnpString, AppendfFormatsAndGrows)
-{
-    upnp_string* s = upnp_string_appendf(nullptr, "<%s id=\"%d\">", "item", 42);
-    ASSERT_NE(nullptr, s);
-    EXPECT_STREQ("<item id=\"42\">", s->text);
-    std::string long_text(1000, 'x');
-    s = upnp_string_appendf(s, "%s|", long_text.c_str());
-    EXPECT_EQ(int32_t(14 + 1001), s->length);
-    EXPECT_EQ('|', s->text[s->length - 1]);
-    EXPECT_EQ(0, s->text[s->length]);
-    upnp_string_free(s);
+    for (const grow_case& c : grow_cases) {
+        SCOPED_TRACE(c.name);
+        upnp_string* s = c.run();
+        ASSERT_NE(nullptr, s);
+        EXPECT_EQ(c.length, s->length);
+        ASSERT_EQ(c.capacity, s->capacity);
+        std::string expected = std::string(c.text, size_t(c.length)) + std::string(size_t(c.capacity - c.length), '\0');
+        EXPECT_EQ(expected, std::string(s->text, size_t(s->capacity)));
+        upnp_string_free(s);
+    }
 }
 
 TEST(UpnpString, EmptyKeepsTheBuffer)

@@ -28,48 +28,40 @@ TEST(UpnpText, StristrFindsHeadersWithoutRegardToCase)
     EXPECT_EQ(nullptr, upnp_stristr("ho", "host"));   // needle longer than the rest
 }
 
-struct fold_case {
-    int first, next, expected;
-};
-
-static const fold_case fold_cases[] = {
-    {0xC3, 0x80, 'A'}, {0xC3, 0xA4, 'A'}, {0xC3, 0x86, 'A'}, {0xC3, 0x85, 'Z'}, {0xC3, 0xA5, 'Z'},
-    {0xC3, 0x87, 'C'}, {0xC3, 0xA9, 'E'}, {0xC3, 0x8F, 'I'}, {0xC3, 0xB1, 'N'}, {0xC3, 0x96, 'O'},
-    {0xC3, 0xB8, 'O'}, {0xC3, 0x9C, 'U'}, {0xC3, 0xBC, 'U'},
-    {0xC3, 0x9F, 0xC3},   // sharp s stays
-    {0xC3, 0x90, 0xC3},   // eth stays
-    {0xC3, 0xBD, 0xC3},   // 253 is past the range
-    {0xC2, 0xA9, 0xC2},   // copyright sign is no letter
-    {'a', 0xA4, 'a'},
-};
-
 TEST(UpnpText, FoldCharMapsLatin1LettersToAscii)
 {
-    for (const fold_case& c : fold_cases) {
+    struct fold_case { int first, next, expected; };
+    static const fold_case cases[] = {
+        {0xC3, 0x80, 'A'}, {0xC3, 0xA4, 'A'}, {0xC3, 0x86, 'A'}, {0xC3, 0x85, 'Z'}, {0xC3, 0xA5, 'Z'},
+        {0xC3, 0x87, 'C'}, {0xC3, 0xA9, 'E'}, {0xC3, 0x8F, 'I'}, {0xC3, 0xB1, 'N'}, {0xC3, 0x96, 'O'},
+        {0xC3, 0xB8, 'O'}, {0xC3, 0x9C, 'U'}, {0xC3, 0xBC, 'U'},
+        {0xC3, 0x9F, 0xC3},   // sharp s stays
+        {0xC3, 0x90, 0xC3},   // eth stays
+        {0xC3, 0xBD, 0xC3},   // 253 is past the range
+        {0xC2, 0xA9, 0xC2},   // copyright sign is no letter
+        {'a', 0xA4, 'a'},
+    };
+    for (const fold_case& c : cases) {
         SCOPED_TRACE(c.next);
         EXPECT_EQ(c.expected, upnp_fold_char(c.first, c.next));
     }
 }
 
-TEST(UpnpText, FoldedCompareSortsTheRingLetterAmongZ)
+TEST(UpnpText, FoldedCompareIgnoresCaseFoldsLettersAndOrdersByLength)
 {
-    const char* ring = "\xC3\x85se";
-    EXPECT_GT(upnp_strcmp_folded(ring, "Yacht"), 0);
-    EXPECT_LT(upnp_strcmp_folded(ring, "Zebra"), 0);
-    EXPECT_GT(upnp_strcmp_folded(ring, "Apple"), 0);
-    EXPECT_LT(upnp_strcmp_folded("\xC3\xA4rger", "B"), 0);   // folds to A
-}
-
-TEST(UpnpText, FoldedCompareIgnoresCaseAndOrdersByLength)
-{
-    EXPECT_EQ(0, upnp_strcmp_folded("abc", "ABC"));
-    EXPECT_LT(upnp_strcmp_folded("ab", "abc"), 0);
-    EXPECT_GT(upnp_strcmp_folded("abc", "ab"), 0);
-    EXPECT_EQ(0, upnp_strcmp_folded(nullptr, nullptr));
-    EXPECT_EQ(-1, upnp_strcmp_folded(nullptr, "a"));
-    EXPECT_EQ(1, upnp_strcmp_folded("a", nullptr));
-    // Bytes compare signed: a high byte sorts before ASCII.
-    EXPECT_LT(upnp_strcmp_folded("\xE2\x82\xAC", "a"), 0);
+    struct compare_case { const char* a; const char* b; int sign; };
+    static const compare_case cases[] = {
+        {"\xC3\x85se", "Yacht", 1}, {"\xC3\x85se", "Zebra", -1},   // the ring letter sorts among Z
+        {"\xC3\x85se", "Apple", 1}, {"\xC3\xA4rger", "B", -1},     // the umlaut folds to A
+        {"abc", "ABC", 0}, {"ab", "abc", -1}, {"abc", "ab", 1},
+        {"\xE2\x82\xAC", "a", -1},                                 // bytes compare signed
+        {nullptr, nullptr, 0}, {nullptr, "a", -1}, {"a", nullptr, 1},
+    };
+    for (const compare_case& c : cases) {
+        SCOPED_TRACE(std::string(c.a ? c.a : "(null)") + " vs " + (c.b ? c.b : "(null)"));
+        int result = upnp_strcmp_folded(c.a, c.b);
+        EXPECT_EQ(c.sign, c.a && c.b ? (result > 0) - (result < 0) : result);
+    }
 }
 
 TEST(UpnpText, LenientNumberReaders)
@@ -84,6 +76,15 @@ TEST(UpnpText, LenientNumberReaders)
     const uint16_t wide[] = {'a', 0xD83D, 0xDE00, 0};
     EXPECT_EQ(3, upnp_wcslen(wide));
     EXPECT_EQ(0, upnp_wcslen(nullptr));
+    EXPECT_EQ(10, upnp_hex_digit('a'));
+    EXPECT_EQ(15, upnp_hex_digit('F'));
+    EXPECT_EQ(9, upnp_hex_digit('9'));
+    EXPECT_EQ(-1, upnp_hex_digit('g'));
+    EXPECT_EQ(0, upnp_hex_digit0('g'));
+    EXPECT_EQ(0x1F, upnp_hex_to_i64("1fZ9", 8));
+    EXPECT_EQ(0x12345678, upnp_hex8_to_i64("123456789"));
+    EXPECT_EQ(0x12, upnp_hex_to_i64("123", 2));
+    EXPECT_EQ(-1, upnp_hex_to_i64("ffffffffffffffff", 16));
 }
 
 TEST(UpnpText, I64ToStringIsBounded)
@@ -97,102 +98,70 @@ TEST(UpnpText, I64ToStringIsBounded)
     EXPECT_EQ(0, upnp_i64_to_string(1, buffer, 0));
 }
 
-TEST(UpnpText, HexDigitsAndValues)
-{
-    EXPECT_EQ(10, upnp_hex_digit('a'));
-    EXPECT_EQ(15, upnp_hex_digit('F'));
-    EXPECT_EQ(9, upnp_hex_digit('9'));
-    EXPECT_EQ(-1, upnp_hex_digit('g'));
-    EXPECT_EQ(0, upnp_hex_digit0('g'));
-    EXPECT_EQ(0x1F, upnp_hex_to_i64("1fZ9", 8));
-    EXPECT_EQ(0x12345678, upnp_hex8_to_i64("123456789"));
-    EXPECT_EQ(0x12, upnp_hex_to_i64("123", 2));
-    EXPECT_EQ(-1, upnp_hex_to_i64("ffffffffffffffff", 16));
-}
-
-struct parse_case {
-    const char* text;
-    size_t length;
-    int ok;
-    uint64_t value;
-};
-
-static const parse_case parse_cases[] = {
-    {"0", 1, 1, 0},
-    {"007", 3, 1, 7},
-    {"18446744073709551615", 20, 1, UINT64_MAX},
-    {"18446744073709551616", 20, 0, 0},   // one past the top
-    {"99999999999999999999", 20, 0, 0},
-    {"", 0, 0, 0},
-    {"-1", 2, 0, 0},
-    {"+1", 2, 0, 0},
-    {" 1", 2, 0, 0},
-    {"1 ", 2, 0, 0},
-    {"12a", 3, 0, 0},
-    {"12a", 2, 1, 12},                    // only the counted bytes are read
-    {"1\0" "2", 3, 0, 0},
-};
-
 TEST(UpnpText, ParseU64RefusesAllButPlainDigitsThatFit)
 {
-    for (const parse_case& c : parse_cases) {
-        SCOPED_TRACE(std::string(c.text, c.length));
+    struct parse_case { const char* text; size_t length; int ok; uint64_t value; };
+    static const parse_case cases[] = {
+        {"0", 1, 1, 0}, {"007", 3, 1, 7}, {"18446744073709551615", 20, 1, UINT64_MAX},
+        {"18446744073709551616", 20, 0, 0},   // one past the top
+        {"99999999999999999999", 20, 0, 0}, {"", 0, 0, 0}, {"-1", 2, 0, 0}, {"+1", 2, 0, 0}, {" 1", 2, 0, 0},
+        {"1 ", 2, 0, 0}, {"12a", 3, 0, 0},
+        {"12a", 2, 1, 12},                    // only the counted bytes are read
+        {"1\0" "2", 3, 0, 0}, {nullptr, 3, 0, 0},
+    };
+    for (const parse_case& c : cases) {
+        SCOPED_TRACE(c.text ? std::string(c.text, c.length) : "(null)");
         uint64_t value = 12345;
         EXPECT_EQ(c.ok, upnp_parse_u64(c.text, c.length, &value));
         EXPECT_EQ(c.ok ? c.value : 12345u, value);
     }
-    uint64_t value;
-    EXPECT_EQ(0, upnp_parse_u64(nullptr, 3, &value));
 }
 
-TEST(UpnpText, TimeFromMsUsesTheShortFormWithoutMilliseconds)
+TEST(UpnpText, DurationsUseTheShortFormAndReadColonSeparatedFields)
 {
     EXPECT_EQ("1:02:03", take(upnp_time_from_ms(3723000)));
     EXPECT_EQ("1:02:03.500", take(upnp_time_from_ms(3723500)));
     EXPECT_EQ("0:00:00.007", take(upnp_time_from_ms(7)));
     EXPECT_EQ("0:00:00", take(upnp_time_from_ms(0)));
     EXPECT_EQ(14u, take(upnp_time_from_ms(INT64_MAX)).size());   // cut to the old buffer
-}
-
-struct duration_case {
-    const char* text;
-    int64_t ms;
-};
-
-static const duration_case duration_cases[] = {
-    {"1:02:03", 3723000},
-    {"1:02:03.500", 3723000},     // a fraction of the seconds is dropped
-    {"0:00:01:250", 1250},
-    {"2", 7200000},
-    {"0:5", 300000},
-    {"", 0},
-};
-
-TEST(UpnpText, TimeToMsReadsColonSeparatedFields)
-{
-    for (const duration_case& c : duration_cases) {
-        SCOPED_TRACE(c.text);
+    struct duration_case { const char* text; int64_t ms; };
+    static const duration_case cases[] = {
+        {"1:02:03", 3723000}, {"1:02:03.500", 3723000},   // a fraction of the seconds is dropped
+        {"0:00:01:250", 1250}, {"2", 7200000}, {"0:5", 300000}, {"", 0}, {nullptr, 0},
+    };
+    for (const duration_case& c : cases) {
+        SCOPED_TRACE(c.text ? c.text : "(null)");
         EXPECT_EQ(c.ms, upnp_time_to_ms(c.text));
     }
-    EXPECT_EQ(0, upnp_time_to_ms(nullptr));
 }
 
-TEST(UpnpText, Base64PadsOneByteTailsButNotTwoByteTails)
-{
-    EXPECT_EQ("YQ==", take(upnp_base64_encode("a")));
-    EXPECT_EQ("YWI", take(upnp_base64_encode("ab")));
-    EXPECT_EQ("YWJj", take(upnp_base64_encode("abc")));
-    EXPECT_EQ("QWxhZGRpbjpvcGVuIHNlc2FtZQ==", take(upnp_base64_encode("Aladdin:open sesame")));
-    EXPECT_EQ("/w==", take(upnp_base64_encode("\xFF")));
-    EXPECT_EQ("", take(upnp_base64_encode("")));
-    EXPECT_EQ(nullptr, upnp_base64_encode(nullptr));
-}
-
-struct title_case {
+struct made_case {
+    char* (*make)(const char*);
     const char* in;
     const char* out;
 };
 
+static const made_case made_cases[] = {
+    // Base64 pads one-byte tails but not two-byte tails.
+    {upnp_base64_encode, "a", "YQ=="}, {upnp_base64_encode, "ab", "YWI"}, {upnp_base64_encode, "abc", "YWJj"},
+    {upnp_base64_encode, "Aladdin:open sesame", "QWxhZGRpbjpvcGVuIHNlc2FtZQ=="},
+    {upnp_base64_encode, "\xFF", "/w=="}, {upnp_base64_encode, "", ""}, {upnp_base64_encode, nullptr, "<null>"},
+    // A title from a path is the name without its extension.
+    {upnp_title_from_path, "C:\\Music\\song.mp3", "song"}, {upnp_title_from_path, "/srv/a.b/track.flac", "track"},
+    {upnp_title_from_path, "dir\\sub/x.y.z", "x.y"}, {upnp_title_from_path, "/music/.mp3", "No Title"},
+    {upnp_title_from_path, "noext", "noext"}, {upnp_title_from_path, "folder/", "No Title"},
+    {upnp_title_from_path, nullptr, "<null>"},
+};
+
+TEST(UpnpText, Base64AndPathTitlesTakeTheirFixedForms)
+{
+    for (const made_case& c : made_cases) {
+        SCOPED_TRACE(c.in ? c.in : "(null)");
+        EXPECT_EQ(std::string(c.out), take(c.make(c.in)));
+    }
+}
+
+struct title_case { const char* in; const char* out; };
 static const title_case title_cases[] = {
     {"the dark side of the moon", "Dark Side Of The Moon, The"},
     {"rocky ii", "Rocky II"},
@@ -235,11 +204,10 @@ TEST(UpnpText, TitleAdaptCopiesWhenOff)
 TEST(UpnpText, TitleAdaptHandlesLongRomanRunsInOnePass)
 {
     upnp_ini_set(UPNP_OPT_ADAPTCASE, "1");
-    std::string roman(200000, 'x');
     std::string dotted;
     for (int i = 0; i < 100000; i++)
         dotted += "x.";
-    char* a = strdup(roman.c_str());
+    char* a = strdup(std::string(200000, 'x').c_str());
     char* b = strdup((dotted + "q").c_str());
     EXPECT_EQ(std::string(200000, 'X'), take(upnp_title_adapt(a, 1)));
     std::string out = take(upnp_title_adapt(b, 1));
@@ -247,27 +215,4 @@ TEST(UpnpText, TitleAdaptHandlesLongRomanRunsInOnePass)
     EXPECT_EQ("Q", out.substr(out.size() - 1));
     free(a);
     free(b);
-}
-
-struct path_case {
-    const char* path;
-    const char* title;
-};
-
-static const path_case path_cases[] = {
-    {"C:\\Music\\song.mp3", "song"},
-    {"/srv/a.b/track.flac", "track"},
-    {"dir\\sub/x.y.z", "x.y"},
-    {"/music/.mp3", "No Title"},
-    {"noext", "noext"},
-    {"folder/", "No Title"},
-};
-
-TEST(UpnpText, TitleFromPathTakesTheNameWithoutExtension)
-{
-    for (const path_case& c : path_cases) {
-        SCOPED_TRACE(c.path);
-        EXPECT_EQ(std::string(c.title), take(upnp_title_from_path(c.path)));
-    }
-    EXPECT_EQ(nullptr, upnp_title_from_path(nullptr));
 }

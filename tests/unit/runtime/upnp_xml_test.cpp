@@ -1,4 +1,8 @@
+// Tests of the XML reader (the tree it builds from good, odd, truncated,
+// deep and hostile documents), the DIDL-Lite value checks and the escapes.
 #include "runtime/upnp_xml.h"
+
+#include "control/upnp_log.h"
 
 #include <gtest/gtest.h>
 
@@ -6,8 +10,6 @@
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include "control/upnp_log.h"
 
 namespace {
 
@@ -19,6 +21,8 @@ struct xml_tree {
     xml_tree(const xml_tree&) = delete;
     xml_tree& operator=(const xml_tree&) = delete;
 };
+
+std::string or_null(const char* text) { return text ? text : "<null>"; }
 
 std::string attr_names(const upnp_xml_node* n)
 {
@@ -45,14 +49,6 @@ std::string nested(int depth)
     for (int i = depth - 1; i >= 0; i--)
         s += "</e" + std::to_string(i) + ">";
     return s;
-}
-
-int count_of(const std::string& text, const char* piece)
-{
-    int n = 0;
-    for (size_t at = text.find(piece); at != std::string::npos; at = text.find(piece, at + 1))
-        n++;
-    return n;
 }
 
 // The checking parser prints a line for every name outside its table.
@@ -101,18 +97,10 @@ TEST(Xml, ReadsTheArgumentsOfASoapBrowseBody)
     xml_tree t(upnp_xml_parse(browse_body));
     ASSERT_NE(nullptr, t.root);
     EXPECT_STREQ("s:Envelope", t.root->name);
-    EXPECT_STREQ("0$1$2", upnp_xml_get_value(t.root, "ObjectID"));
-    EXPECT_STREQ("BrowseDirectChildren", upnp_xml_get_value(t.root, "BrowseFlag"));
-    EXPECT_STREQ("dc:title,res@size", upnp_xml_get_value(t.root, "Filter"));
     EXPECT_EQ(10, upnp_xml_get_int(t.root, "StartingIndex"));
     EXPECT_EQ(25, upnp_xml_get_int(t.root, "RequestedCount"));
-    EXPECT_STREQ("", upnp_xml_get_value(t.root, "SortCriteria"));
-    EXPECT_EQ(nullptr, upnp_xml_get_value(t.root, "Browse"));    // whole names only, prefix included
-    upnp_xml_node* browse = upnp_xml_find(t.root, "u:Browse");
-    ASSERT_NE(nullptr, browse);
-    EXPECT_STREQ("urn:schemas-upnp-org:service:ContentDirectory:1", upnp_xml_get_attr(browse, "xmlns:u"));
-    EXPECT_EQ("ObjectID;BrowseFlag;Filter;StartingIndex;RequestedCount;SortCriteria;", child_names(browse));
-    EXPECT_STREQ("http://schemas.xmlsoap.org/soap/encoding/", upnp_xml_get_attr(t.root, "s:encodingStyle"));
+    EXPECT_EQ("ObjectID;BrowseFlag;Filter;StartingIndex;RequestedCount;SortCriteria;",
+              child_names(upnp_xml_find(t.root, "u:Browse")));
     EXPECT_EQ(int32_t(strlen(browse_body) - 2), t.root->consumed);
 }
 
@@ -126,110 +114,107 @@ TEST(Xml, MissingPiecesGiveNullOrZero)
     EXPECT_EQ(nullptr, upnp_xml_get_attr(nullptr, "a"));
     xml_tree t(upnp_xml_parse("<a b=\"1\">7</a>"));
     ASSERT_NE(nullptr, t.root);
-    EXPECT_EQ(nullptr, upnp_xml_get_attr(t.root, "c"));
     EXPECT_EQ(0, upnp_xml_get_int(t.root, "missing"));
     EXPECT_EQ(7, upnp_xml_get_int(t.root, "a"));
     upnp_xml_free(nullptr);
 }
 
-TEST(Xml, AttributesRunInReverseDocumentOrder)
-{
-    xml_tree t(upnp_xml_parse("<item id=\"1\"\n\tparentID='0' restricted=1>x</item>"));
-    ASSERT_NE(nullptr, t.root);
-    EXPECT_EQ("restricted;parentID;id;", attr_names(t.root));
-    EXPECT_STREQ("1", upnp_xml_get_attr(t.root, "id"));
-    EXPECT_STREQ("0", upnp_xml_get_attr(t.root, "parentID"));
-    EXPECT_STREQ("1", upnp_xml_get_attr(t.root, "restricted"));
-    EXPECT_STREQ("x", t.root->value);
-}
-
-struct attr_case {
+struct shape_case {
     const char* doc;
-    const char* name;
-    const char* value;
+    const char* value;       // of the root
+    const char* attrs;       // names in list order
+    const char* children;
 };
 
-static const attr_case attr_cases[] = {
-    {"<a b=\"x>y\">v</a>", "b", "x>y"},                 // quoted '>' stays whole
-    {"<a b='p/q r'/>", "b", "p/q r"},                    // blank and '/' inside quotes too
-    {"<a b=\"it's\"/>", "b", "it's"},                    // the other quote is plain text
-    {"<a b=plain c=2/>", "c", "2"},                       // unquoted runs to '/'
-    {"<a b=x/y/>", "b", "x"},
-    {"<a b = \"1\" >v</a>", "b", "1"},                   // blanks around '='
-    {"<a b=\"&lt;&amp;&quot;\"/>", "b", "<&\""},          // decoded
-    {"<a b=pre\"in\"post/>", "b", "in"},                   // only the first pair is kept
-    {"<a b=\"open>", "b", "\"open>"},                      // no closing quote: whole stretch
+const shape_case shape_cases[] = {
+    {"<item id=\"1\"\n\tparentID='0' restricted=1>x</item>", "x", "restricted;parentID;id;", ""},   // reverse order
+    {"<a x=\"1\">v</a>", "v", "x;", ""},
+    {"<a x=\"1\" >v</a>", "v", "x;", ""},          // a '>' right behind the blank
+    {"<a x=\"1\"  \r\n >v</a>", "v", "x;", ""},    // several blanks before the '>'
+    {"<a x=1\n>v</a>", "v", "x;", ""},
+    {"<a x=1 y=2>v</a>", "v", "y;x;", ""},
+    {"<a x=\"1\"/>v</a>", nullptr, "x;", ""},        // self-closed: no value
+    {"<a x=\"1\" />v</a>", nullptr, "x;", ""},
+    {"<a x=\"1\" y=\"2\" />", nullptr, "y;x;", ""},
+    {"<r><a t=\"<b>\">1</a><c>2</c></r>", nullptr, "", "a;c;"},          // a quoted '<' starts no tag
+    {"<r>before<a>1</a>between<b>2</b>after</r>", nullptr, "", "a;b;"},   // text beside children is dropped
 };
 
-TEST(Xml, AttributeValuesAreCutAndDecoded)
+TEST(Xml, TreeShapeFollowsTagsQuotesAndSelfClosing)
 {
-    for (const attr_case& c : attr_cases) {
+    for (const shape_case& c : shape_cases) {
         SCOPED_TRACE(c.doc);
         xml_tree t(upnp_xml_parse(c.doc));
         ASSERT_NE(nullptr, t.root);
-        EXPECT_STREQ(c.value, upnp_xml_get_attr(t.root, c.name));
-    }
-}
-
-TEST(Xml, AttributeListEndsWhereTheTagDoes)
-{
-    struct end_case { const char* doc; const char* value; const char* attrs; };
-    static const end_case cases[] = {
-        {"<a x=\"1\">v</a>", "v", "x;"},
-        {"<a x=\"1\" >v</a>", "v", "x;"},          // a '>' right behind the blank
-        {"<a x=\"1\"  \r\n >v</a>", "v", "x;"},    // several blanks before the '>'
-        {"<a x=1\n>v</a>", "v", "x;"},
-        {"<a x=1 y=2>v</a>", "v", "y;x;"},
-        {"<a x=\"1\"/>v</a>", nullptr, "x;"},        // self-closed: no value
-        {"<a x=\"1\" />v</a>", nullptr, "x;"},
-        {"<a x=\"1\" y=\"2\" />", nullptr, "y;x;"},
-    };
-    for (const end_case& c : cases) {
-        SCOPED_TRACE(c.doc);
-        xml_tree t(upnp_xml_parse(c.doc));
-        ASSERT_NE(nullptr, t.root);
-        EXPECT_STREQ(c.value, t.root->value);
+        EXPECT_EQ(or_null(c.value), or_null(t.root->value));
         EXPECT_EQ(c.attrs, attr_names(t.root));
+        EXPECT_EQ(c.children, child_names(t.root));
     }
 }
 
-TEST(Xml, QuotedAngleBracketStartsNoTag)
-{
-    xml_tree t(upnp_xml_parse("<r><a t=\"<b>\">1</a><c>2</c></r>"));
-    ASSERT_NE(nullptr, t.root);
-    EXPECT_EQ("a;c;", child_names(t.root));
-    EXPECT_EQ(nullptr, upnp_xml_find(t.root, "b"));
-    EXPECT_STREQ("<b>", upnp_xml_get_attr(t.root->children, "t"));
-}
+// A query "name" is upnp_xml_get_value from the root, "elem@attr" the
+// attribute of the first element so named, "@attr" one of the root.
+struct lookup_case {
+    const char* doc;
+    std::vector<std::pair<const char*, const char*>> found;
+};
 
-TEST(Xml, LeafValuesAreDecodedButNotTrimmed)
-{
-    xml_tree t(upnp_xml_parse("<r><a>  x y\n</a><b>&lt;i&gt; &amp;amp;</b><c/><d></d></r>"));
-    ASSERT_NE(nullptr, t.root);
-    EXPECT_STREQ("  x y\n", upnp_xml_get_value(t.root, "a"));
-    EXPECT_STREQ("<i> &amp;", upnp_xml_get_value(t.root, "b"));
-    EXPECT_EQ(nullptr, upnp_xml_get_value(t.root, "c"));
-    EXPECT_STREQ("", upnp_xml_get_value(t.root, "d"));
-}
+const lookup_case lookup_cases[] = {
+    {browse_body,
+     {{"ObjectID", "0$1$2"}, {"BrowseFlag", "BrowseDirectChildren"}, {"Filter", "dc:title,res@size"},
+      {"SortCriteria", ""}, {"Browse", nullptr},     // whole names only, prefix included
+      {"u:Browse@xmlns:u", "urn:schemas-upnp-org:service:ContentDirectory:1"},
+      {"@s:encodingStyle", "http://schemas.xmlsoap.org/soap/encoding/"}}},
+    {"<item id=\"1\"\n\tparentID='0' restricted=1>x</item>", {{"@id", "1"}, {"@parentID", "0"}, {"@restricted", "1"}}},
+    {"<a b=\"x>y\">v</a>", {{"@b", "x>y"}}},                  // quoted '>' stays whole
+    {"<a b='p/q r'/>", {{"@b", "p/q r"}}},                     // blank and '/' inside quotes too
+    {"<a b=\"it's\"/>", {{"@b", "it's"}}},                     // the other quote is plain text
+    {"<a b=plain c=2/>", {{"@c", "2"}}},                        // unquoted runs to '/'
+    {"<a b=x/y/>", {{"@b", "x"}}},
+    {"<a b = \"1\" >v</a>", {{"@b", "1"}, {"@c", nullptr}, {"missing", nullptr}}},   // blanks around '='
+    {"<a b=\"&lt;&amp;&quot;\"/>", {{"@b", "<&\""}}},           // decoded
+    {"<a b=pre\"in\"post/>", {{"@b", "in"}}},                    // only the first pair is kept
+    {"<a b=\"open>", {{"@b", "\"open>"}}},                       // no closing quote: whole stretch
+    {"<r><a t=\"<b>\">1</a><c>2</c></r>", {{"a@t", "<b>"}, {"b", nullptr}}},
+    {"<r><a>  x y\n</a><b>&lt;i&gt; &amp;amp;</b><c/><d></d></r>",
+     {{"a", "  x y\n"} /* not trimmed */, {"b", "<i> &amp;"} /* decoded once */, {"c", nullptr}, {"d", ""}}},
+    {"<r><a><x>1</x></a><x>2</x><b><x>3</x></b></r>",
+     {{"x", "1"} /* depth first, in document order */, {"X", nullptr}}},
+};
 
-TEST(Xml, TextBesideChildrenIsDropped)
+TEST(Xml, ValuesAndAttributesAreCutAndDecoded)
 {
-    xml_tree t(upnp_xml_parse("<r>before<a>1</a>between<b>2</b>after</r>"));
+    for (const lookup_case& c : lookup_cases) {
+        xml_tree t(upnp_xml_parse(c.doc));
+        ASSERT_NE(nullptr, t.root) << c.doc;
+        for (const auto& [query, expected] : c.found) {
+            SCOPED_TRACE(std::string(c.doc).substr(0, 60) + " " + query);
+            const char* at = strchr(query, '@');
+            const char* found;
+            if (!at)
+                found = upnp_xml_get_value(t.root, query);
+            else if (at == query)
+                found = upnp_xml_get_attr(t.root, at + 1);
+            else
+                found = upnp_xml_get_attr(upnp_xml_find(t.root, std::string(query, at).c_str()), at + 1);
+            EXPECT_EQ(or_null(expected), or_null(found));
+        }
+    }
+    xml_tree t(upnp_xml_parse("<r><a><x>1</x></a><x>2</x><b><x>3</x></b></r>"));
     ASSERT_NE(nullptr, t.root);
-    EXPECT_EQ(nullptr, t.root->value);
-    EXPECT_EQ("a;b;", child_names(t.root));
+    upnp_xml_node* second = t.root->children->next;
+    EXPECT_STREQ("2", upnp_xml_get_value(second, "x"));        // a node finds itself first
+    EXPECT_STREQ("3", upnp_xml_get_value(second->next, "x"));
+    EXPECT_EQ(t.root, upnp_xml_find(t.root, "r"));
 }
 
 TEST(Xml, ConsumedCountsFromWhereTheCallBegan)
 {
     struct consumed_case { const char* doc; int32_t consumed; };
     static const consumed_case cases[] = {
-        {"<a>x</a>tail", 8},
-        {"  <a>x</a>", 10},
+        {"<a>x</a>tail", 8}, {"  <a>x</a>", 10},
         {"<a/>", 3},                 // up to the '/' and one more
-        {"<a b=\"1\"/>", 9},
-        {"<a>x</b>", 8},
-        {"<?xml version=\"1.0\"?><a/>", 24},
+        {"<a b=\"1\"/>", 9}, {"<a>x</b>", 8}, {"<?xml version=\"1.0\"?><a/>", 24},
     };
     for (const consumed_case& c : cases) {
         SCOPED_TRACE(c.doc);
@@ -239,33 +224,28 @@ TEST(Xml, ConsumedCountsFromWhereTheCallBegan)
     }
 }
 
-TEST(Xml, PrologIsSkippedByBothParsers)
+TEST(Xml, PrologIsSkippedByBothParsersDeclarationsOnlyByTheChecking)
 {
     quiet_stdout quiet;
-    const char* doc = "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<root><a>1</a></root>";
-    xml_tree plain(upnp_xml_parse(doc));
-    xml_tree checked(upnp_xml_parse_checked(doc));
-    ASSERT_NE(nullptr, plain.root);
-    ASSERT_NE(nullptr, checked.root);
-    EXPECT_STREQ("root", plain.root->name);
-    EXPECT_STREQ("root", checked.root->name);
-    EXPECT_STREQ("1", upnp_xml_get_value(checked.root, "a"));
-}
-
-TEST(Xml, DeclarationsAreSkippedOnlyByTheCheckingParser)
-{
-    quiet_stdout quiet;
-    const char* doc = "<!DOCTYPE root><root><a>1</a></root>";
-    xml_tree plain(upnp_xml_parse(doc));
-    xml_tree checked(upnp_xml_parse_checked(doc));
-    ASSERT_NE(nullptr, plain.root);
-    ASSERT_NE(nullptr, checked.root);
-    EXPECT_STREQ("!DOCTYPE", plain.root->name);
-    EXPECT_STREQ("root", checked.root->name);
-
-    xml_tree comment(upnp_xml_parse_checked("<r><!-- note --><a>1</a></r>"));
-    ASSERT_NE(nullptr, comment.root);
-    EXPECT_EQ("a;", child_names(comment.root));
+    struct skip_case { const char* doc; const char* plain_root; const char* checked_root; };
+    static const skip_case cases[] = {
+        {"<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<root><a>1</a></root>", "root", "root"},
+        {"<!DOCTYPE root><root><a>1</a></root>", "!DOCTYPE", "root"},
+        {"<r><!-- note --><a>1</a></r>", nullptr, "r"},
+    };
+    for (const skip_case& c : cases) {
+        SCOPED_TRACE(c.doc);
+        xml_tree plain(upnp_xml_parse(c.doc));
+        xml_tree checked(upnp_xml_parse_checked(c.doc));
+        ASSERT_NE(nullptr, plain.root);
+        ASSERT_NE(nullptr, checked.root);
+        if (c.plain_root) {
+            EXPECT_STREQ(c.plain_root, plain.root->name);
+        }
+        EXPECT_STREQ(c.checked_root, checked.root->name);
+        EXPECT_EQ("a;", child_names(checked.root));
+        EXPECT_STREQ("1", upnp_xml_get_value(checked.root, "a"));
+    }
 }
 
 TEST(Xml, WrongEndTagClosesTheElementWithOneLogLine)
@@ -278,38 +258,21 @@ TEST(Xml, WrongEndTagClosesTheElementWithOneLogLine)
     EXPECT_STREQ("x", upnp_xml_get_value(root, "b"));
     EXPECT_STREQ("y", upnp_xml_get_value(root, "d"));
     EXPECT_NE(std::string::npos, out.find("XML: bad end tag!\nb\n"));
-    EXPECT_EQ(1, count_of(out, "bad end tag"));
-
+    EXPECT_EQ(out.find("bad end tag"), out.rfind("bad end tag"));   // once
     std::string quiet = logged_stdout([] { upnp_xml_free(upnp_xml_parse("<r><b>x</b></r>")); });
     EXPECT_EQ(std::string::npos, quiet.find("bad end tag"));
-}
-
-TEST(Xml, FindWalksDepthFirstInDocumentOrder)
-{
-    xml_tree t(upnp_xml_parse("<r><a><x>1</x></a><x>2</x><b><x>3</x></b></r>"));
-    ASSERT_NE(nullptr, t.root);
-    EXPECT_STREQ("1", upnp_xml_get_value(t.root, "x"));
-    upnp_xml_node* second = t.root->children->next;
-    EXPECT_STREQ("2", upnp_xml_get_value(second, "x"));
-    EXPECT_STREQ("3", upnp_xml_get_value(second->next, "x"));
-    EXPECT_EQ(t.root, upnp_xml_find(t.root, "r"));
-    EXPECT_EQ(nullptr, upnp_xml_find(t.root, "X"));
 }
 
 TEST(Xml, NestingBeyondTheCapIsRefused)
 {
     quiet_stdout quiet;
-    std::string ok = nested(UPNP_XML_MAX_DEPTH);
-    std::string deep = nested(UPNP_XML_MAX_DEPTH + 1);
-    std::string last = "e" + std::to_string(UPNP_XML_MAX_DEPTH - 1);
-    std::string over = "e" + std::to_string(UPNP_XML_MAX_DEPTH);
-
+    std::string ok = nested(UPNP_XML_MAX_DEPTH), deep = nested(UPNP_XML_MAX_DEPTH + 1);
+    std::string last = "e" + std::to_string(UPNP_XML_MAX_DEPTH - 1), over = "e" + std::to_string(UPNP_XML_MAX_DEPTH);
     xml_tree plain_ok(upnp_xml_parse(ok.c_str()));
     xml_tree checked_ok(upnp_xml_parse_checked(ok.c_str()));
     ASSERT_NE(nullptr, plain_ok.root);
     ASSERT_NE(nullptr, checked_ok.root);
     EXPECT_STREQ("x", upnp_xml_get_value(checked_ok.root, last.c_str()));
-
     EXPECT_EQ(nullptr, upnp_xml_parse_checked(deep.c_str()));
     xml_tree plain_deep(upnp_xml_parse(deep.c_str()));
     ASSERT_NE(nullptr, plain_deep.root);
@@ -333,8 +296,7 @@ TEST(Xml, LongSiblingListsAreKeptInOrder)
     std::string doc = "<r>";
     for (int i = 0; i < 20000; i++)
         doc += "<i>" + std::to_string(i) + "</i>";
-    doc += "</r>";
-    xml_tree t(upnp_xml_parse(doc.c_str()));
+    xml_tree t(upnp_xml_parse((doc + "</r>").c_str()));
     ASSERT_NE(nullptr, t.root);
     int n = 0;
     const upnp_xml_node* last = nullptr;
@@ -351,7 +313,7 @@ struct truncated_case {
     bool checked_ok;
 };
 
-static const truncated_case truncated_cases[] = {
+const truncated_case truncated_cases[] = {
     {"<a", nullptr, false},                    // the name runs to the end
     {"<a>", "", true},
     {"<a><b>x", "b;", true},
@@ -392,15 +354,14 @@ TEST(Xml, EveryPrefixOfADocumentParsesInsideItsBuffer)
         std::vector<char> text(doc.begin(), doc.begin() + long(n));
         text.push_back(0);
         upnp_xml_node* plain = upnp_xml_parse(text.data());
-        if (plain) {
-            EXPECT_LE(plain->consumed, int32_t(n));
-        }
+        EXPECT_LE(plain ? plain->consumed : 0, int32_t(n));
         upnp_xml_free(plain);
         upnp_xml_free(upnp_xml_parse_checked(text.data()));
     }
 }
 
-TEST(Xml, CheckingParserAcceptsAPlainDidlItem)
+// An attribute outside the table passes, with its two log lines.
+TEST(Xml, CheckingParserAcceptsAPlainDidlItemAndUnknownNames)
 {
     std::string doc = didl_item;
     doc.insert(doc.find(" restricted="), " vel:rating=\"5\"");
@@ -410,34 +371,27 @@ TEST(Xml, CheckingParserAcceptsAPlainDidlItem)
     ASSERT_NE(nullptr, root);
     EXPECT_STREQ("Holiday", upnp_xml_get_value(root, "dc:title"));
     EXPECT_STREQ("5", upnp_xml_get_attr(upnp_xml_find(root, "item"), "vel:rating"));
-    upnp_xml_node* res = upnp_xml_find(root, "res");
-    ASSERT_NE(nullptr, res);
-    EXPECT_STREQ("1234", upnp_xml_get_attr(res, "size"));
-    // An attribute outside the table passes, with its lines.
+    EXPECT_STREQ("1234", upnp_xml_get_attr(upnp_xml_find(root, "res"), "size"));
+    EXPECT_NE(std::string::npos, out.find("PLUGIN:XML: Can't process XML property!! = vel:rating\n"));
     EXPECT_NE(std::string::npos, out.find("ERROR : XML: Can't process XML property!! = vel:rating\n"));
-    EXPECT_EQ(1, count_of(out, "ERROR : XML: Can't process"));   // every other name is known
+    EXPECT_EQ(out.find("ERROR : XML"), out.rfind("ERROR : XML"));   // every other name is known
 }
-
-struct refused_case {
-    const char* what;
-    const char* from;
-    const char* to;
-};
-
-static const refused_case refused_cases[] = {
-    {"empty title", "<dc:title>Holiday</dc:title>", "<dc:title></dc:title>"},
-    {"month 13", "2011-05-04T10:20:30", "2011-13-04T10:20:30"},
-    {"restricted word", "restricted=\"0\"", "restricted=\"yes\""},
-    {"bad duration", "size=\"1234\"", "duration=\"1:60:00\""},
-    {"storage medium", "<upnp:class>", "<upnp:storageMedium>FLOPPY</upnp:storageMedium><upnp:class>"},
-    {"deep child", "<dc:title>Holiday</dc:title>", "<x><dc:title>Holiday</dc:title></x><y><dc:title></dc:title></y>"},
-    {"empty name", "<upnp:class>", "<><upnp:class>"},
-};
 
 TEST(Xml, CheckingParserRefusesTheWholeDocumentOnOneBadValue)
 {
     quiet_stdout quiet;
-    for (const refused_case& c : refused_cases) {
+    struct refused_case { const char* what; const char* from; const char* to; };
+    static const refused_case cases[] = {
+        {"empty title", "<dc:title>Holiday</dc:title>", "<dc:title></dc:title>"},
+        {"month 13", "2011-05-04T10:20:30", "2011-13-04T10:20:30"},
+        {"restricted word", "restricted=\"0\"", "restricted=\"yes\""},
+        {"bad duration", "size=\"1234\"", "duration=\"1:60:00\""},
+        {"storage medium", "<upnp:class>", "<upnp:storageMedium>FLOPPY</upnp:storageMedium><upnp:class>"},
+        {"deep child", "<dc:title>Holiday</dc:title>",
+         "<x><dc:title>Holiday</dc:title></x><y><dc:title></dc:title></y>"},
+        {"empty name", "<upnp:class>", "<><upnp:class>"},
+    };
+    for (const refused_case& c : cases) {
         SCOPED_TRACE(c.what);
         std::string doc = didl_item;
         size_t at = doc.find(c.from);
@@ -449,142 +403,65 @@ TEST(Xml, CheckingParserRefusesTheWholeDocumentOnOneBadValue)
     }
 }
 
-TEST(XmlCheck, UnknownPropertyPassesWithALogLine)
-{
-    int result = 0;
-    std::string out = logged_stdout([&] { result = upnp_xml_check_property("vel:rating", "5"); });
-    EXPECT_EQ(1, result);
-    EXPECT_NE(std::string::npos, out.find("PLUGIN:XML: Can't process XML property!! = vel:rating\n"));
-    EXPECT_NE(std::string::npos, out.find("ERROR : XML: Can't process XML property!! = vel:rating\n"));
-}
-
-struct check_case {
+struct check_group {
     const char* name;
-    const char* value;
-    int ok;
+    std::vector<std::string> pass, fail;
 };
 
-static std::string long_text(size_t n)
-{
-    return std::string(n, 'a');
-}
-
-static const std::string title_256 = long_text(256);
-static const std::string title_257 = long_text(257);
-
-static const check_case check_cases[] = {
-    {nullptr, "1", 0},
-    {"dc:title", nullptr, 0},
-    {"res", "", 1},
-    {"upnp:class", "anything at all", 1},
-    {"DC:TITLE", "", 0},                              // the table ignores case
-    // titles: 1 to 256 bytes
-    {"dc:title", "a", 1},
-    {"dc:title", "", 0},
-    {"dc:title", title_256.c_str(), 1},
-    {"dc:title", title_257.c_str(), 0},
-    {"upnp:genre", "", 1},                            // a title type without the check
-    // booleans: a part of the list passes, empty too
-    {"restricted", "1", 1},
-    {"restricted", "false", 1},
-    {"searchable", "RU", 1},
-    {"includeDerived", "", 1},
-    {"restricted", "0,TRU", 1},
-    {"restricted", "FALSE,", 0},                      // longer than 5
-    {"restricted", "yes", 0},
-    {"restricted", "True", 0},
-    // storage medium and write status: a part of one item passes
-    {"upnp:storageMedium", "HDD", 1},
-    {"upnp:storageMedium", "MIN", 1},
-    {"upnp:storageMedium", "VIDEO8\t\t", 1},
-    {"upnp:storageMedium", "DVD-ROM\t\t,DVD-VIDEO", 1},
-    {"upnp:storageMedium", "VIDEO8,HI8", 0},
-    {"upnp:storageMedium", "", 0},
-    {"upnp:storageMedium", "hdd", 0},
-    {"upnp:writeStatus", "WRITABLE", 1},
-    {"upnp:writeStatus", "NOT_", 1},
-    {"upnp:writeStatus", "", 0},
-    {"upnp:writeStatus", "READONLY", 0},
-    // dates
-    {"dc:date", "2011-05-04", 1},
-    {"dc:date", "2011-13-04", 0},
-    {"dc:date", "2011-00-00", 1},
-    {"dc:date", "2011-05-32", 0},
-    {"dc:date", "10000-01-01", 0},
-    {"dc:date", "2011-05", 0},
-    {"dc:date", "2011", 0},
-    {"dc:date", "", 0},
-    {"dc:date", "2011-05-04T10:20:30", 1},
-    {"dc:date", "2011-05-04T10:20", 0},               // no seconds
-    {"dc:date", "2011-05-04T", 0},
-    {"dc:date", "2011-05-04T24:00:00", 1},
-    {"dc:date", "2011-05-04T25:00:00", 0},
-    {"dc:date", "2011-05-04T10:60:00", 0},
-    {"dc:date", "2011-05-04T10:20:60", 0},
-    {"dc:date", "2011-05-04T10:20:30.123", 1},
-    {"dc:date", "2011-05-04T10:20:30.123+09:00", 1},
-    {"dc:date", "2011-05-04T10:20:30-05:30", 1},
-    {"dc:date", "2011-05-04T10:20:30+25:00", 0},
-    {"dc:date", "2011-05-04T10:20:30+09:60", 0},
-    {"dc:date", "2011-05-04T10:20:30.5-05:00", 1},
-    {"dc:date", "2011-05-04T10:20:30.123456+09:00", 0},   // longer than 29
-    {"dc:date", "2011-05-04T10:20:99999999999", 0},      // no overflow into a pass
-    // durations
-    {"duration", "0:03:25", 1},
-    {"duration", "0:03:25.500", 1},
-    {"duration", "99999:59:59.999", 1},
-    {"duration", "100000:00:00", 0},
-    {"duration", "123456:00:00", 0},
-    {"duration", "1:60:00", 0},
-    {"duration", "1:00:60", 0},
-    {"duration", "1:001:00", 0},
-    {"duration", "1:00:00.1000", 0},
-    {"duration", "1:00:00:00", 0},                   // the rest is the seconds
-    {"duration", "", 1},
-    {"duration", "5", 1},
-    {"Duration", "1:2:3", 1},
+const check_group check_groups[] = {
+    {"res", {""}, {}},
+    {"upnp:class", {"anything at all"}, {}},
+    {"DC:TITLE", {}, {""}},                            // the table ignores case
+    {"dc:title", {"a", std::string(256, 'a')}, {"", std::string(257, 'a')}},
+    {"upnp:genre", {""}, {}},                          // a title type without the check
+    // Booleans: a part of the list passes, empty too, but no more than 5 bytes.
+    {"restricted", {"1", "false", "0,TRU"}, {"FALSE,", "yes", "True"}},
+    {"searchable", {"RU"}, {}},
+    {"includeDerived", {""}, {}},
+    // Storage medium and write status: a part of one item passes.
+    {"upnp:storageMedium", {"HDD", "MIN", "VIDEO8\t\t", "DVD-ROM\t\t,DVD-VIDEO"}, {"VIDEO8,HI8", "", "hdd"}},
+    {"upnp:writeStatus", {"WRITABLE", "NOT_"}, {"", "READONLY"}},
+    {"dc:date",
+     {"2011-05-04", "2011-00-00", "2011-05-04T10:20:30", "2011-05-04T24:00:00", "2011-05-04T10:20:30.123",
+      "2011-05-04T10:20:30.123+09:00", "2011-05-04T10:20:30-05:30", "2011-05-04T10:20:30.5-05:00"},
+     {"2011-13-04", "2011-05-32", "10000-01-01", "2011-05", "2011", "", "2011-05-04T", "2011-05-04T25:00:00",
+      "2011-05-04T10:20",                             // no seconds
+      "2011-05-04T10:60:00", "2011-05-04T10:20:60", "2011-05-04T10:20:30+25:00", "2011-05-04T10:20:30+09:60",
+      "2011-05-04T10:20:30.123456+09:00",             // longer than 29
+      "2011-05-04T10:20:99999999999"}},               // no overflow into a pass
+    {"duration", {"0:03:25", "0:03:25.500", "99999:59:59.999", "", "5"},
+     {"100000:00:00", "123456:00:00", "1:60:00", "1:00:60", "1:001:00", "1:00:00.1000",
+      "1:00:00:00"}},                                 // the rest is the seconds
+    {"Duration", {"1:2:3"}, {}},
+    {"vel:rating", {"5"}, {}},                       // unknown: passes, with a log line
 };
 
 TEST(XmlCheck, PropertyValuesFollowTheirTypes)
 {
     quiet_stdout quiet;
-    for (const check_case& c : check_cases) {
-        SCOPED_TRACE(std::string(c.name ? c.name : "(null)") + " = " +
-                     (c.value ? std::string(c.value).substr(0, 40) : "(null)"));
-        EXPECT_EQ(c.ok, upnp_xml_check_property(c.name, c.value));
-    }
+    for (const check_group& g : check_groups)
+        for (int ok : {1, 0})
+            for (const std::string& value : ok ? g.pass : g.fail) {
+                SCOPED_TRACE(std::string(g.name) + " = " + value.substr(0, 40));
+                EXPECT_EQ(ok, upnp_xml_check_property(g.name, value.c_str()));
+            }
+    EXPECT_EQ(0, upnp_xml_check_property(nullptr, "1"));
+    EXPECT_EQ(0, upnp_xml_check_property("dc:title", nullptr));
 }
-
-struct unescape_case {
-    const char* in;
-    const char* out;
-};
-
-static const unescape_case unescape_cases[] = {
-    {"a &amp; b", "a & b"},
-    {"&lt;b&gt;", "<b>"},
-    {"&apos;&quot;", "'\""},
-    {"x&nbsp;y", "x y"},
-    {"&amp;lt;", "&lt;"},             // one pass
-    {"&amp;amp;", "&amp;"},
-    {"&#65;&#x42;", "AB"},
-    {"&#x4a;&#x4A;", "JJ"},
-    {"&#1234;", "\xd2"},              // kept as one byte
-    {"&#12345;", "&#12345;"},         // ';' too far
-    {"&#x123;", "#"},
-    {"&#65", "&#65"},
-    {"&#", "&#"},
-    {"&", "&"},
-    {"&unknown;", "&unknown;"},
-    {"&AMP;", "&AMP;"},
-    {"&lt", "&lt"},
-    {"plain", "plain"},
-    {"", ""},
-};
 
 TEST(Xml, UnescapeDecodesInOnePass)
 {
-    for (const unescape_case& c : unescape_cases) {
+    struct unescape_case { const char* in; const char* out; };
+    static const unescape_case cases[] = {
+        {"a &amp; b", "a & b"}, {"&lt;b&gt;", "<b>"}, {"&apos;&quot;", "'\""}, {"x&nbsp;y", "x y"},
+        {"&amp;lt;", "&lt;"}, {"&amp;amp;", "&amp;"},      // one pass
+        {"&#65;&#x42;", "AB"}, {"&#x4a;&#x4A;", "JJ"},
+        {"&#1234;", "\xd2"},                                // kept as one byte
+        {"&#12345;", "&#12345;"},                           // ';' too far
+        {"&#x123;", "#"}, {"&#65", "&#65"}, {"&#", "&#"}, {"&", "&"}, {"&unknown;", "&unknown;"},
+        {"&AMP;", "&AMP;"}, {"&lt", "&lt"}, {"plain", "plain"}, {"", ""},
+    };
+    for (const unescape_case& c : cases) {
         SCOPED_TRACE(c.in);
         std::vector<char> buf(c.in, c.in + strlen(c.in) + 1);
         upnp_xml_unescape(buf.data());
@@ -593,41 +470,26 @@ TEST(Xml, UnescapeDecodesInOnePass)
     upnp_xml_unescape(nullptr);
 }
 
-TEST(Xml, EscapeEscapesTwice)
+TEST(Xml, EscapeEscapesTwiceAndRefusesOutputBeyond1023Bytes)
 {
-    struct escape_case { const char* in; const char* out; };
-    static const escape_case cases[] = {
-        {"a<b>c", "a&amp;lt;b&amp;gt;c"},
-        {"R&B", "R&amp;amp;B"},
-        {"tab\there\n", "tab&amp;#9;here&amp;#10;"},
-        {"\x1f", "&amp;#31;"},
-        {"\"quotes' stay\"", "\"quotes' stay\""},
-        {"caf\xc3\xa9", "caf\xc3\xa9"},
+    std::string amps, fits(1023, 'a');
+    for (int i = 0; i < 113; i++)
+        amps += "&amp;amp;";
+    struct escape_case { std::string in, out; };
+    const escape_case cases[] = {
+        {"a<b>c", "a&amp;lt;b&amp;gt;c"}, {"R&B", "R&amp;amp;B"}, {"tab\there\n", "tab&amp;#9;here&amp;#10;"},
+        {"\x1f", "&amp;#31;"}, {"\"quotes' stay\"", "\"quotes' stay\""}, {"caf\xc3\xa9", "caf\xc3\xa9"},
+        {fits, fits}, {fits + "a", "<null>"},
+        {std::string(113, '&') + "abcdef", amps + "abcdef"},   // 113 * 9 + 6 = 1023
+        {std::string(113, '&') + "abcdefg", "<null>"},
+        {std::string(114, '&'), "<null>"},                      // a piece is never cut
+        {"", "<null>"},
     };
     for (const escape_case& c : cases) {
-        SCOPED_TRACE(c.in);
-        char* out = upnp_xml_escape(c.in);
-        EXPECT_STREQ(c.out, out);
+        SCOPED_TRACE(c.in.substr(0, 20));
+        char* out = upnp_xml_escape(c.in.c_str());
+        EXPECT_EQ(c.out, or_null(out));
         free(out);
     }
-    EXPECT_EQ(nullptr, upnp_xml_escape(""));
     EXPECT_EQ(nullptr, upnp_xml_escape(nullptr));
-}
-
-TEST(Xml, EscapeRefusesOutputBeyond1023Bytes)
-{
-    std::string fits = long_text(1023);
-    char* out = upnp_xml_escape(fits.c_str());
-    ASSERT_NE(nullptr, out);
-    EXPECT_EQ(fits, out);
-    free(out);
-    EXPECT_EQ(nullptr, upnp_xml_escape(long_text(1024).c_str()));
-
-    std::string amps = std::string(113, '&') + "abcdef";      // 113 * 9 + 6 = 1023
-    out = upnp_xml_escape(amps.c_str());
-    ASSERT_NE(nullptr, out);
-    EXPECT_EQ(size_t(1023), strlen(out));
-    free(out);
-    EXPECT_EQ(nullptr, upnp_xml_escape((amps + "g").c_str()));
-    EXPECT_EQ(nullptr, upnp_xml_escape(std::string(114, '&').c_str()));   // a piece is never cut
 }

@@ -22,50 +22,55 @@ std::string search_text(const std::string& headers)
     return "M-SEARCH * HTTP/1.1\r\n" + headers + "\r\n";
 }
 
+// A search with short HOST and MAN lines, then the given MX and ST lines.
+std::string search_with(const std::string& mx_and_st)
+{
+    return search_text("HOST: x\r\nMAN: y\r\n" + mx_and_st);
+}
+
 const std::string good_headers =
     "HOST: 239.255.255.250:1900\r\nMAN: \"ssdp:discover\"\r\nMX: 3\r\nST: ssdp:all\r\n";
 
+// length: the bytes the parser may read, when fewer than the text.
 struct search_case {
     const char* name;
     std::string text;
     int result;
     const char* target;
     int32_t mx;
+    size_t length = std::string::npos;
 };
 
-const std::string long_target(127, 'x');
+const std::string long_target(127, 'x'), canonical = search_text(good_headers);
+std::string with_nul = std::string(canonical).insert(canonical.find("239"), 1, '\0');
 
 const search_case search_cases[] = {
-    {"canonical", search_text(good_headers), 1, "ssdp:all", 3},
+    {"canonical", canonical, 1, "ssdp:all", 3},
+    {"a NUL is a byte like any other, not an end", with_nul, 1, "ssdp:all", 3},
+    {"the target's value lies past the length", canonical, -1, nullptr, 0, canonical.find("ssdp:all")},
+    {"MAN lies past the length", canonical, 0, nullptr, 0, canonical.find("MAN")},
     {"lower-case method and names", "m-search * http/1.1\r\nhost: 239.255.255.250:1900\r\nman: \"ssdp:discover\"\r\n"
                                     "mx: 2\r\nst: upnp:rootdevice\r\n\r\n", 1, "upnp:rootdevice", 2},
-    {"blanks and a tab before values", search_text("HOST: x\r\nMAN: y\r\nMX:  \t4\r\nST:\t  ssdp:all\r\n"), 1,
-     "ssdp:all", 4},
-    {"value ends at a blank", search_text("HOST: x\r\nMAN: y\r\nMX: 1\r\nST: ssdp:all trailing\r\n"), 1,
-     "ssdp:all", 1},
-    {"value ends at a byte above 127", search_text("HOST: x\r\nMAN: y\r\nMX: 1\r\nST: ssdp:all\xC3\xA9\r\n"), 1,
-     "ssdp:all", 1},
-    {"MX with trailing junk reads its digits", search_text("HOST: x\r\nMAN: y\r\nMX: 3s\r\nST: a\r\n"), 1, "a", 3},
-    {"MX above the cap", search_text("HOST: x\r\nMAN: y\r\nMX: 500\r\nST: a\r\n"), 1, "a", 120},
-    {"target of 127 bytes", search_text("HOST: x\r\nMAN: y\r\nMX: 1\r\nST: " + long_target + "\r\n"), 1,
-     long_target.c_str(), 1},
+    {"blanks and a tab before values", search_with("MX:  \t4\r\nST:\t  ssdp:all\r\n"), 1, "ssdp:all", 4},
+    {"value ends at a blank", search_with("MX: 1\r\nST: ssdp:all trailing\r\n"), 1, "ssdp:all", 1},
+    {"value ends at a byte above 127", search_with("MX: 1\r\nST: ssdp:all\xC3\xA9\r\n"), 1, "ssdp:all", 1},
+    {"MX with trailing junk reads its digits", search_with("MX: 3s\r\nST: a\r\n"), 1, "a", 3},
+    {"MX above the cap", search_with("MX: 500\r\nST: a\r\n"), 1, "a", 120},
+    {"target of 127 bytes", search_with("MX: 1\r\nST: " + long_target + "\r\n"), 1, long_target.c_str(), 1},
     // Searches that ask for no answer.
-    {"MX zero", search_text("HOST: x\r\nMAN: y\r\nMX: 0\r\nST: a\r\n"), -1, nullptr, 0},
-    {"MX empty", search_text("HOST: x\r\nMAN: y\r\nMX:\r\nST: a\r\n"), -1, nullptr, 0},
-    {"MX negative", search_text("HOST: x\r\nMAN: y\r\nMX: -3\r\nST: a\r\n"), -1, nullptr, 0},
-    {"MX beyond any number", search_text("HOST: x\r\nMAN: y\r\nMX: 99999999999999999999999\r\nST: a\r\n"), -1,
-     nullptr, 0},
-    {"MX with a blank before the colon", search_text("HOST: x\r\nMAN: y\r\nMX : 3\r\nST: a\r\n"), -1, nullptr, 0},
-    {"ST with a blank before the colon", search_text("HOST: x\r\nMAN: y\r\nMX: 3\r\nST : ssdp:all\r\n"), -1,
-     nullptr, 0},
-    {"ST empty", search_text("HOST: x\r\nMAN: y\r\nMX: 3\r\nST:\r\n"), -1, nullptr, 0},
-    {"target of 128 bytes", search_text("HOST: x\r\nMAN: y\r\nMX: 1\r\nST: " + long_target + "x\r\n"), -1, nullptr,
-     0},
+    {"MX zero", search_with("MX: 0\r\nST: a\r\n"), -1, nullptr, 0},
+    {"MX empty", search_with("MX:\r\nST: a\r\n"), -1, nullptr, 0},
+    {"MX negative", search_with("MX: -3\r\nST: a\r\n"), -1, nullptr, 0},
+    {"MX beyond any number", search_with("MX: 99999999999999999999999\r\nST: a\r\n"), -1, nullptr, 0},
+    {"MX with a blank before the colon", search_with("MX : 3\r\nST: a\r\n"), -1, nullptr, 0},
+    {"ST with a blank before the colon", search_with("MX: 3\r\nST : ssdp:all\r\n"), -1, nullptr, 0},
+    {"ST empty", search_with("MX: 3\r\nST:\r\n"), -1, nullptr, 0},
+    {"target of 128 bytes", search_with("MX: 1\r\nST: " + long_target + "x\r\n"), -1, nullptr, 0},
     // No search at all.
-    {"no MX header", search_text("HOST: x\r\nMAN: y\r\nST: ssdp:all\r\n"), 0, nullptr, 0},
+    {"no MX header", search_with("ST: ssdp:all\r\n"), 0, nullptr, 0},
     {"no MAN header", search_text("HOST: x\r\nMX: 3\r\nST: ssdp:all\r\n"), 0, nullptr, 0},
     {"no HOST header", search_text("MAN: y\r\nMX: 3\r\nST: ssdp:all\r\n"), 0, nullptr, 0},
-    {"no ST header", search_text("HOST: x\r\nMAN: y\r\nMX: 3\r\n"), 0, nullptr, 0},
+    {"no ST header", search_with("MX: 3\r\n"), 0, nullptr, 0},
     {"HTTP/1.0", "M-SEARCH * HTTP/1.0\r\n" + good_headers + "\r\n", 0, nullptr, 0},
     {"no asterisk", "M-SEARCH / HTTP/1.1\r\n" + good_headers + "\r\n", 0, nullptr, 0},
     {"headers before the request line", good_headers + "M-SEARCH * HTTP/1.1\r\n\r\n", 0, nullptr, 0},
@@ -79,7 +84,7 @@ TEST(SsdpParse, ReadsSearchesAsSubstringsOfTheHead)
         SCOPED_TRACE(c.name);
         ssdp_search out;
         memset(&out, 0x55, sizeof out);
-        ASSERT_EQ(c.result, ssdp_parse_search(c.text.data(), c.text.size(), &out));
+        ASSERT_EQ(c.result, ssdp_parse_search(c.text.data(), std::min(c.length, c.text.size()), &out));
         if (c.result == 1) {
             EXPECT_STREQ(c.target, out.target);
             EXPECT_EQ(c.mx, out.mx);
@@ -87,28 +92,7 @@ TEST(SsdpParse, ReadsSearchesAsSubstringsOfTheHead)
     }
 }
 
-TEST(SsdpParse, ReadsNoFurtherThanTheGivenLength)
-{
-    std::string text = search_text(good_headers);
-    ssdp_search out;
-    // The MAN header lies past the cut.
-    size_t cut = text.find("MAN");
-    EXPECT_EQ(0, ssdp_parse_search(text.data(), cut, &out));
-    // The target's value lies past the cut: its name is there, its value not.
-    cut = text.find("ssdp:all");
-    EXPECT_EQ(-1, ssdp_parse_search(text.data(), cut, &out));
-    // A NUL inside is a byte like any other, not an end.
-    std::string with_nul = text;
-    with_nul.insert(text.find("239"), 1, '\0');
-    EXPECT_EQ(1, ssdp_parse_search(with_nul.data(), with_nul.size(), &out));
-}
-
-struct notify_case {
-    const char* name;
-    std::string text;
-    int result;
-    const char* url;
-};
+struct notify_case { const char* name; std::string text; int result; const char* url; };
 
 const notify_case notify_cases[] = {
     {"renderer alive", "NOTIFY * HTTP/1.1\r\nLOCATION: http://192.0.2.7:49152/d.xml\r\n"
@@ -141,12 +125,7 @@ TEST(SsdpParse, FollowsOnlyAliveRenderersAndRemoteUiClients)
     }
 }
 
-struct subnet_case {
-    const char* local;
-    const char* mask;
-    const char* peer;
-    int same;
-};
+struct subnet_case { const char* local; const char* mask; const char* peer; int same; };
 
 const subnet_case subnet_cases[] = {
     {"192.0.2.1", "255.255.255.0", "192.0.2.200", 1},
@@ -242,98 +221,69 @@ struct Ssdp : ::testing::Test {
     void TearDown() override { ssdp_clear_handlers(); }
 };
 
-TEST_F(Ssdp, AllAnswersEveryAnnouncedRowInTableOrder)
+TEST_F(Ssdp, RepliesAndAnnouncementsHaveTheirFixedShapes)
 {
     loopback_udp udp;
     ASSERT_GT(udp.port, 0);
-    ASSERT_EQ(5, udp.announce("ssdp:all", 0));
-    std::vector<std::string> got = udp.take();
-    ASSERT_EQ(5u, got.size());
-    std::vector<std::string> want = {udn(), "upnp:rootdevice", server_rows[0], server_rows[1], server_rows[2]};
-    for (size_t i = 0; i < got.size(); i++) {
-        SCOPED_TRACE(want[i]);
-        EXPECT_EQ(0u, got[i].find("HTTP/1.1 200 OK\r\n"));
-        EXPECT_EQ(want[i], header(got[i], "ST"));
-        EXPECT_EQ(i == 0 ? udn() : udn() + "::" + want[i], header(got[i], "USN"));
-        EXPECT_EQ("http://192.0.2.1:9000/DeviceDescription.xml", header(got[i], "LOCATION"));
-    }
-}
-
-TEST_F(Ssdp, ReplyHasTheFixedShape)
-{
-    loopback_udp udp;
     ASSERT_EQ(1, udp.announce("upnp:rootdevice", 0));
-    std::vector<std::string> got = udp.take();
-    ASSERT_EQ(1u, got.size());
-    std::string date = header(got[0], "DATE");
-    EXPECT_NE(std::string::npos, date.find(" GMT")) << date;
-    std::string want = "HTTP/1.1 200 OK\r\nCACHE-CONTROL: max-age=" + std::to_string(ssdp_get_max_age()) +
-                       "\r\nDATE: " + date +
-                       "\r\nEXT:\r\nLOCATION: http://192.0.2.1:9000/DeviceDescription.xml\r\n"
-                       "SERVER: Windows NT/5.0, UPnP/1.0, Velmora UPnP SDK/1.0\r\nST: upnp:rootdevice\r\nUSN: " +
-                       udn() + "::upnp:rootdevice\r\nContent-Length: 0\r\n\r\n";
-    EXPECT_EQ(want, got[0]);
-}
-
-TEST_F(Ssdp, AliveHasTheFixedShape)
-{
-    loopback_udp udp;
     ASSERT_EQ(1, udp.announce(udn().c_str(), 1));
     std::vector<std::string> got = udp.take();
-    ASSERT_EQ(1u, got.size());
-    std::string want = "NOTIFY * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nCACHE-CONTROL: max-age=" +
-                       std::to_string(ssdp_get_max_age()) +
-                       "\r\nLOCATION: http://192.0.2.1:9000/DeviceDescription.xml\r\nNT: " + udn() +
-                       "\r\nNTS: ssdp:alive\r\nSERVER: Windows NT/5.0, UPnP/1.0, Velmora UPnP SDK/1.0\r\nUSN: " +
-                       udn() + "\r\n\r\n";
-    EXPECT_EQ(want, got[0]);
+    ASSERT_EQ(2u, got.size());
+    std::string date = header(got[0], "DATE"), age = "max-age=" + std::to_string(ssdp_get_max_age());
+    const std::string server = "SERVER: Windows NT/5.0, UPnP/1.0, Velmora UPnP SDK/1.0\r\n";
+    const std::string location = "LOCATION: http://192.0.2.1:9000/DeviceDescription.xml\r\n";
+    EXPECT_NE(std::string::npos, date.find(" GMT")) << date;
+    EXPECT_EQ("HTTP/1.1 200 OK\r\nCACHE-CONTROL: " + age + "\r\nDATE: " + date + "\r\nEXT:\r\n" + location + server +
+                  "ST: upnp:rootdevice\r\nUSN: " + udn() + "::upnp:rootdevice\r\nContent-Length: 0\r\n\r\n",
+              got[0]);
+    EXPECT_EQ("NOTIFY * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nCACHE-CONTROL: " + age + "\r\n" + location +
+                  "NT: " + udn() + "\r\nNTS: ssdp:alive\r\n" + server + "USN: " + udn() + "\r\n\r\n",
+              got[1]);
 }
 
-struct target_case {
-    std::string target;
-    int rows;
-};
+struct target_case { std::string target; int notify, advertising; std::vector<std::string> rows; };
 
-TEST_F(Ssdp, OnlyAWholeTargetMatchesARow)
+TEST_F(Ssdp, OnlyAWholeTargetMatchesARowAndAllAnswersEveryRowInOrder)
 {
+    const std::vector<std::string> all = {udn(), "upnp:rootdevice", server_rows[0], server_rows[1], server_rows[2]};
     const target_case cases[] = {
-        {udn(), 1},
-        {"upnp:rootdevice", 1},
-        {server_rows[0], 1},
-        {server_rows[1], 1},
-        {server_rows[2], 1},
-        {"urn:schemas-upnp-org:device:MediaRenderer:1", 0},
-        {"urn:schemas-upnp-org:service:X_MS_MediaReceiverRegistrar:1", 0},
-        {"upnp:rootdevice2", 0},
-        {"upnp:rootdevic", 0},
-        {"UPNP:ROOTDEVICE", 0},
-        {"ssdp:all2", 0},
-        {"ssdp:alL", 0},
-        {"", 0},
+        {"ssdp:all", 0, 1, all},
+        {"ssdp:all", 1, 1, all},
+        {udn(), 0, 1, {udn()}},
+        {"upnp:rootdevice", 0, 1, {"upnp:rootdevice"}},
+        {server_rows[0], 0, 1, {server_rows[0]}},
+        {server_rows[1], 0, 1, {server_rows[1]}},
+        {server_rows[2], 1, 1, {server_rows[2]}},
+        {"urn:schemas-upnp-org:device:MediaRenderer:1", 0, 1, {}},
+        {"urn:schemas-upnp-org:service:X_MS_MediaReceiverRegistrar:1", 0, 1, {}},
+        {"upnp:rootdevice2", 0, 1, {}},
+        {"upnp:rootdevic", 0, 1, {}},
+        {"UPNP:ROOTDEVICE", 0, 1, {}},
+        {"ssdp:all2", 0, 1, {}},
+        {"ssdp:alL", 0, 1, {}},
+        {"", 0, 1, {}},
+        // Without advertising only the UDN and the root device go out.
+        {"ssdp:all", 1, 0, {udn(), "upnp:rootdevice"}},
+        {server_rows[0], 0, 0, {}},
+        {server_rows[1], 1, 0, {}},
     };
     loopback_udp udp;
     for (const target_case& c : cases) {
-        SCOPED_TRACE(c.target);
-        EXPECT_EQ(c.rows, udp.announce(c.target.c_str(), 0));
+        SCOPED_TRACE(c.target + (c.notify ? " notify" : " reply") + (c.advertising ? "" : " without advertising"));
+        if (c.advertising)
+            ssdp_set_server_advertising();
+        else
+            ssdp_clear_handlers();
+        EXPECT_EQ(int(c.rows.size()), udp.announce(c.target.c_str(), c.notify));
         std::vector<std::string> got = udp.take();
-        ASSERT_EQ(size_t(c.rows), got.size());
-        if (c.rows) {
-            EXPECT_EQ(c.target, header(got[0], "ST"));
+        ASSERT_EQ(c.rows.size(), got.size());
+        for (size_t i = 0; i < got.size(); i++) {
+            EXPECT_EQ(0u, got[i].find(c.notify ? "NOTIFY * HTTP/1.1\r\n" : "HTTP/1.1 200 OK\r\n"));
+            EXPECT_EQ(c.rows[i], header(got[i], c.notify ? "NT" : "ST"));
+            EXPECT_EQ(c.rows[i] == udn() ? udn() : udn() + "::" + c.rows[i], header(got[i], "USN"));
+            EXPECT_EQ("http://192.0.2.1:9000/DeviceDescription.xml", header(got[i], "LOCATION"));
         }
     }
-}
-
-TEST_F(Ssdp, WithoutAdvertisingOnlyTheUdnAndRootDeviceGoOut)
-{
-    ssdp_clear_handlers();
-    loopback_udp udp;
-    EXPECT_EQ(2, udp.announce("ssdp:all", 1));
-    std::vector<std::string> got = udp.take();
-    ASSERT_EQ(2u, got.size());
-    EXPECT_EQ(udn(), header(got[0], "NT"));
-    EXPECT_EQ("upnp:rootdevice", header(got[1], "NT"));
-    EXPECT_EQ(0, udp.announce(server_rows[0], 0));
-    EXPECT_EQ(0, udp.announce(server_rows[1], 1));
 }
 
 TEST_F(Ssdp, ByebyeBurstNamesEveryRow)

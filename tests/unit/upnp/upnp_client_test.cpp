@@ -12,21 +12,14 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -44,35 +37,35 @@ struct reference_db {
         snprintf(id, sizeof id, "ID:%03d", number);
         return strstr(text.c_str(), id);
     }
+    const char* entry(int index) const
+    {
+        const char* p = text.c_str();
+        for (int i = 0; (p = strstr(p, "ID:")) && i < index; i++)
+            p += 3;
+        return index < 0 ? nullptr : p;
+    }
+    // The first what from the entry on, and where the next entry starts.
+    static const char* find(const char* entry, const char* what, const char** next)
+    {
+        *next = entry ? strstr(entry + 1, "ID:") : nullptr;
+        return entry ? strstr(entry, what) : nullptr;
+    }
     int has_flag(int number, const char* flag) const
     {
-        const char* o = own(number);
-        const char* f = o ? strstr(o, flag) : nullptr;
-        const char* next = o ? strstr(o + 1, "ID:") : nullptr;
+        const char* next;
+        const char* f = find(own(number), flag, &next);
         return f && (!next || next > f);
     }
     int get_number(int number, const char* key) const
     {
-        const char* o = own(number);
-        const char* f = o ? strstr(o, key) : nullptr;
-        const char* next = o ? strstr(o + 1, "ID:") : nullptr;
-        if (!f || (next && next <= f + strlen(key)))
-            return 0;
-        return atoi(f + strlen(key));
-    }
-    const char* entry(int index) const
-    {
-        const char* p = text.c_str();
-        for (int i = 0; (p = strstr(p, "ID:")); i++, p += 3)
-            if (i == index)
-                return p;
-        return nullptr;
+        const char* next;
+        const char* f = find(own(number), key, &next);
+        return !f || (next && next <= f + strlen(key)) ? 0 : atoi(f + strlen(key));
     }
     std::string field(int index, const char* key) const
     {
-        const char* e = entry(index);
-        const char* f = e ? strstr(e, key) : nullptr;
-        const char* next = e ? strstr(e + 1, "ID:") : nullptr;
+        const char* next;
+        const char* f = find(entry(index), key, &next);
         if (!f || (next && next < f))
             return "<none>";
         std::string out;
@@ -126,76 +119,17 @@ bool eventually(F cond)
     return cond();
 }
 
-// A description server on a loopback address: each connection gets the
-// same reply; with no description it holds the connection silently until
-// it is destroyed.
-struct description_peer {
-    int listen_fd = -1;
-    int port = 0;
-    std::string ip;
-    std::string reply;
-    std::atomic<int> accepted{0};
-    std::atomic<bool> stopping{false};
-    std::thread thread;
-
-    explicit description_peer(const std::string& xml, const std::string& address = "127.0.0.1") : ip(address)
-    {
-        if (!xml.empty())
-            reply = "HTTP/1.1 200 OK\r\nContent-Type: text/xml\r\nContent-Length: " + std::to_string(xml.size()) +
-                    "\r\n\r\n" + xml;
-        listen_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        inet_pton(AF_INET, ip.c_str(), &a.sin_addr);
-        socklen_t n = sizeof a;
-        if (bind(listen_fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 && listen(listen_fd, 8) == 0 &&
-            getsockname(listen_fd, reinterpret_cast<sockaddr*>(&a), &n) == 0) {
-            port = ntohs(a.sin_port);
-            thread = std::thread([this] { run(); });
-        }
-    }
-    ~description_peer()
-    {
-        stopping = true;
-        shutdown(listen_fd, SHUT_RDWR);
-        if (thread.joinable())
-            thread.join();
-        close(listen_fd);
-    }
-    std::string url() const { return "http://" + ip + ":" + std::to_string(port) + "/description.xml"; }
-    void run()
-    {
-        for (int c; (c = accept(listen_fd, nullptr, nullptr)) >= 0; close(c)) {
-            accepted++;
-            timeval tv{5, 0};
-            setsockopt(c, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-            std::string got;
-            char b[1024];
-            for (ssize_t r; got.find("\r\n\r\n") == std::string::npos && (r = recv(c, b, sizeof b, 0)) > 0;)
-                got.append(b, size_t(r));
-            for (int i = 0; reply.empty() && !stopping && i < 1000; i++)
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            send(c, reply.data(), reply.size(), MSG_NOSIGNAL);
-        }
-    }
-};
+// A device description as a renderer serves it.
+std::string description(const std::string& xml)
+{
+    return "HTTP/1.1 200 OK\r\nContent-Type: text/xml\r\nContent-Length: " + std::to_string(xml.size()) + "\r\n\r\n" +
+           xml;
+}
 
 // An SSDP announcement as a renderer sends it, from its LOCATION on.
 std::string announcement(const std::string& url)
 {
     return url + "\r\nNT: urn:schemas-upnp-org:device:MediaRenderer:1\r\nNTS: ssdp:alive\r\n\r\n";
-}
-
-const char* const all_flags[] = {
-    "AV:M", "AV:no-m3u", "XM:DLNA10", "XM:DLNA15", "XM:DLNANO", "XM:NOUTF8SORT", "XM:SHORTTITLE",
-    "XM:IGNORESORT", "XM:WMCIDS", "XM:MINIMALMP3URL", "XM:ADDTITLETOURL", "XM:GIVEMP3NOLPCM", "XM:noutf8",
-    "XM:WAN", "XM:GIVECHILDCOUNT", "XM:FORCERES", "XM:PHILIPS", "HP:chunked", "HP:MIMETYPE2", "HP:1.0RESPONSE",
-    "DX:REDSONIC", "DX:ABSOLUTEURI", "SC:roku", "SC:yamaha", "SC:sony", "SC:nodups", "DB:AUTO",
-};
-
-std::string shipped_db()
-{
-    return test_read_file(VELMORA_SOURCE_DIR "/resources/clients.db");
 }
 
 struct ClientDb : ::testing::Test {
@@ -218,9 +152,19 @@ struct ClientDb : ::testing::Test {
         upnp_ini_set(UPNP_OPT_CLIENTS, "");
     }
     static void load(const std::string& file) { ASSERT_EQ(1, upnp_client_db_load_text(file.data(), file.size())); }
+    // The list before, and one event with the list after when it changed.
+    static void list_changed(const std::string& before, const std::string& after)
+    {
+        EXPECT_EQ(after, clients_option());
+        auto seen = take_events();
+        ASSERT_EQ(before == after ? 0u : 1u, seen.size());
+        for (const auto& event : seen)
+            EXPECT_EQ(std::make_pair(int32_t(DAPI_EVENT_CLIENT_ADDED), after), event);
+    }
 };
 
-const std::string two_kinds = "ID:001\nNA:Unknown\nDB:AUTO\n"
+// An empty pattern identifies nobody: entry 009 never matches.
+const std::string two_kinds = "ID:001\nNA:Unknown\nDB:AUTO\nID:009\nNA:Empty\nHH:\n"
                               "ID:005\nNA:Renderer\nHH:FooPlayer/\nDD:Foo Renderer 9000\nXM:DLNA15\n"
                               "ID:006\nNA:Other\nHH:BarClient\nDD:Bar Box\n"
                               "ID:002\nNA:Any DLNA\nHH:DLNADOC/1.50\nDB:AUTO\nXM:DLNA15\n";
@@ -229,22 +173,11 @@ const std::string two_kinds = "ID:001\nNA:Unknown\nDB:AUTO\n"
 
 // ---- Flags and fields ----------------------------------------------------
 
-TEST_F(ClientDb, FlagOfTheNextEntryDoesNotLeakIntoTheOneBefore)
-{
-    load("ID:001\nNA:One\nXM:DLNA15\nID:002\nNA:Two\nHP:chunked\n");
-    EXPECT_EQ(0, upnp_client_has_flag(1, "HP:chunked"));
-    EXPECT_EQ(1, upnp_client_has_flag(2, "HP:chunked"));
-    EXPECT_EQ(1, upnp_client_has_flag(1, "XM:DLNA15"));
-    EXPECT_EQ(0, upnp_client_has_flag(2, "XM:DLNA15"));
-    EXPECT_EQ(0, upnp_client_has_flag(3, "HP:chunked"));
-    EXPECT_EQ(0, upnp_client_has_flag(1, "XM:UNKNOWN"));
-    EXPECT_EQ(0, upnp_client_has_flag(1, nullptr));
-}
-
 TEST_F(ClientDb, AnswersEqualThePlainSubstringRules)
 {
     const std::string texts[] = {
         two_kinds,
+        "ID:001\nNA:One\nXM:DLNA15\nID:002\nNA:Two\nHP:chunked\n",   // a flag of the next entry does not leak back
         "ID:0015\nXM:A\nID:001\nXM:B\n",                 // "ID:001" first occurs inside "ID:0015"
         "ID:005\nXM:XID:006\nHP:1\nID:006\nXM:B\n",      // a flag running into the next "ID:"
         "ID:007\n# needs XM:WAN\nID:008\nPX:640\nPY:480junk\nTX:-12\n",
@@ -253,7 +186,8 @@ TEST_F(ClientDb, AnswersEqualThePlainSubstringRules)
         std::string("ID:001\nXM:A") + '\0' + "XM:B\nID:002\n",   // a NUL ends the text
     };
     const int numbers[] = {-1, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 15, 999, 1000};
-    const char* const flags[] = {"XM:A", "XM:B", "XM:C", "XM:WAN", "XM:XID:0", "ID:", "ID:006", "", "HP:1", "PX:"};
+    const char* const flags[] = {"XM:A", "XM:B", "XM:C", "XM:WAN", "XM:XID:0", "ID:", "ID:006", "",
+                                 "HP:1", "PX:", "XM:DLNA15", "HP:chunked", "XM:UNKNOWN"};
     const char* const keys[] = {"PX:", "PY:", "TX:", "ID:", "XM:", "NA:", "HH:", "DD:", "HP:"};
     for (const std::string& text : texts) {
         SCOPED_TRACE(text);
@@ -272,42 +206,32 @@ TEST_F(ClientDb, AnswersEqualThePlainSubstringRules)
                 EXPECT_EQ(ref.field(i, k), field_of(i, k)) << i << " " << k;
         }
     }
+    EXPECT_EQ(0, upnp_client_has_flag(1, nullptr));
 }
 
 TEST_F(ClientDb, DlnaLevelTakesTheFirstLevelFlagOfTheEntry)
 {
     load("ID:001\nXM:DLNA15\nXM:DLNA10\nID:002\nXM:DLNA10\nID:003\nXM:DLNANO\nID:004\nXM:DLNA20\n"
          "ID:005\nNA:none\nID:006\nXM:DLNA");
-    EXPECT_EQ(15, upnp_client_dlna_level(1));
-    EXPECT_EQ(10, upnp_client_dlna_level(2));
-    EXPECT_EQ(-1, upnp_client_dlna_level(3));
-    EXPECT_EQ(0, upnp_client_dlna_level(4));
-    EXPECT_EQ(0, upnp_client_dlna_level(5));
-    EXPECT_EQ(0, upnp_client_dlna_level(6));
+    const int32_t levels[] = {0, 15, 10, -1, 0, 0, 0};
+    for (int n = 1; n < 7; n++)
+        EXPECT_EQ(levels[n], upnp_client_dlna_level(n)) << n;
     EXPECT_EQ(0, upnp_client_dlna_level(42));
 }
 
 TEST_F(ClientDb, EntryFieldCopiesUpToAControlByteWithinItsBuffer)
 {
-    load("ID:001\nNA:A rather long name\nHH:Agent\tx\nID:002\nNA:Two\n");
+    load("# notes\nID:001\nNA:A rather long name\nHH:Agent\tx\nID:002\nNA:Two\nNAME:x\n");
     EXPECT_EQ("A rather long name", field_of(0, "NA:"));
     EXPECT_EQ("A rat", field_of(0, "NA:", 6));
     EXPECT_EQ("Agent", field_of(0, "HH:"));
     EXPECT_EQ("<none>", field_of(1, "HH:"));       // entry 0's HH: stands before entry 1
     EXPECT_EQ("<none>", field_of(0, "NA:", 0));
     EXPECT_EQ("", field_of(0, "NA:", 1));
-    EXPECT_EQ("<none>", field_of(2, "NA:"));
-    EXPECT_EQ(2, upnp_client_entry_id(1));
-    EXPECT_EQ(-1, upnp_client_entry_id(2));
+    EXPECT_EQ("001,A rather long name,002,Two", names());
 }
 
-TEST_F(ClientDb, NamesListsEveryIdAndNameInFileOrder)
-{
-    load("# notes\nID:001\nNA:Default\nXM:A\nID:002\nNA:Two\nNAME:x\n");
-    EXPECT_EQ("001,Default,002,Two", names());
-}
-
-TEST_F(ClientDb, WithoutADatabaseEveryAnswerIsEmpty)
+TEST_F(ClientDb, WithoutADatabaseEveryAnswerIsEmptyButTheListStillAnswers)
 {
     upnp_client_db_free();
     EXPECT_EQ(0, upnp_client_has_flag(1, "DB:AUTO"));
@@ -319,7 +243,7 @@ TEST_F(ClientDb, WithoutADatabaseEveryAnswerIsEmpty)
     EXPECT_EQ("<null>", names());
     EXPECT_EQ(0, upnp_client_db_load_text("", 0));
     upnp_ini_set(UPNP_OPT_CLIENTS, "10.0.0.9|005|1");
-    EXPECT_EQ(5, upnp_client_lookup("10.0.0.9", nullptr));   // the list still answers
+    EXPECT_EQ(5, upnp_client_lookup("10.0.0.9", nullptr));
     EXPECT_EQ(1, upnp_client_lookup("10.0.0.10", "GET / HTTP/1.1\r\nUser-Agent: x\r\n\r\n"));
 }
 
@@ -342,109 +266,74 @@ TEST_F(ClientDb, LoadsClientsDbFromTheResources)
 
 // ---- The client list -------------------------------------------------------
 
-TEST_F(ClientDb, LookupAnswersFromTheListFirst)
+struct lookup_case { const char* list; const char* ip; const char* head; int32_t number; const char* after; };
+
+TEST_F(ClientDb, LookupAnswersFromTheListElseEntersTheMatchingEntry)
 {
     load(two_kinds);
-    upnp_ini_set(UPNP_OPT_CLIENTS, "10.0.0.5|006|1");
-    EXPECT_EQ(6, upnp_client_lookup("10.0.0.5", "GET / HTTP/1.1\r\nUser-Agent: FooPlayer/2\r\n\r\n"));
-    EXPECT_EQ(6, upnp_client_lookup("10.0.0.5", nullptr));
-    EXPECT_TRUE(take_events().empty());
-}
-
-TEST_F(ClientDb, LookupByHeadEntersTheClientAndTellsTheHost)
-{
-    load(two_kinds);
-    EXPECT_EQ(5, upnp_client_lookup("10.0.0.7", "GET / HTTP/1.1\r\nUSER-AGENT: Linux FooPlayer/2.1\r\n\r\n"));
-    EXPECT_EQ("10.0.0.7|005|1", clients_option());
-    EXPECT_EQ(2, upnp_client_lookup("10.0.0.8", "M-SEARCH * HTTP/1.1\r\nUser-Agent: UPnP/1.0 DLNADOC/1.50\r\n\r\n"));
-    EXPECT_EQ("10.0.0.7|005|1,10.0.0.8|002|1", clients_option());
-    auto seen = take_events();
-    ASSERT_EQ(2u, seen.size());
-    EXPECT_EQ(std::make_pair(int32_t(DAPI_EVENT_CLIENT_ADDED), std::string("10.0.0.7|005|1")), seen[0]);
-    EXPECT_EQ("10.0.0.7|005|1,10.0.0.8|002|1", seen[1].second);
-}
-
-TEST_F(ClientDb, HeadPatternsMatchExactlyInCase)
-{
-    load(two_kinds);
-    EXPECT_EQ(1, upnp_client_lookup("10.0.0.11", "GET / HTTP/1.1\r\nUser-Agent: fooplayer/2\r\n\r\n"));
-    EXPECT_EQ("10.0.0.11|001|1", clients_option());
-}
-
-TEST_F(ClientDb, HeadWithoutUserGivesZeroAndEntersNothing)
-{
-    load(two_kinds);
-    EXPECT_EQ(0, upnp_client_lookup("10.0.0.12", "GET / HTTP/1.1\r\nServer: FooPlayer/2\r\n\r\n"));
-    EXPECT_EQ(0, upnp_client_lookup("10.0.0.12", nullptr));
-    EXPECT_EQ("", clients_option());
-    EXPECT_TRUE(take_events().empty());
-}
-
-TEST_F(ClientDb, EmptyPatternIdentifiesNobody)
-{
-    load("ID:001\nDB:AUTO\nID:009\nHH:\nID:010\nHH:Real\n");
-    EXPECT_EQ(10, upnp_client_lookup("10.0.0.13", "GET / HTTP/1.1\r\nUser-Agent: Real\r\n\r\n"));
-    EXPECT_EQ(1, upnp_client_lookup("10.0.0.14", "GET / HTTP/1.1\r\nUser-Agent: x\r\n\r\n"));
-}
-
-TEST_F(ClientDb, AnAddressIsFoundInsideALongerOne)
-{
-    upnp_ini_set(UPNP_OPT_CLIENTS, "11.2.3.4|005|0");
-    EXPECT_EQ(5, upnp_client_get_id("1.2.3.4"));
-    EXPECT_EQ(0, upnp_client_allowed("1.2.3.4"));
+    const lookup_case cases[] = {
+        {"10.0.0.5|006|1", "10.0.0.5", "GET / HTTP/1.1\r\nUser-Agent: FooPlayer/2\r\n\r\n", 6, "10.0.0.5|006|1"},
+        {"10.0.0.5|006|1", "10.0.0.5", nullptr, 6, "10.0.0.5|006|1"},
+        // An address is found inside a longer one.
+        {"11.2.3.4|005|0", "1.2.3.4", nullptr, 5, "11.2.3.4|005|0"},
+        {"", "10.0.0.7", "GET / HTTP/1.1\r\nUSER-AGENT: Linux FooPlayer/2.1\r\n\r\n", 5, "10.0.0.7|005|1"},
+        {"10.0.0.7|005|1", "10.0.0.8", "M-SEARCH * HTTP/1.1\r\nUser-Agent: UPnP/1.0 DLNADOC/1.50\r\n\r\n", 2,
+         "10.0.0.7|005|1,10.0.0.8|002|1"},
+        {"", "10.0.0.11", "GET / HTTP/1.1\r\nUser-Agent: fooplayer/2\r\n\r\n", 1, "10.0.0.11|001|1"},   // exact case
+        {"", "10.0.0.12", "GET / HTTP/1.1\r\nServer: FooPlayer/2\r\n\r\n", 0, ""},    // no "User" in the head
+        {"", "10.0.0.12", nullptr, 0, ""},
+    };
+    for (const lookup_case& c : cases) {
+        SCOPED_TRACE(std::string(c.ip) + " " + (c.head ? c.head : "null"));
+        upnp_ini_set(UPNP_OPT_CLIENTS, c.list);
+        EXPECT_EQ(c.number, upnp_client_lookup(c.ip, c.head));
+        list_changed(c.list, c.after);
+    }
     EXPECT_EQ(0, upnp_client_get_id("2.3.4.5"));
 }
 
-TEST_F(ClientDb, SetReplacesOnlyGeneralOrAutoKinds)
+// number -1: remove the address.
+struct set_case { const char *list, *ip; int32_t number; const char* autoenable; int result; const char* after; };
+
+TEST_F(ClientDb, SetReplacesOnlyGeneralOrAutoKindsAndRemoveRebuildsTheList)
 {
     load(two_kinds);
-    EXPECT_EQ(1, upnp_client_set("10.0.0.20", 1));
-    EXPECT_EQ(1, upnp_client_set("10.0.0.20", 5));    // 001 has DB:AUTO
-    EXPECT_EQ("10.0.0.20|005|1", clients_option());
-    EXPECT_EQ(0, upnp_client_set("10.0.0.20", 6));    // 005 has not
-    EXPECT_EQ(0, upnp_client_set("10.0.0.20", 5));    // no change, no event
-    EXPECT_EQ("10.0.0.20|005|1", clients_option());
-    EXPECT_EQ(2u, take_events().size());
-}
-
-TEST_F(ClientDb, SetCarriesTheAutoEnableDigit)
-{
-    upnp_ini_set(UPNP_OPT_CLIENTAUTOENABLE, "0");
-    EXPECT_EQ(1, upnp_client_set("10.0.0.21", 7));
-    EXPECT_EQ("10.0.0.21|007|0", clients_option());
-}
-
-TEST_F(ClientDb, SetRefusesTextThatIsNoAddress)
-{
-    const char* bad[] = {nullptr, "", "1.2.3.4|999|1", "1.2.3.4,5.6.7.8", "host.example", "1.2.3.4\r\n",
-                         "1111.2222.3333.44"};
-    for (const char* ip : bad) {
-        SCOPED_TRACE(ip ? ip : "null");
-        EXPECT_EQ(0, upnp_client_set(ip, 5));
+    const set_case cases[] = {
+        {"", "10.0.0.20", 1, "1", 1, "10.0.0.20|001|1"},
+        {"10.0.0.20|001|1", "10.0.0.20", 5, "1", 1, "10.0.0.20|005|1"},     // 001 has DB:AUTO
+        {"10.0.0.20|005|1", "10.0.0.20", 6, "1", 0, "10.0.0.20|005|1"},     // 005 has not
+        {"10.0.0.20|005|1", "10.0.0.20", 5, "1", 0, "10.0.0.20|005|1"},     // no change, no event
+        {"", "10.0.0.21", 7, "0", 1, "10.0.0.21|007|0"},
+        {"", nullptr, 5, "1", 0, ""},
+        {"", "", 5, "1", 0, ""},
+        {"", "1.2.3.4|999|1", 5, "1", 0, ""},
+        {"", "1.2.3.4,5.6.7.8", 5, "1", 0, ""},
+        {"", "host.example", 5, "1", 0, ""},
+        {"", "1.2.3.4\r\n", 5, "1", 0, ""},
+        {"", "1111.2222.3333.44", 5, "1", 0, ""},
+        {"10.0.0.1|005|1,10.0.0.2|006|0,10.0.0.3|001|1", "10.0.0.3", -1, "1", 0, "10.0.0.1|005|1,10.0.0.2|006|0"},
+        {"10.0.0.1|005|1,10.0.0.2|006|0", "10.0.0.1", -1, "1", 0, "10.0.0.2|006|0"},
+        {"10.0.0.2|006|0", "10.0.0.9", -1, "1", 0, "10.0.0.2|006|0"},
+        {"10.0.0.2|006|0", "10.0.0.2", -1, "1", 0, ""},
+    };
+    for (const set_case& c : cases) {
+        SCOPED_TRACE(std::string(c.ip ? c.ip : "null") + " " + std::to_string(c.number));
+        upnp_ini_set(UPNP_OPT_CLIENTS, c.list);
+        upnp_ini_set(UPNP_OPT_CLIENTAUTOENABLE, c.autoenable);
+        if (c.number < 0)
+            upnp_client_remove(c.ip);
+        else
+            EXPECT_EQ(c.result, upnp_client_set(c.ip, c.number));
+        EXPECT_EQ(c.after, clients_option());
+        EXPECT_EQ(c.result ? 1u : 0u, take_events().size());
     }
-    EXPECT_EQ("", clients_option());
-}
-
-TEST_F(ClientDb, RemoveRebuildsTheListWithoutTheAddress)
-{
-    upnp_ini_set(UPNP_OPT_CLIENTS, "10.0.0.1|005|1,10.0.0.2|006|0,10.0.0.3|001|1");
-    upnp_client_remove("10.0.0.3");
-    EXPECT_EQ("10.0.0.1|005|1,10.0.0.2|006|0", clients_option());
-    upnp_client_remove("10.0.0.1");
-    EXPECT_EQ("10.0.0.2|006|0", clients_option());
-    upnp_client_remove("10.0.0.9");
-    EXPECT_EQ("10.0.0.2|006|0", clients_option());
-    upnp_client_remove("10.0.0.2");
-    EXPECT_EQ("", clients_option());
 }
 
 TEST_F(ClientDb, TheListStaysWithin1024BytesOfWholeItems)
 {
     int entered = 0;
-    for (int i = 0; i < 100; i++) {
-        std::string ip = "10.0." + std::to_string(i / 250) + "." + std::to_string(i % 250 + 1);
-        entered += upnp_client_set(ip.c_str(), 1);
-    }
+    for (int i = 0; i < 100; i++)
+        entered += upnp_client_set(("10.0." + std::to_string(i / 250) + "." + std::to_string(i % 250 + 1)).c_str(), 1);
     std::string list = clients_option();
     EXPECT_LT(list.size(), 1024u);
     EXPECT_GT(entered, 30);
@@ -457,175 +346,117 @@ TEST_F(ClientDb, TheListStaysWithin1024BytesOfWholeItems)
     EXPECT_EQ(size_t(entered), take_events().size());
 }
 
+struct allowed_case { const char* ip; const char* autoenable; int allowed; };
+
 TEST_F(ClientDb, AllowedFollowsTheEnableDigitElseAutoEnable)
 {
-    upnp_ini_set(UPNP_OPT_CLIENTS, "10.0.0.1|005|1,10.0.0.2|006|0,10.0.0.3|00");
-    EXPECT_EQ(1, upnp_client_allowed("10.0.0.1"));
-    EXPECT_EQ(0, upnp_client_allowed("10.0.0.2"));
-    EXPECT_EQ(0, upnp_client_allowed("10.0.0.3"));    // a cut item reads no digit
-    EXPECT_EQ(1, upnp_client_allowed("10.0.0.4"));
-    upnp_ini_set(UPNP_OPT_CLIENTAUTOENABLE, "0");
-    EXPECT_EQ(0, upnp_client_allowed("10.0.0.4"));
-    EXPECT_EQ(1, upnp_client_allowed("10.0.0.1"));
+    upnp_ini_set(UPNP_OPT_CLIENTS, "10.0.0.1|005|1,10.0.0.2|006|0,11.2.3.4|005|0,10.0.0.3|00");
+    const allowed_case cases[] = {
+        {"10.0.0.1", "1", 1}, {"10.0.0.2", "1", 0}, {"10.0.0.3", "1", 0} /* a cut item reads no digit */,
+        {"1.2.3.4", "1", 0} /* inside 11.2.3.4 */, {"10.0.0.4", "1", 1}, {"10.0.0.4", "0", 0}, {"10.0.0.1", "0", 1},
+    };
+    for (const allowed_case& c : cases) {
+        SCOPED_TRACE(std::string(c.ip) + " " + c.autoenable);
+        upnp_ini_set(UPNP_OPT_CLIENTAUTOENABLE, c.autoenable);
+        EXPECT_EQ(c.allowed, upnp_client_allowed(c.ip));
+    }
 }
 
 // ---- Detection from a device description ---------------------------------
 
-TEST_F(ClientDb, DetectsARendererFromItsServedDescription)
-{
-    load(two_kinds);
-    description_peer peer("<root><device><modelName>Foo Renderer 9000</modelName></device></root>");
-    ASSERT_GT(peer.port, 0);
-    upnp_ini_set(UPNP_OPT_CLIENTS, "127.0.0.1|001|1");   // the general kind is upgraded
-    ASSERT_EQ(1, upnp_client_check(announcement(peer.url()).c_str(), "127.0.0.1"));
-    EXPECT_TRUE(eventually([] { return upnp_client_get_id("127.0.0.1") == 5; }));
-    EXPECT_EQ(1, peer.accepted.load());
-    auto seen = take_events();
-    ASSERT_EQ(1u, seen.size());
-    EXPECT_EQ("127.0.0.1|005|1", seen[0].second);
-}
+struct check_case {
+    const char *why, *list;
+    std::string text;
+    const char* source;
+    int started, fetches;
+    const char* after;
+};
 
-TEST_F(ClientDb, DetectionLeavesAKnownParticularClientAlone)
+TEST_F(ClientDb, DetectionFetchesOnlyFromTheAnnouncingAddressAndUpgradesOnlyTheGeneralKind)
 {
     load(two_kinds);
-    description_peer peer("<modelName>Foo Renderer 9000</modelName>");
-    ASSERT_GT(peer.port, 0);
-    upnp_ini_set(UPNP_OPT_CLIENTS, "127.0.0.1|006|1");
-    ASSERT_EQ(1, upnp_client_check(peer.url().c_str(), "127.0.0.1"));
-    ASSERT_TRUE(upnp_thread_wait_idle(5000));
-    EXPECT_EQ(0, peer.accepted.load());
-    EXPECT_EQ(6, upnp_client_get_id("127.0.0.1"));
-}
-
-TEST_F(ClientDb, DetectionFetchesOnlyFromTheAnnouncingAddress)
-{
-    load(two_kinds);
-    description_peer peer("<modelName>Foo Renderer 9000</modelName>");
+    std::string closed;
+    {
+        test_peer gone("x");
+        closed = gone.url("/d.xml");
+    }
+    test_peer peer(description("<root><device><modelName>Foo Renderer 9000</modelName></device></root>"));
     ASSERT_GT(peer.port, 0);
     std::string port = std::to_string(peer.port);
-    const std::string urls[] = {
-        peer.url(),                                               // announced by another machine
-        "http://127.0.0.2@127.0.0.1:" + port + "/d.xml",          // a user part hides the real host
-        "http://127.0.0.2:" + port + "@127.0.0.1:" + port + "/d.xml",
-        "http://localhost:" + port + "/d.xml",                    // names are never looked up
+    const check_case cases[] = {
+        {"the general kind is upgraded", "127.0.0.1|001|1", announcement(peer.url()), "127.0.0.1", 1, 1,
+         "127.0.0.1|005|1"},
+        {"a particular client is left alone", "127.0.0.1|006|1", peer.url(), "127.0.0.1", 1, 0, "127.0.0.1|006|1"},
+        {"announced by another machine", "", peer.url(), "127.0.0.2", 1, 0, ""},
+        {"a user part hides the real host", "", "http://127.0.0.2@127.0.0.1:" + port + "/d.xml", "127.0.0.2", 1, 0, ""},
+        // Fetching from the source, but entering the address the user part names.
+        {"a user part with a port", "", "http://127.0.0.2:" + port + "@127.0.0.1:" + port + "/d.xml", "127.0.0.1", 1,
+         0, ""},
+        {"names are never looked up", "", "http://localhost:" + port + "/d.xml", "127.0.0.2", 1, 0, ""},
+        {"source is no address", "", peer.url(), "not-an-address", 0, 0, ""},
+        {"no text", "", "", "127.0.0.1", 0, 0, ""},
+        {"nothing to fetch", "127.0.0.1|001|1", closed, "127.0.0.1", 1, 0, "127.0.0.1|001|1"},
     };
-    for (const std::string& url : urls) {
-        SCOPED_TRACE(url);
-        ASSERT_EQ(1, upnp_client_check(url.c_str(), "127.0.0.2"));
+    for (const check_case& c : cases) {
+        SCOPED_TRACE(c.why);
+        upnp_ini_set(UPNP_OPT_CLIENTS, c.list);
+        int before = peer.accepted.load();
+        EXPECT_EQ(c.started, upnp_client_check(c.text.empty() ? nullptr : c.text.c_str(), c.source));
         ASSERT_TRUE(upnp_thread_wait_idle(5000));
+        EXPECT_EQ(c.fetches, peer.accepted.load() - before);
+        list_changed(c.list, c.after);
     }
-    EXPECT_EQ(0, upnp_client_check(peer.url().c_str(), "not-an-address"));
-    EXPECT_EQ(0, upnp_client_check(nullptr, "127.0.0.1"));
-    EXPECT_EQ(0, peer.accepted.load());
-    EXPECT_EQ("", clients_option());
 }
 
-TEST_F(ClientDb, OneCheckPerAddressRunsAtATime)
+TEST_F(ClientDb, OneCheckPerAddressRunsAtATimeAndAtMostSixteenInAll)
 {
     load(two_kinds);
-    {
-        description_peer silent("");
-        ASSERT_GT(silent.port, 0);
-        ASSERT_EQ(1, upnp_client_check(silent.url().c_str(), "127.0.0.1"));
-        ASSERT_TRUE(eventually([&] { return silent.accepted.load() == 1; }));
-        EXPECT_EQ(0, upnp_client_check(silent.url().c_str(), "127.0.0.1"));   // the burst's next NOTIFY
-    }
-    ASSERT_TRUE(upnp_thread_wait_idle(5000));
-    description_peer peer("<modelName>Foo Renderer 9000</modelName>");
-    ASSERT_EQ(1, upnp_client_check(peer.url().c_str(), "127.0.0.1"));
-    EXPECT_TRUE(eventually([] { return upnp_client_get_id("127.0.0.1") == 5; }));
-}
-
-TEST_F(ClientDb, ChecksRunningAtOnceAreCapped)
-{
-    load(two_kinds);
-    std::vector<std::unique_ptr<description_peer>> peers;
+    std::vector<std::unique_ptr<test_peer>> silent;
     int started = 0;
     for (int i = 0; i < 17; i++) {
-        peers.push_back(std::make_unique<description_peer>("", "127.0.0." + std::to_string(10 + i)));
-        ASSERT_GT(peers.back()->port, 0);
-        started += upnp_client_check(peers.back()->url().c_str(), peers.back()->ip.c_str());
-        if (i < 16) {
-            ASSERT_TRUE(eventually([&] { return peers.back()->accepted.load() == 1; }));
-        }
+        silent.push_back(std::make_unique<test_peer>("", "127.0.0." + std::to_string(10 + i)));
+        ASSERT_GT(silent.back()->port, 0);
+        started += upnp_client_check(silent.back()->url().c_str(), silent.back()->ip.c_str());
+        ASSERT_TRUE(i == 16 || eventually([&] { return silent.back()->accepted.load() == 1; }));
+        EXPECT_TRUE(i > 0 || !upnp_client_check(silent[0]->url().c_str(), "127.0.0.10"));   // the burst's next NOTIFY
     }
     EXPECT_EQ(16, started);
-    EXPECT_EQ(0, peers.back()->accepted.load());
-    peers.clear();
+    EXPECT_EQ(0, silent.back()->accepted.load());
+    silent.clear();
     ASSERT_TRUE(upnp_thread_wait_idle(5000));
-    description_peer again("<modelName>Bar Box</modelName>", "127.0.0.26");
-    ASSERT_EQ(1, upnp_client_check(again.url().c_str(), "127.0.0.26"));
-    EXPECT_TRUE(eventually([] { return upnp_client_get_id("127.0.0.26") == 6; }));
-}
-
-TEST_F(ClientDb, DescriptionThatCannotBeFetchedChangesNothing)
-{
-    load(two_kinds);
-    int port;
-    {
-        description_peer gone("x");
-        port = gone.port;
-    }
-    upnp_ini_set(UPNP_OPT_CLIENTS, "127.0.0.1|001|1");
-    std::string url = "http://127.0.0.1:" + std::to_string(port) + "/d.xml";
-    ASSERT_EQ(1, upnp_client_check(url.c_str(), "127.0.0.1"));
-    ASSERT_TRUE(upnp_thread_wait_idle(5000));
-    EXPECT_EQ("127.0.0.1|001|1", clients_option());
+    test_peer again(description("<modelName>Bar Box</modelName>"), "127.0.0.10");
+    ASSERT_EQ(1, upnp_client_check(again.url().c_str(), "127.0.0.10"));
+    EXPECT_TRUE(eventually([] { return upnp_client_get_id("127.0.0.10") == 6; }));
 }
 
 // ---- The shipped clients.db ------------------------------------------------
 
 namespace {
 
-std::string strip_notes(const std::string& file)
+std::string shipped_db()
 {
-    std::stringstream in(file);
-    std::string out;
-    for (std::string line; std::getline(in, line);)
-        if (line.empty() || line[0] != '#')
-            out += line + "\n";
-    return out;
-}
-
-// Everything a reader can learn from the loaded database.
-std::string answers()
-{
-    std::string out = names() + "\n";
-    for (int i = 0; upnp_client_entry(i); i++) {
-        int n = upnp_client_entry_id(i);
-        out += std::to_string(n) + " " + field_of(i, "NA:") + "|" + field_of(i, "HH:", 200) + "|" +
-               field_of(i, "DD:", 200) + "|" + std::to_string(upnp_client_dlna_level(n));
-        for (const char* flag : all_flags)
-            out += upnp_client_has_flag(n, flag) ? std::string(" ") + flag : "";
-        for (const char* key : {"PX:", "PY:", "TX:", "TY:"})
-            out += " " + std::to_string(upnp_client_get_number(n, key));
-        out += "\n";
-    }
-    return out;
+    return test_read_file(VELMORA_SOURCE_DIR "/resources/clients.db");
 }
 
 }  // namespace
 
-TEST_F(ClientDb, ShippedNotesAreHarmless)
+// Every flag, key and entry start holds a colon and none spans a line, so
+// a note line without one cannot change any answer.
+TEST_F(ClientDb, ShippedNotesHoldNoColon)
 {
-    std::string file = shipped_db();
-    ASSERT_FALSE(file.empty());
-    std::stringstream in(file);
+    std::stringstream in(shipped_db());
+    int notes = 0;
     for (std::string line; std::getline(in, line);) {
-        if (!line.empty() && line[0] == '#') {
-            EXPECT_EQ(std::string::npos, line.find(':')) << line;
-        }
+        bool note = !line.empty() && line[0] == '#';
+        notes += note;
+        EXPECT_TRUE(!note || line.find(':') == std::string::npos) << line;
     }
-    load(file);
-    std::string with_notes = answers();
-    load(strip_notes(file));
-    EXPECT_EQ(with_notes, answers());
+    EXPECT_GE(notes, 30);
 }
 
 TEST_F(ClientDb, ShippedEntriesParseWithUniqueNumbers)
 {
-    std::string file = shipped_db();
-    load(file);
+    load(shipped_db());
     std::vector<int> seen;
     int i = 0;
     for (; upnp_client_entry(i); i++) {
@@ -656,11 +487,7 @@ TEST_F(ClientDb, ShippedEntriesParseWithUniqueNumbers)
     EXPECT_EQ(1, upnp_client_wants_m3u(1));
 }
 
-struct head_case {
-    const char* device;
-    const char* head;
-    int number;
-};
+struct head_case { const char* device; const char* head; int number; };
 
 static const head_case shipped_heads[] = {
     {"Samsung TV", "User-Agent: DLNADOC/1.50 SEC_HHP_[TV] UA55JS7200/1.0 UPnP/1.0", 10},
@@ -740,7 +567,7 @@ TEST_F(ClientDb, ShippedEntriesDetectEachRendererFromItsDescription)
     load(shipped_db());
     for (const head_case& c : shipped_descriptions) {
         SCOPED_TRACE(c.device);
-        description_peer peer(std::string("<?xml version=\"1.0\"?><root><device>") + c.head + "</device></root>");
+        test_peer peer(description(std::string("<?xml version=\"1.0\"?><root><device>") + c.head + "</device></root>"));
         ASSERT_GT(peer.port, 0);
         upnp_ini_set(UPNP_OPT_CLIENTS, "127.0.0.1|002|1");
         ASSERT_EQ(1, upnp_client_check(announcement(peer.url()).c_str(), "127.0.0.1"));

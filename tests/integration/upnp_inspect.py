@@ -1,0 +1,169 @@
+#!/usr/bin/python3
+# Looks at a media server the way a GUPnP control point does: discovers it
+# by SSDP on one interface, builds the device from its description, fetches
+# its icons and introspects every service it lists. The registrar, which
+# the description does not list, is introspected through a small carrier
+# description that names its document beside the server's, resolved
+# against the address the server was found at. Prints one line per fact:
+#   ready <monotonic seconds>
+#   device <udn> <location>
+#   name <friendly name>
+#   model <manufacturer> | <model name> | <model number>
+#   icon <mime> <width>x<height> <bytes>
+#   service <service type> <document url>
+#   action <service type> <action> <argument>:<in|out>:<state variable> ...
+#   variable <service type> <name> <type> <events yes|no> <allowed,values>
+#   unrelated <service type> <action> <argument> <state variable>
+#   done
+# and ends with status 0 once everything was seen, 1 on a failure or when
+# the time is up. Needs Debian's python3-gi and gir1.2-gupnp-1.6.
+import argparse
+import os
+import sys
+import tempfile
+import time
+import urllib.parse
+
+import gi
+
+gi.require_version("GSSDP", "1.6")
+gi.require_version("GUPnP", "1.6")
+from gi.repository import Gio, GLib, GSSDP, GUPnP  # noqa: E402
+
+MEDIA_SERVER = "urn:schemas-upnp-org:device:MediaServer:1"
+REGISTRAR = "urn:microsoft.com:service:X_MS_MediaReceiverRegistrar:1"
+ICONS = [(mime, size) for mime in ("image/jpeg", "image/png") for size in (120, 80, 48)]
+
+CARRIER = """<?xml version="1.0"?>
+<root xmlns="urn:schemas-upnp-org:device-1-0">
+<specVersion><major>1</major><minor>0</minor></specVersion>
+<device><deviceType>urn:schemas-upnp-org:device:Basic:1</deviceType>
+<UDN>uuid:00000000-0000-4000-8000-000000000001</UDN><friendlyName>carrier</friendlyName>
+<manufacturer>test</manufacturer><modelName>test</modelName>
+<serviceList><service><serviceType>%s</serviceType>
+<serviceId>urn:microsoft.com:serviceId:X_MS_MediaReceiverRegistrar</serviceId>
+<SCPDURL>%s</SCPDURL><eventSubURL>/event</eventSubURL><controlURL>%s</controlURL></service></serviceList>
+</device></root>
+"""
+
+
+def say(*words):
+    print(" ".join(str(w) for w in words), flush=True)
+
+
+class Inspector:
+    def __init__(self, context, loop, scratch):
+        self.context = context
+        self.loop = loop
+        self.scratch = scratch
+        self.pending = 0
+        self.failed = False
+        self.found = False
+        self.keep = []          # proxies and carriers stay alive while their calls run
+
+    def start(self):
+        self.pending += 1
+
+    def finish(self):
+        self.pending -= 1
+        if self.pending == 0:
+            self.loop.quit()
+
+    def device_available(self, control_point, device):
+        if self.found:
+            return
+        self.found = True
+        self.keep.append(device)
+        say("device", device.get_udn(), device.get_location())
+        say("name", device.get_friendly_name())
+        say("model", device.get_manufacturer(), "|", device.get_model_name(), "|", device.get_model_number())
+        self.start()
+        for mime, size in ICONS:
+            self.start()
+            device.get_icon_async(mime, -1, size, size, False, None, self.icon_done)
+        for service in device.list_services():
+            self.introspect(service)
+        self.introspect_registrar(device.get_location())
+        self.finish()
+
+    def icon_done(self, device, result):
+        try:
+            data, mime, _depth, width, height = device.get_icon_finish(result)
+            say("icon", mime, "%dx%d" % (width, height), data.get_size() if data else 0)
+        except GLib.Error as e:
+            say("failed icon", e.message)
+            self.failed = True
+        self.finish()
+
+    def introspect(self, service):
+        self.keep.append(service)
+        say("service", service.get_service_type(), service.get_scpd_url())
+        self.start()
+        service.introspect_async(None, self.introspected)
+
+    def introspected(self, service, result):
+        kind = service.get_service_type()
+        try:
+            info = service.introspect_finish(result)
+        except GLib.Error as e:
+            say("failed", kind, e.message)
+            self.failed = True
+            self.finish()
+            return
+        variables = {}
+        for v in info.list_state_variables():
+            variables[v.name] = v
+            allowed = ",".join(v.allowed_values or []) or "-"
+            say("variable", kind, v.name, v.type.name, "yes" if v.send_events else "no", allowed)
+        for action in info.list_actions():
+            words = []
+            for arg in action.arguments:
+                way = "in" if arg.direction == GUPnP.ServiceActionArgDirection.IN else "out"
+                words.append("%s:%s:%s" % (arg.name, way, arg.related_state_variable))
+                if arg.related_state_variable not in variables:
+                    say("unrelated", kind, action.name, arg.name, arg.related_state_variable)
+            say("action", kind, action.name, *words)
+        self.finish()
+
+    # GUPnP reaches only services that a description lists; a root device
+    # object of its own carries a description that lists the registrar.
+    def introspect_registrar(self, location):
+        document = urllib.parse.urljoin(location, "/MediaReceiverRegistrar.xml")
+        control = urllib.parse.urljoin(location, "/MediaReceiverRegistrar/Control")
+        with open(os.path.join(self.scratch, "carrier.xml"), "w") as f:
+            f.write(CARRIER % (REGISTRAR, document, control))
+        carrier = GUPnP.RootDevice.new(self.context, "carrier.xml", self.scratch)
+        self.keep.append(carrier)
+        for service in carrier.list_services():
+            self.introspect(service)
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--interface", required=True)
+    parser.add_argument("--address", help="the interface address to use, when it has several")
+    parser.add_argument("--timeout", type=float, default=15.0)
+    args = parser.parse_args()
+
+    address = Gio.InetAddress.new_from_string(args.address) if args.address else None
+    context = GUPnP.Context.new_full(args.interface, address, 0, GSSDP.UDAVersion.VERSION_1_0)
+    loop = GLib.MainLoop()
+    with tempfile.TemporaryDirectory() as scratch:
+        inspector = Inspector(context, loop, scratch)
+        control_point = GUPnP.ControlPoint.new(context, MEDIA_SERVER)
+        control_point.connect("device-proxy-available", inspector.device_available)
+        control_point.set_active(True)
+        say("ready %.6f" % time.monotonic())
+        timed_out = []
+        GLib.timeout_add(int(args.timeout * 1000), lambda: timed_out.append(1) or loop.quit())
+        loop.run()
+        if not inspector.found:
+            say("missing", MEDIA_SERVER)
+        ok = inspector.found and not inspector.failed and not timed_out
+        if ok:
+            say("done")
+        return 0 if ok else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

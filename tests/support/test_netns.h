@@ -1,0 +1,44 @@
+// test_netns.h: two network namespaces of the test's own, joined by a veth
+// pair, for tests that need multicast or a second machine. The server side
+// holds 192.0.2.1/24, the client side 192.0.2.2/24, both with a route for
+// 224.0.0.0/4; the addresses exist only inside the namespaces, so nothing
+// leaves the machine. Both namespaces go with the object. Creating them
+// needs root: made stays false where that is refused.
+#pragma once
+#include <cstdlib>
+#include <string>
+#include <unistd.h>
+
+struct test_netns_pair {
+    std::string server, client;       // namespace names, for "ip netns exec"
+    std::string server_link, client_link;
+    bool made = false;
+
+    // tag keeps the names apart from other tests' namespaces and links.
+    explicit test_netns_pair(const std::string& tag)
+        : server("velmora-" + tag + "-s-" + std::to_string(getpid())),
+          client("velmora-" + tag + "-c-" + std::to_string(getpid())), server_link("v" + tag + "s"),
+          client_link("v" + tag + "c")
+    {
+        if (run("ip netns add " + server) != 0 || run("ip netns add " + client) != 0)
+            return;
+        made = run("ip link add " + server_link + " netns " + server + " type veth peer name " + client_link +
+                   " netns " + client) == 0 &&
+               ip(server, "link set lo up") && ip(client, "link set lo up") &&
+               ip(server, "link set " + server_link + " up") && ip(client, "link set " + client_link + " up") &&
+               ip(server, "addr add 192.0.2.1/24 dev " + server_link) &&
+               ip(client, "addr add 192.0.2.2/24 dev " + client_link) &&
+               ip(server, "route add 224.0.0.0/4 dev " + server_link) &&
+               ip(client, "route add 224.0.0.0/4 dev " + client_link);
+    }
+    ~test_netns_pair()
+    {
+        run("ip netns del " + server);
+        run("ip netns del " + client);
+    }
+    test_netns_pair(const test_netns_pair&) = delete;
+    test_netns_pair& operator=(const test_netns_pair&) = delete;
+
+    static int run(const std::string& command) { return system((command + " >/dev/null 2>&1").c_str()); }
+    static bool ip(const std::string& ns, const std::string& args) { return run("ip -n " + ns + " " + args) == 0; }
+};
