@@ -26,6 +26,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 static constexpr int ARTISTS = 2000, ALBUMS = 10000, GENRES = 60;
@@ -34,7 +35,7 @@ struct bench_result {
     long items;
     double rss_per_item, account_per_item, objects_per_item, pool_per_item;
     double inserts_per_s, id_lookups_per_s, text_lookups_per_s, path_lookups_per_s;
-    double sort_s, write_s, load_s;
+    double sort_s, sort_again_s, write_s, load_s;
     long loaded;
 };
 
@@ -216,6 +217,30 @@ static void bench_lookups(long n, bench_result* r)
     }
 }
 
+// Children arrive in the order the scanner found their files, not by
+// title, so the list is shuffled (the same way every run) before each sort.
+static void bench_shuffle(std::vector<db_object*>& all, uint64_t seed)
+{
+    for (size_t i = all.size(); i > 1; i--) {
+        seed ^= seed << 13, seed ^= seed >> 7, seed ^= seed << 17;
+        std::swap(all[i - 1], all[seed % i]);
+    }
+}
+
+// The first sort pays for the first touch of its scratch memory; a server
+// sorts the same large lists again at every page of a Browse.
+static double bench_sort_once(std::vector<db_object*>& all, uint64_t seed)
+{
+    bench_shuffle(all, seed);
+    db_lock();
+    double t0 = bench_now();
+    db_sort_prepare("+dc:title", DB_OBJ_CONTAINER, nullptr);
+    db_sort_objects(all.data(), int32_t(all.size()));
+    double t = bench_now() - t0;
+    db_unlock();
+    return t;
+}
+
 static void bench_sort(bench_result* r)
 {
     std::vector<db_object*> all;
@@ -224,12 +249,8 @@ static void bench_sort(bench_result* r)
         all.resize(at + size_t(db_container_child_count(c)));
         db_container_children(c, all.data() + at, db_container_child_count(c));
     }
-    db_lock();
-    double t0 = bench_now();
-    db_sort_prepare("+dc:title", DB_OBJ_CONTAINER, nullptr);
-    db_sort_objects(all.data(), int32_t(all.size()));
-    r->sort_s = bench_now() - t0;
-    db_unlock();
+    r->sort_s = bench_sort_once(all, 88172645463325252ull);
+    r->sort_again_s = bench_sort_once(all, 2463534242ull);
 }
 
 // Writes every record into a real block file, then loads it into a new store.
@@ -314,8 +335,8 @@ static void bench_print(const bench_result& r)
            r.rss_per_item / r.account_per_item);
     printf("          inserts %9.0f/s | by id word %10.0f/s | by id text %9.0f/s | by path %9.0f/s\n",
            r.inserts_per_s, r.id_lookups_per_s, r.text_lookups_per_s, r.path_lookups_per_s);
-    printf("          sort all by title %.3f s | block file write %.3f s, load %.3f s (%ld items back)\n", r.sort_s,
-           r.write_s, r.load_s, r.loaded);
+    printf("          sort all by title %.3f s, again %.3f s | block file write %.3f s, load %.3f s (%ld items back)\n",
+           r.sort_s, r.sort_again_s, r.write_s, r.load_s, r.loaded);
 }
 
 static void bench_growth(const bench_result& a, const bench_result& b)
@@ -323,10 +344,10 @@ static void bench_growth(const bench_result& a, const bench_result& b)
     double f = double(b.items) / double(a.items);
     auto grow = [&](double rate_a, double rate_b) { return f * rate_a / rate_b; };
     printf("growth %ld -> %ld (x%.0f items), time factors: insert %.1f, id %.1f, text %.1f, path %.1f, "
-           "sort %.1f, write %.1f, load %.1f\n",
+           "sort %.1f, again %.1f, write %.1f, load %.1f\n",
            a.items, b.items, f, grow(a.inserts_per_s, b.inserts_per_s), grow(a.id_lookups_per_s, b.id_lookups_per_s) / f,
            grow(a.text_lookups_per_s, b.text_lookups_per_s) / f, grow(a.path_lookups_per_s, b.path_lookups_per_s) / f,
-           b.sort_s / a.sort_s, b.write_s / a.write_s, b.load_s / a.load_s);
+           b.sort_s / a.sort_s, b.sort_again_s / a.sort_again_s, b.write_s / a.write_s, b.load_s / a.load_s);
 }
 
 int main(int argc, char** argv)

@@ -1,6 +1,6 @@
 // db_store.cpp: the memory under the content tree. The object arena and
 // the string pool are each one reservation of address space, committed in
-// 1 MiB steps as they fill, so a 32-bit handle is an offset and a record
+// 2 MiB steps as they fill, so a 32-bit handle is an offset and a record
 // costs exactly its size. Freed object blocks go to a free list of their
 // exact size, which the next record of that size takes. Large children
 // arrays get mappings of their own that grow in place or move by page
@@ -20,7 +20,7 @@
 
 // ---- Object arena -----------------------------------------------------------
 
-static constexpr size_t ARENA_COMMIT_STEP = size_t(1) << 20;
+static constexpr size_t ARENA_COMMIT_STEP = size_t(2) << 20;  // a huge page: untouched pages cost nothing
 static constexpr size_t ARENA_SMALL_MAX = 8192;        // slot arrays reach 6006 bytes
 static constexpr size_t ARENA_FIRST = 16;              // offset 0 is the null handle
 
