@@ -19,7 +19,9 @@
 #include "config/upnp_ini.h"
 #include "control/upnp_control.h"
 #include "control/upnp_log.h"
+#include "database/db_playlist.h"
 #include "database/db_store.h"
+#include "media/upnp_albumart.h"
 #include "runtime/upnp_pages.h"
 #include "runtime/upnp_string.h"
 #include "upnp/upnp_cds.h"
@@ -28,6 +30,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <strings.h>
 #include <vector>
 
@@ -197,6 +200,75 @@ db_object* db_get_pItem_by_id(uint32_t id)
         return o && id_is_below(o, top) ? o : nullptr;
     }
     return id_search(top, id);
+}
+
+static db_object* id_follow(db_object* o)
+{
+    return o && db_type_is_ref(db_object_type_of(o)) ? db_object_target(o) : o;
+}
+
+static void id_count_play(db_object* o, const char* path)
+{
+    int32_t plays = db_object_get_int(o, DBK_PLAY_COUNT);
+    db_object_set_int(o, DBK_PLAY_COUNT, plays > 0 ? plays + 1 : 1);
+    db_object_set_int(o, DBK_LAST_PLAYED, int32_t(time(nullptr)));
+    db_last_played_update(o);
+    db_most_played_update(o);
+    db_record_rewrite(o, path);
+}
+
+char* db_get_res_by_id(const char* text, const HTTP_request* request, int32_t* duration)
+{
+    db_lock_guard hold;
+    db_object* o = id_follow(db_get_item_by_id(text, request));
+    if (!o || !db_type_is_item(db_object_type_of(o)))
+        return nullptr;
+    int32_t type;
+    char* path = db_record_read_path(db_id_to_block(o->id), &type);
+    if (duration) {
+        int32_t seconds = db_object_get_int(o, DBK_DURATION);
+        const char* extension = db_object_get_str(o, DBK_EXTENSION);
+        *duration = extension && !strcasecmp(extension, "spts") ? -1 : seconds < 0 ? 0 : seconds;
+    }
+    if (path && db_object_type_of(o) == DB_OBJ_AUDIO)
+        id_count_play(o, path);
+    return path;
+}
+
+// A folder's cover is that of its first track with one; a folder that does
+// not hold tracks has none.
+static db_object* id_art_holder(db_object* o)
+{
+    if (!o || !db_type_is_container(db_object_type_of(o)))
+        return id_follow(o);
+    db_object* first = db_container_child(o, 0);
+    if (!first || db_type_is_container(db_object_type_of(first)))
+        return o;
+    for (int32_t i = 0; i < db_container_child_count(o); i++) {
+        db_object* child = db_container_child(o, i);
+        if (db_object_get_int(child, DBK_ART_OFFSET) > 0)
+            return id_follow(child);
+    }
+    return o;
+}
+
+char* db_get_album_art(const char* text, const HTTP_request* request, int64_t* offset, int64_t* length)
+{
+    *offset = *length = -1;
+    char* path = nullptr;
+    {
+        db_lock_guard hold;
+        db_object* o = id_art_holder(db_get_item_by_id(text, request));
+        if (!o || !db_type_is_item(db_object_type_of(o)))
+            return nullptr;
+        int32_t type;
+        path = db_record_read_path(db_id_to_block(o->id), &type);
+        *offset = db_object_get_int(o, DBK_ART_OFFSET);
+        *length = db_object_get_int(o, DBK_ART_SIZE);
+    }
+    // The folder is asked outside the lock: a slow disk stalls no Browse.
+    upnp_albumart_resolve(&path, offset, length);
+    return path;
 }
 
 int32_t db_get_dlna_managed(const char* text)

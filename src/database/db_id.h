@@ -29,6 +29,16 @@ db_object* db_get_item_by_id(const char* text, const HTTP_request* request);
 // By id word: searched below the "All" container of the word's type, else
 // below the root. Null when absent.
 db_object* db_get_pItem_by_id(uint32_t id);
+// What a stream needs: the file of the item with that id text (a reference
+// stands for its target) as a new copy the caller frees, null for anything
+// but a media item; *duration in seconds, -1 for a transport stream of
+// unknown end. Streaming a track counts as a play: the count and time are
+// raised, the played lists follow and the record is rewritten.
+char* db_get_res_by_id(const char* text, const HTTP_request* request, int32_t* duration);
+// The cover of the object with that id text: the file holding it (a new
+// copy, or null), the offset and the length. A folder stands for its first
+// track that has a cover. A negative offset or length means none.
+char* db_get_album_art(const char* text, const HTTP_request* request, int64_t* offset, int64_t* length);
 // DBK_DLNA_MANAGED of the object with that id text, -1 if none.
 int32_t db_get_dlna_managed(const char* text);
 // Empties DBK_MIME_OVERRIDE of the object with that id text.

@@ -14,6 +14,7 @@
 
 #include "config/upnp_ini.h"
 #include "control/upnp_log.h"
+#include "database/db_playlist.h"
 #include "database/db_store.h"
 #include "runtime/upnp_string.h"
 #include "upnp/upnp_cds.h"
@@ -196,6 +197,7 @@ void db_create()
     db_sort_reset();
     db_most_played_min = -1;
     db_last_played_min = -1;
+    db_played_reset();
     upnp_log(UPNP_LOG_INFO, UPNP_LOG_DB, "creating Database\n");
 }
 
@@ -1007,8 +1009,7 @@ static bool over_memory_limit()
 // stays), and the item leaves every folder before it is attached anew.
 static void object_readd(db_object* o, const char* path)
 {
-    if (db_records_set && db_records.rewrite)
-        db_records.rewrite(db_id_to_block(o->id), o, path);
+    db_record_rewrite(o, path);
     db_object_remove_refs(db_root, o);
     db_request_container_sweep();
     db_container_remove_child(db_object_parent(o), o);
@@ -1024,7 +1025,11 @@ static db_object* object_attach(db_object* o, int32_t type, const char* path)
     db_container_add_child(all, o);
     if (db_tree_rules_fn rules = db_tree_rules.load())
         rules(o, media_root_of(type), all, path);
-    // TODO(played lists): a music item also updates the most/last played lists.
+    // A load refills the played lists from the counts kept in the records.
+    if (type == DB_OBJ_AUDIO) {
+        db_most_played_update(o);
+        db_last_played_update(o);
+    }
     return o;
 }
 
@@ -1114,6 +1119,13 @@ char* db_record_read_path(uint32_t block, int32_t* type)
     if (!db_records_set || !db_records.read_path)
         return nullptr;
     return db_records.read_path(block, type);
+}
+
+int db_record_rewrite(const db_object* o, const char* path)
+{
+    if (!db_records_set || !db_records.rewrite)
+        return 0;
+    return db_records.rewrite(db_id_to_block(o->id), o, path);
 }
 
 // ---- Memory ----------------------------------------------------------------------------------

@@ -70,5 +70,7 @@ int32_t db_record_size(const db_object* o);     // what one object counts, array
 
 // The record store's read of a block (db_object.cpp), for the path proof.
 char* db_record_read_path(uint32_t block, int32_t* type);
+// Writes the object's record again in its own blocks, through the record store.
+int db_record_rewrite(const db_object* o, const char* path);
 // Forgets the sort state's cached options, at each db_create (db_id.cpp).
 void db_sort_reset();

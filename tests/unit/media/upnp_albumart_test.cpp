@@ -1,0 +1,77 @@
+#include "database/db_object.h"
+#include "media/upnp_albumart.h"
+#include "support/test_support.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+struct resolved { std::string path; int64_t offset, size; };
+
+resolved resolve(const std::string& path, int64_t offset, int64_t size)
+{
+    char* p = strdup(path.c_str());
+    upnp_albumart_resolve(&p, &offset, &size);
+    resolved r = {p, offset, size};
+    free(p);
+    return r;
+}
+
+TEST(UpnpAlbumart, FolderPictureIsPreferredToTheSmallOne)
+{
+    test_dir dir;
+    ASSERT_TRUE(test_write_file(dir.file("Folder.jpg"), std::string(1234, 'F')));
+    ASSERT_TRUE(test_write_file(dir.file("AlbumArtSmall.jpg"), std::string(99, 'S')));
+    resolved r = resolve(dir.file("song.mp3"), 1, 1);
+    EXPECT_EQ(r.path, dir.file("Folder.jpg"));
+    EXPECT_EQ(r.offset, 0);
+    EXPECT_EQ(r.size, 1234);
+}
+
+TEST(UpnpAlbumart, OnlyTheMarkerPairIsResolved)
+{
+    test_dir dir;
+    ASSERT_TRUE(test_write_file(dir.file("AlbumArtSmall.jpg"), std::string(99, 'S')));
+    const std::string song = dir.file("song.mp3");
+    struct { const char* name; std::string path; int64_t offset, size; resolved want; } cases[] = {
+        {"marker, small picture only", song, 1, 1, {dir.file("AlbumArtSmall.jpg"), 0, 99}},
+        {"embedded cover", song, 4096, 1, {song, 4096, 1}},
+        {"no cover", song, -1, -1, {song, -1, -1}},
+        {"path without a folder", "song.mp3", 1, 1, {"song.mp3", 1, 1}},
+        {"no picture in that folder", "/nonexistent/velmora/song.mp3", 1, 1, {"/nonexistent/velmora/song.mp3", 1, 1}},
+        // Names are exact: another case is another file.
+        {"other case", dir.file("sub/song.mp3"), 1, 1, {dir.file("sub/song.mp3"), 1, 1}},
+    };
+    ASSERT_EQ(mkdir(dir.file("sub").c_str(), 0700), 0);
+    ASSERT_TRUE(test_write_file(dir.file("sub/folder.jpg"), "x"));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        resolved r = resolve(c.path, c.offset, c.size);
+        EXPECT_EQ(r.path, c.want.path);
+        EXPECT_EQ(r.offset, c.want.offset);
+        EXPECT_EQ(r.size, c.want.size);
+    }
+}
+
+TEST(UpnpAlbumart, FolderArtAddsTheMarkerPairOnlyWhenAPictureIsThere)
+{
+    test_dir dir;
+    db_meta_list* list = upnp_albumart_add_folder_art(dir.file("a.mp3").c_str(), nullptr);
+    EXPECT_EQ(list, nullptr);
+    ASSERT_TRUE(test_write_file(dir.file("Folder.jpg"), "jpeg"));
+    list = upnp_albumart_add_folder_art(dir.file("a.mp3").c_str(), nullptr);
+    ASSERT_NE(list, nullptr);
+    int pairs = 0;
+    for (db_meta_list* n = list; n; n = n->next)
+        pairs += (n->key == DBK_ART_OFFSET || n->key == DBK_ART_SIZE) && !strcmp(n->value, "1");
+    EXPECT_EQ(pairs, 2);
+    db_meta_list_free(list);
+}
+
+}  // namespace
