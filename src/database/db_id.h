@@ -31,7 +31,7 @@ db_object* db_get_item_by_id(const char* text, const HTTP_request* request);
 db_object* db_get_pItem_by_id(uint32_t id);
 // What a stream needs: the file of the item with that id text (a reference
 // stands for its target) as a new copy the caller frees, null for anything
-// but a media item; *duration in seconds, -1 for a transport stream of
+// but a media item; *duration in milliseconds, -1 for a transport stream of
 // unknown end. Streaming a track counts as a play: the count and time are
 // raised, the played lists follow and the record is rewritten.
 char* db_get_res_by_id(const char* text, const HTTP_request* request, int32_t* duration);
