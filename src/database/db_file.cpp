@@ -116,14 +116,7 @@ static size_t file_read_handle(uint64_t offset, void* out, size_t count)
 {
     if (!file_reader || upnp_file_seek(file_reader, int64_t(offset), 0) < 0)
         return 0;
-    size_t got = 0;
-    while (got < count) {
-        int64_t n = upnp_file_read(file_reader, static_cast<char*>(out) + got, count - got);
-        if (n <= 0)
-            break;
-        got += size_t(n);
-    }
-    return got;
+    return upnp_file_read_full(file_reader, out, count);
 }
 
 // Reads come through an aligned window of the file, since the load reads
@@ -170,14 +163,7 @@ static int file_write_at(uint64_t offset, const void* data, size_t count)
         file_window_valid = 0;
     if (!file_writer || upnp_file_seek(file_writer, int64_t(offset), 0) < 0)
         return 0;
-    size_t put = 0;
-    while (put < count) {
-        int64_t n = upnp_file_write(file_writer, static_cast<const char*>(data) + put, count - put);
-        if (n <= 0)
-            return 0;
-        put += size_t(n);
-    }
-    return 1;
+    return upnp_file_write_full(file_writer, data, count);
 }
 
 // ---------------------------------------------------------------- header

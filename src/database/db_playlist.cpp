@@ -55,27 +55,36 @@ static void played_add(db_object* list, db_object* item, int32_t number)
             db_object_free(ref);
 }
 
+// The two lists differ only in the threshold a full list leaves behind:
+// the lowest number in "Most Played", the value just offered in "Last
+// Played".
+static void played_update(db_object* list, int32_t* threshold, db_object* item, int32_t value,
+                          bool threshold_is_value)
+{
+    db_object* same;
+    db_object* lowest = played_lowest(list, item, &same);
+    if (same) {
+        db_object_set_int(same, DBK_TRACK, value);
+        db_container_mark_changed(list);
+        return;
+    }
+    if (db_container_child_count(list) >= played_length()) {
+        int32_t lowest_number = db_object_get_int(lowest, DBK_TRACK);
+        *threshold = threshold_is_value ? value : lowest_number;
+        if (value <= lowest_number)
+            return;
+        played_drop(list, lowest);
+    }
+    played_add(list, item, value);
+}
+
 void db_most_played_update(db_object* item)
 {
     if (!db_most_played || !item || played_length() == 0)
         return;
-    int32_t n = db_object_get_int(item, DBK_PLAY_COUNT);
-    if (n <= db_most_played_min)
-        return;
-    db_object* same;
-    db_object* lowest = played_lowest(db_most_played, item, &same);
-    if (same) {
-        db_object_set_int(same, DBK_TRACK, n);
-        db_container_mark_changed(db_most_played);
-        return;
-    }
-    if (db_container_child_count(db_most_played) >= played_length()) {
-        db_most_played_min = db_object_get_int(lowest, DBK_TRACK);
-        if (n <= db_most_played_min)
-            return;
-        played_drop(db_most_played, lowest);
-    }
-    played_add(db_most_played, item, n);
+    int32_t plays = db_object_get_int(item, DBK_PLAY_COUNT);
+    if (plays > db_most_played_min)
+        played_update(db_most_played, &db_most_played_min, item, plays, false);
 }
 
 // Ranked by seconds since the store was made, cut to the reference's 16-bit
@@ -85,20 +94,6 @@ void db_last_played_update(db_object* item)
     if (!db_last_played || !item || played_length() == 0)
         return;
     int32_t value = int32_t(db_object_get_int(item, DBK_LAST_PLAYED) - db_get_start_time());
-    if (value <= db_last_played_min && db_last_played_min != -1)
-        return;
-    db_object* same;
-    db_object* lowest = played_lowest(db_last_played, item, &same);
-    if (same) {
-        db_object_set_int(same, DBK_TRACK, value);
-        db_container_mark_changed(db_last_played);
-        return;
-    }
-    if (db_container_child_count(db_last_played) >= played_length()) {
-        db_last_played_min = value;
-        if (value <= db_object_get_int(lowest, DBK_TRACK))
-            return;
-        played_drop(db_last_played, lowest);
-    }
-    played_add(db_last_played, item, value);
+    if (value > db_last_played_min || db_last_played_min == -1)
+        played_update(db_last_played, &db_last_played_min, item, value, true);
 }

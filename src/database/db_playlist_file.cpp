@@ -12,41 +12,17 @@
 #include <cstring>
 #include <string_view>
 
-static size_t playlist_read(upnp_file* f, void* out, size_t count)
-{
-    size_t got = 0;
-    while (got < count) {
-        int64_t n = upnp_file_read(f, static_cast<char*>(out) + got, count - got);
-        if (n <= 0)
-            break;
-        got += size_t(n);
-    }
-    return got;
-}
-
-static int playlist_write(upnp_file* f, const void* data, size_t count)
-{
-    size_t put = 0;
-    while (put < count) {
-        int64_t n = upnp_file_write(f, static_cast<const char*>(data) + put, count - put);
-        if (n <= 0)
-            return 0;
-        put += size_t(n);
-    }
-    return 1;
-}
-
 static int playlist_write_u32(upnp_file* f, uint32_t v)
 {
     uint8_t b[4] = {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)};
-    return playlist_write(f, b, sizeof b);
+    return upnp_file_write_full(f, b, sizeof b);
 }
 
 // 1 with four bytes, 0 when none came, -1 when the file ended inside them.
 static int playlist_read_u32(upnp_file* f, uint32_t* v)
 {
     uint8_t b[4];
-    size_t n = playlist_read(f, b, sizeof b);
+    size_t n = upnp_file_read_full(f, b, sizeof b);
     if (n != sizeof b)
         return n == 0 ? 0 : -1;
     *v = uint32_t(b[0]) | uint32_t(b[1]) << 8 | uint32_t(b[2]) << 16 | uint32_t(b[3]) << 24;
@@ -63,7 +39,7 @@ static int playlist_read_text(upnp_file* f, char* out, int first)
         return first ? 0 : -1;
     if (n == 0 || n > DB_PLAYLIST_TEXT_MAX)
         return 0;
-    if (playlist_read(f, out, n) != n)
+    if (upnp_file_read_full(f, out, n) != n)
         return -1;
     out[n] = 0;
     return 1;
@@ -98,8 +74,8 @@ int64_t db_playlist_write_head(upnp_file* file, const char* path, const char* na
     if (!file || path_size == 0 || path_size > DB_PLAYLIST_TEXT_MAX || name_size == 0
         || name_size > DB_PLAYLIST_TEXT_MAX)
         return -1;
-    if (!playlist_write_u32(file, uint32_t(path_size)) || !playlist_write(file, path, path_size)
-        || !playlist_write_u32(file, uint32_t(name_size)) || !playlist_write(file, name, name_size)
+    if (!playlist_write_u32(file, uint32_t(path_size)) || !upnp_file_write_full(file, path, path_size)
+        || !playlist_write_u32(file, uint32_t(name_size)) || !upnp_file_write_full(file, name, name_size)
         || !playlist_write_u32(file, uint32_t(kind)))
         return -1;
     int64_t offset = file->position;

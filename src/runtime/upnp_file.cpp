@@ -244,6 +244,30 @@ int64_t upnp_file_write(upnp_file* file, const void* buffer, size_t count)
     return n;
 }
 
+size_t upnp_file_read_full(upnp_file* file, void* buffer, size_t count)
+{
+    size_t got = 0;
+    while (got < count) {
+        int64_t n = upnp_file_read(file, static_cast<char*>(buffer) + got, count - got);
+        if (n <= 0)
+            break;
+        got += size_t(n);
+    }
+    return got;
+}
+
+int upnp_file_write_full(upnp_file* file, const void* buffer, size_t count)
+{
+    size_t put = 0;
+    while (put < count) {
+        int64_t n = upnp_file_write(file, static_cast<const char*>(buffer) + put, count - put);
+        if (n <= 0)
+            return 0;
+        put += size_t(n);
+    }
+    return 1;
+}
+
 static constexpr int file_whence[] = {SEEK_SET, SEEK_CUR, SEEK_END};
 
 int64_t upnp_file_seek(upnp_file* file, int64_t offset, int origin)

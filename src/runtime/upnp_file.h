@@ -71,6 +71,10 @@ upnp_file* upnp_mediafile_open_read(const char* path);
 void upnp_file_close(upnp_file* file);
 int64_t upnp_file_read(upnp_file* file, void* buffer, size_t count);
 int64_t upnp_file_write(upnp_file* file, const void* buffer, size_t count);
+// Short reads and writes go on until count bytes have moved: the bytes
+// read (fewer only at the end or on an error), and 1 or 0 for a write.
+size_t upnp_file_read_full(upnp_file* file, void* buffer, size_t count);
+int upnp_file_write_full(upnp_file* file, const void* buffer, size_t count);
 // origin: 0 start, 1 current, 2 end. The new position, or -1.
 int64_t upnp_file_seek(upnp_file* file, int64_t offset, int origin);
 int upnp_file_eof(upnp_file* file);
