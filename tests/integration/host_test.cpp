@@ -1,6 +1,6 @@
 // The velmora-dms program as a user runs it: started with a folder, an
-// address pinned to 127.0.0.1 and a free port, stopped with SIGINT; and the
-// library's export table.
+// address pinned to 127.0.0.1 and a free port, stopped with a signal; and
+// the library's export table.
 #include "support/test_host.h"
 #include "support/test_net.h"
 #include "support/test_support.h"
@@ -15,52 +15,44 @@
 
 namespace {
 
-TEST(Host, ServesTheFolderAndStopsCleanlyOnSigint)
+std::vector<std::string> host_args(const test_dir& media, const test_dir& work, int port,
+                                   std::vector<std::string> more = {})
 {
-    test_dir media, work;
-    int port = test_free_port();
-    host_run host({media.path, "--workdir", work.path, "--ip", "127.0.0.1", "--port", std::to_string(port),
-                   "--name", "Test Shelf"});
-    std::string serving = "Serving on http://127.0.0.1:" + std::to_string(port) + "/";
-    ASSERT_TRUE(host.wait_for(serving)) << host.seen;
-    EXPECT_NE(std::string::npos, host.seen.find("\"Test Shelf\""));
-    EXPECT_TRUE(test_can_connect("127.0.0.1", port));
-    kill(host.pid, SIGINT);
-    EXPECT_EQ(0, host.wait_exit()) << host.seen;
-    EXPECT_FALSE(test_can_connect("127.0.0.1", port));
-    std::string ini = test_read_file(work.file("velmora-mediaserver.ini"));
-    EXPECT_EQ(0u, ini.find("\xFF\xFE"));    // the library wrote it back as UTF-16
+    std::vector<std::string> args = {media.path, "--workdir", work.path, "--ip", "127.0.0.1", "--port",
+                                     std::to_string(port)};
+    args.insert(args.end(), more.begin(), more.end());
+    return args;
 }
 
-TEST(Host, ASecondStartUsesTheNewOptions)
+// The second start in the same working folder takes the command line's
+// options over the ini file that the first one wrote.
+TEST(Host, ServesTheFolderStopsCleanlyOnSigintOrSigtermAndASecondStartTakesNewOptions)
 {
     test_dir media, work;
-    int first = test_free_port();
-    {
-        host_run host({media.path, "--workdir", work.path, "--ip", "127.0.0.1", "--port", std::to_string(first)});
-        ASSERT_TRUE(host.wait_for("127.0.0.1:" + std::to_string(first))) << host.seen;
-        kill(host.pid, SIGTERM);
-        EXPECT_EQ(0, host.wait_exit());
+    const struct { const char* name; int signal; } runs[] = {{"Test Shelf", SIGINT}, {"Renamed", SIGTERM}};
+    for (const auto& run : runs) {
+        SCOPED_TRACE(run.name);
+        int port = test_free_port();
+        host_run host(host_args(media, work, port, {"--name", run.name}));
+        ASSERT_TRUE(host.wait_for("Serving on http://127.0.0.1:" + std::to_string(port) + "/")) << host.seen;
+        EXPECT_NE(std::string::npos, host.seen.find("\"" + std::string(run.name) + "\"")) << host.seen;
+        EXPECT_TRUE(test_can_connect("127.0.0.1", port));
+        kill(host.pid, run.signal);
+        EXPECT_EQ(0, host.wait_exit()) << host.seen;
+        EXPECT_FALSE(test_can_connect("127.0.0.1", port));
+        EXPECT_EQ(0u, test_read_file(work.file("velmora-mediaserver.ini")).find("\xFF\xFE"));   // written back
     }
-    int second = test_free_port();
-    host_run host({media.path, "--workdir", work.path, "--ip", "127.0.0.1", "--port", std::to_string(second),
-                   "--name", "Renamed"});
-    ASSERT_TRUE(host.wait_for("127.0.0.1:" + std::to_string(second))) << host.seen;
-    EXPECT_NE(std::string::npos, host.seen.find("\"Renamed\""));
-    kill(host.pid, SIGTERM);
-    EXPECT_EQ(0, host.wait_exit());
 }
 
 TEST(Host, TwoServersOnOnePortEndUpOnTwoPortsTheSecondHigher)
 {
     test_dir media, work1, work2;
     int port = test_free_port();
-    host_run first({media.path, "--workdir", work1.path, "--ip", "127.0.0.1", "--port", std::to_string(port)});
+    host_run first(host_args(media, work1, port));
     ASSERT_TRUE(first.wait_for("127.0.0.1:" + std::to_string(port) + "/")) << first.seen;
-    host_run second({media.path, "--workdir", work2.path, "--ip", "127.0.0.1", "--port", std::to_string(port)});
+    host_run second(host_args(media, work2, port));
     ASSERT_TRUE(second.wait_for("Serving on http://127.0.0.1:")) << second.seen;
-    size_t at = second.seen.find("127.0.0.1:") + 10;
-    int second_port = std::stoi(second.seen.substr(at));
+    int second_port = std::stoi(second.seen.substr(second.seen.find("127.0.0.1:") + 10));
     EXPECT_GT(second_port, port);
     EXPECT_TRUE(test_can_connect("127.0.0.1", second_port));
     kill(first.pid, SIGTERM);
@@ -69,19 +61,17 @@ TEST(Host, TwoServersOnOnePortEndUpOnTwoPortsTheSecondHigher)
     EXPECT_EQ(0, second.wait_exit());
 }
 
-struct refusal_case { const char* why; std::vector<std::string> args; const char* message; };
-
 TEST(Host, RefusesWhatItCannotServeWithOneLine)
 {
     test_dir media;
     test_write_file(media.file("blocker"), "a file where a folder should be");
-    const refusal_case cases[] = {
+    const struct { const char* why; std::vector<std::string> args; const char* message; } cases[] = {
         {"missing folder", {"/nonexistent/velmora-media"}, "folder not found: /nonexistent/velmora-media"},
         {"work dir under a file", {media.path, "--workdir", media.file("blocker") + "/state"}, "working folder"},
         {"bad port", {media.path, "--port", "70000"}, "--port"},
         {"unknown option", {"--bogus"}, "unknown option --bogus"},
     };
-    for (const refusal_case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.why);
         host_run host(c.args);
         host.wait_for("\n");
@@ -94,22 +84,19 @@ TEST(Host, RefusesWhatItCannotServeWithOneLine)
 // The library shows the control API and nothing else of ours.
 TEST(Library, ExportsExactlyTheControlApi)
 {
-    std::string command = std::string("nm -D --defined-only ") + VELMORA_SHARED_LIBRARY;
-    FILE* nm = popen(command.c_str(), "r");
+    FILE* nm = popen((std::string("nm -D --defined-only ") + VELMORA_SHARED_LIBRARY).c_str(), "r");
     ASSERT_NE(nullptr, nm);
-    std::set<std::string> exported;
+    std::set<std::string> exported, dapi;
     char line[512];
     while (fgets(line, sizeof line, nm)) {
         std::string name = line;
         name = name.substr(name.rfind(' ') + 1);
         name.erase(name.find_last_not_of("\r\n") + 1);
         exported.insert(name);
-    }
-    pclose(nm);
-    std::set<std::string> dapi;
-    for (const std::string& name : exported)
         if (name.rfind("dapi_dms_", 0) == 0)
             dapi.insert(name);
+    }
+    pclose(nm);
     EXPECT_EQ(26u, dapi.size());
     EXPECT_EQ(dapi, exported);
 }

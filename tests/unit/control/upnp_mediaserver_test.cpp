@@ -6,9 +6,7 @@
 
 namespace {
 
-struct address_case { const char* page; int found; const char* address; };
-
-static const address_case address_cases[] = {
+const struct { const char* page; int found; const char* address; } address_cases[] = {
     {"<html><head><title>Current IP Check</title></head><body>Current IP Address: 203.0.113.7</body>",
      1, "203.0.113.7"},
     {"<HTML><TITLE>198.51.100.23</TITLE>", 1, "198.51.100.23"},
@@ -20,7 +18,7 @@ static const address_case address_cases[] = {
 
 TEST(MediaServer, ExternalAddressIsTheDigitsAndDotsBehindTheTitle)
 {
-    for (const address_case& c : address_cases) {
+    for (const auto& c : address_cases) {
         SCOPED_TRACE(c.page ? c.page : "(null)");
         char out[20] = "stale";
         EXPECT_EQ(c.found, upnp_external_address_parse(c.page, out, sizeof out));
