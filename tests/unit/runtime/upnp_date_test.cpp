@@ -54,9 +54,17 @@ TEST(UpnpDate, ConcurrentCallersAlwaysSeeWholeDatesOfThePresentSecond)
     EXPECT_EQ(0, bad.load());
 }
 
-TEST(UpnpDate, SmallBuffersAreCutAndTerminated)
+TEST(UpnpDate, YmdIsTheUtcDateAndSmallBuffersAreCutAndTerminated)
 {
-    char text[8];
+    struct ymd_case { int64_t time; const char* text; };
+    static const ymd_case cases[] = {
+        {0, "1970-01-01"}, {951782400, "2000-02-29"}, {-86400, "1969-12-31"}, {4102444799, "2099-12-31"},
+    };
+    char text[16];
+    for (const ymd_case& c : cases) {
+        upnp_date_ymd(c.time, text, sizeof text);
+        EXPECT_STREQ(c.text, text);
+    }
     memset(text, '#', sizeof text);
     upnp_http_date(text, 5);
     EXPECT_EQ(4u, strlen(text));
@@ -68,18 +76,4 @@ TEST(UpnpDate, SmallBuffersAreCutAndTerminated)
     upnp_http_date(nullptr, 10);
     upnp_http_date(text, 0);
     EXPECT_STREQ("1970", text);
-}
-
-TEST(UpnpDate, YmdIsTheUtcDate)
-{
-    struct ymd_case { int64_t time; const char* text; };
-    static const ymd_case cases[] = {
-        {0, "1970-01-01"}, {951782400, "2000-02-29"}, {-86400, "1969-12-31"}, {4102444799, "2099-12-31"},
-    };
-    for (const ymd_case& c : cases) {
-        SCOPED_TRACE(c.text);
-        char text[16];
-        upnp_date_ymd(c.time, text, sizeof text);
-        EXPECT_STREQ(c.text, text);
-    }
 }

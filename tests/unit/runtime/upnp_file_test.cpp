@@ -16,19 +16,22 @@
 #include <tuple>
 #include <unistd.h>
 
+using name_set = std::set<std::string>;
+using namespace std::string_literals;
+
 // The names the walker reports for a folder, all of it.
-static std::set<std::string> walk_names(const std::string& folder)
+static name_set walk_names(const std::string& folder)
 {
-    std::set<std::string> names;
+    name_set names;
     for (upnp_dir* d = upnp_dir_open(folder.c_str()); d; d = upnp_dir_next(d))
         names.insert(d->name);
     return names;
 }
 
 // Every name in a folder, dot names too.
-static std::set<std::string> every_name(const std::string& folder)
+static name_set every_name(const std::string& folder)
 {
-    std::set<std::string> names;
+    name_set names;
     if (DIR* d = opendir(folder.c_str())) {
         while (dirent* e = readdir(d))
             if (strcmp(e->d_name, ".") && strcmp(e->d_name, ".."))
@@ -42,6 +45,16 @@ static bool exists(const std::string& path)
 {
     struct stat st;
     return lstat(path.c_str(), &st) == 0;
+}
+
+// Makes each entry in the folder: "name/" a folder, any other a file of
+// one byte. True when all were made.
+static bool make_entries(const test_dir& dir, std::initializer_list<const char*> names)
+{
+    for (std::string name : names)
+        if (name.back() == '/' ? mkdir(dir.file(name).c_str(), 0755) != 0 : !test_write_file(dir.file(name), "x"))
+            return false;
+    return true;
 }
 
 // Sets access and modification time; false when the file system kept
@@ -60,70 +73,45 @@ TEST(FileStat, GivesSizeTimesAndModeOrZerosOnFailure)
     upnp_file_info info;
     ASSERT_EQ(0, upnp_file_stat(dir.path.c_str(), &info));
     EXPECT_EQ(0x4000u | 0x100u | 0x80u, info.mode);
-
     std::string path = dir.file("a.mp3");
-    ASSERT_TRUE(test_write_file(path, "12345"));
-    ASSERT_TRUE(set_times(path, 1000000000));
+    ASSERT_TRUE(test_write_file(path, "12345") && set_times(path, 1000000000) && chmod(path.c_str(), 0444) == 0);
     ASSERT_EQ(0, upnp_file_stat(path.c_str(), &info));
-    EXPECT_EQ(5u, info.size);
-    EXPECT_EQ(0x8000u | 0x100u | 0x80u, info.mode);
-    EXPECT_EQ(1000000000, info.modified);
-    EXPECT_EQ(1000000000, info.accessed);
+    EXPECT_EQ(std::make_tuple(1000000000l, 1000000000l, 5ul, 0x8000u | 0x100u),
+              std::make_tuple(info.modified, info.accessed, info.size, info.mode));   // no write bit: read-only
     EXPECT_GT(info.created, 0);    // birth time, or the modification time without one
-    ASSERT_EQ(0, chmod(path.c_str(), 0444));
-    ASSERT_EQ(0, upnp_file_stat(path.c_str(), &info));
-    EXPECT_EQ(0x8000u | 0x100u, info.mode);
-    ASSERT_EQ(0, upnp_file_stat_size(path.c_str(), &info));
-    EXPECT_EQ(5u, info.size);
-
     memset(&info, 0xA5, sizeof info);
     EXPECT_NE(0, upnp_file_stat(dir.file("missing").c_str(), &info));
-    EXPECT_EQ(std::make_tuple(0, 0, 0, 0u, 0u),
+    EXPECT_EQ(std::make_tuple(0l, 0l, 0l, 0ul, 0u),
               std::make_tuple(info.created, info.modified, info.accessed, info.size, info.mode));
     EXPECT_NE(0, upnp_file_stat(nullptr, &info));
+    ASSERT_EQ(0, upnp_file_stat_size(path.c_str(), &info));
+    EXPECT_EQ(5u, info.size);
     EXPECT_NE(0, upnp_file_stat_size(dir.file("missing").c_str(), &info));
 }
 
-TEST(FileStat, NonAsciiPathOpensReadsAndWalks)
+// The first second of 1970 can be stat'ed but is not walked; a time before
+// it hides the file from stat too. Either leaves an empty marker beside it.
+TEST(FileTimes, EntriesWithoutAValidTimeAreHiddenAndLeaveAMarkerThatFollowsNoSymlink)
 {
     test_dir dir;
-    const std::string name = "\xCE\xA9\xCE\xBC\xCE\xAD\xCE\xB3\xCE\xB1 \xE9\x9F\xB3\xE6\xA5\xBD \xF0\x9F\x8E\xB5.mp3";
-    std::string path = dir.file(name);
-    ASSERT_TRUE(test_write_file(path, "tune"));
+    std::string epoch = dir.file("epoch.mp3"), old = dir.file("old.mp3"), marker = old + ".has_invalid_date.velmora";
+    ASSERT_TRUE(make_entries(dir, {"epoch.mp3", "new.mp3"}) && set_times(epoch, 0));
+    ASSERT_EQ(0, symlink(dir.file("victim").c_str(), (epoch + ".has_invalid_date.velmora").c_str()));
     upnp_file_info info;
-    ASSERT_EQ(0, upnp_file_stat(path.c_str(), &info));
-    EXPECT_EQ(4u, info.size);
-    upnp_file* f = upnp_file_open_read(path.c_str());
-    ASSERT_NE(nullptr, f);
-    EXPECT_EQ(4, f->size);
-    char buffer[8] = {};
-    EXPECT_EQ(4, upnp_file_read(f, buffer, sizeof buffer));
-    EXPECT_STREQ("tune", buffer);
-    upnp_file_close(f);
-    upnp_dir* d = upnp_dir_open(dir.path.c_str());
-    ASSERT_NE(nullptr, d);
-    EXPECT_EQ(name, d->name);
-    EXPECT_EQ(path, d->path);
-    EXPECT_EQ(nullptr, upnp_dir_next(d));
-}
-
-TEST(FileTimes, FileBefore1970IsHiddenAndLeavesAMarker)
-{
-    test_dir dir;
-    std::string old = dir.file("old.mp3");
-    ASSERT_TRUE(test_write_file(old, "x"));
-    ASSERT_TRUE(test_write_file(dir.file("new.mp3"), "y"));
+    ASSERT_EQ(0, upnp_file_stat(epoch.c_str(), &info));
+    EXPECT_EQ(0, info.modified);
+    EXPECT_EQ(name_set{"new.mp3"}, walk_names(dir.path));
+    EXPECT_FALSE(exists(dir.file("victim")));
+    ASSERT_TRUE(make_entries(dir, {"old.mp3"}));
     if (!set_times(old, -1000000))
         GTEST_SKIP() << "the file system under " << dir.path << " refuses times before 1970";
-    upnp_file_info info;
     EXPECT_NE(0, upnp_file_stat(old.c_str(), &info));
     EXPECT_EQ(0, info.size);
-    EXPECT_EQ(std::set<std::string>{"new.mp3"}, walk_names(dir.path));
-    std::string marker = old + ".has_invalid_date.velmora";
+    EXPECT_EQ(name_set{"new.mp3"}, walk_names(dir.path));
     ASSERT_TRUE(exists(marker));
     EXPECT_EQ("", test_read_file(marker));
     // The marker is an ordinary file and is listed like one from then on.
-    EXPECT_EQ((std::set<std::string>{"new.mp3", "old.mp3.has_invalid_date.velmora"}), walk_names(dir.path));
+    EXPECT_EQ((name_set{"new.mp3", "old.mp3.has_invalid_date.velmora"}), walk_names(dir.path));
     // A handle still opens, without a size; the media handle needs the stat.
     upnp_file* f = upnp_file_open_read(old.c_str());
     ASSERT_NE(nullptr, f);
@@ -132,98 +120,42 @@ TEST(FileTimes, FileBefore1970IsHiddenAndLeavesAMarker)
     EXPECT_EQ(nullptr, upnp_mediafile_open_read(old.c_str()));
 }
 
-TEST(FileTimes, TheFirstSecondOf1970IsStatableButNotWalked)
-{
-    test_dir dir;
-    std::string path = dir.file("epoch.mp3");
-    ASSERT_TRUE(test_write_file(path, "x"));
-    ASSERT_TRUE(set_times(path, 0));
-    upnp_file_info info;
-    ASSERT_EQ(0, upnp_file_stat(path.c_str(), &info));
-    EXPECT_EQ(0, info.modified);
-    EXPECT_EQ(nullptr, upnp_dir_open(dir.path.c_str()));
-    EXPECT_TRUE(exists(path + ".has_invalid_date.velmora"));
-}
-
-TEST(FileTimes, MarkerNeverFollowsASymlink)
-{
-    test_dir dir;
-    std::string old = dir.file("old.mp3"), victim = dir.file("victim");
-    ASSERT_TRUE(test_write_file(old, "x"));
-    ASSERT_TRUE(set_times(old, 0));
-    ASSERT_EQ(0, symlink(victim.c_str(), (old + ".has_invalid_date.velmora").c_str()));
-    walk_names(dir.path);
-    EXPECT_FALSE(exists(victim));
-}
-
-TEST(FileWalk, HiddenEntriesAreNotReportedAndNoDescriptorStaysOpen)
-{
-    test_dir dir;
-    EXPECT_EQ(nullptr, upnp_dir_open(dir.path.c_str()));
-    ASSERT_TRUE(test_write_file(dir.file(".hidden.mp3"), "x"));
-    ASSERT_EQ(0, mkdir(dir.file(".folder").c_str(), 0755));
-    ASSERT_TRUE(test_write_file(dir.file(".folder/inner.mp3"), "x"));
-    EXPECT_EQ(nullptr, upnp_dir_open(dir.path.c_str()));           // all hidden
-    for (const std::string& bad : {dir.file("missing"), dir.file(".hidden.mp3")})
-        EXPECT_EQ(nullptr, upnp_dir_open(bad.c_str()));
-    EXPECT_EQ(nullptr, upnp_dir_open(nullptr));
-
-    ASSERT_TRUE(test_write_file(dir.file("shown.mp3"), "x"));
-    ASSERT_EQ(0, mkdir(dir.file("sub").c_str(), 0755));
-    int before = test_count_fds();
-    EXPECT_EQ((std::set<std::string>{"shown.mp3", "sub"}), walk_names(dir.path));
-    upnp_dir_close(upnp_dir_open(dir.path.c_str()));    // ended early
-    upnp_dir_close(nullptr);
-    EXPECT_EQ(before, test_count_fds());
-}
-
-TEST(FileWalk, FifosAreSkippedAndNeverOpened)
+TEST(FileWalk, ReportsOnlyServableEntriesJoinedWithOneSeparatorWithTheTargetsIdentity)
 {
     test_dir dir;
     std::string fifo = dir.file("pipe.mp3");
+    EXPECT_EQ(nullptr, upnp_dir_open(dir.path.c_str()));
+    ASSERT_TRUE(make_entries(dir, {".hidden.mp3", ".folder/", ".folder/inner.mp3"}));
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0644));
-    ASSERT_TRUE(test_write_file(dir.file("a.mp3"), "x"));
-    EXPECT_EQ(std::set<std::string>{"a.mp3"}, walk_names(dir.path));
-    // Opening must not wait for a writer that never comes.
+    ASSERT_EQ(0, symlink(dir.file("nowhere").c_str(), dir.file("dangling").c_str()));
+    for (const std::string& bad : {dir.path, dir.file("missing"), dir.file(".hidden.mp3")})
+        EXPECT_EQ(nullptr, upnp_dir_open(bad.c_str()));   // all hidden, or no folder
+    EXPECT_EQ(nullptr, upnp_dir_open(nullptr));
+    ASSERT_TRUE(make_entries(dir, {"real/"}));
+    ASSERT_EQ(0, symlink(dir.file("real").c_str(), dir.file("link").c_str()));
+    struct stat real;
+    ASSERT_EQ(0, stat(dir.file("real").c_str(), &real));
+    int before = test_count_fds();
+    for (const std::string& folder : {dir.path, dir.path + "/", dir.path + "//"}) {
+        SCOPED_TRACE(folder);
+        name_set seen;
+        for (upnp_dir* d = upnp_dir_open(folder.c_str()); d; d = upnp_dir_next(d)) {
+            seen.insert(d->name);
+            EXPECT_EQ(std::make_tuple(dir.file(d->name), dir.path, 1, uint64_t(real.st_dev), uint64_t(real.st_ino)),
+                      std::make_tuple(d->path, d->dir_path, d->is_dir, d->device, d->inode));
+        }
+        EXPECT_EQ((name_set{"link", "real"}), seen);
+    }
+    upnp_dir_close(upnp_dir_open(dir.path.c_str()));    // ended early
+    upnp_dir_close(nullptr);
+    EXPECT_EQ(before, test_count_fds());
+    // Opening a FIFO must not wait for a writer that never comes.
     EXPECT_EQ(nullptr, upnp_file_open_read(fifo.c_str()));
     EXPECT_EQ(nullptr, upnp_mediafile_open_read(fifo.c_str()));
     EXPECT_EQ(nullptr, upnp_file_open_write(fifo.c_str()));
     void* data = nullptr;
     size_t size = 0;
     EXPECT_EQ(0, upnp_file_read_all(fifo.c_str(), 100, &data, &size));
-}
-
-TEST(FileWalk, FullPathsJoinWithOneSeparator)
-{
-    test_dir dir;
-    ASSERT_TRUE(test_write_file(dir.file("a.mp3"), "x"));
-    for (const std::string& folder : {dir.path, dir.path + "/", dir.path + "//"}) {
-        SCOPED_TRACE(folder);
-        upnp_dir* d = upnp_dir_open(folder.c_str());
-        ASSERT_NE(nullptr, d);
-        EXPECT_EQ(dir.file("a.mp3"), d->path);
-        EXPECT_EQ(dir.path, d->dir_path);
-        upnp_dir_close(d);
-    }
-}
-
-TEST(FileWalk, SymlinksAreFollowedWithTheTargetsIdentity)
-{
-    test_dir dir;
-    ASSERT_EQ(0, mkdir(dir.file("real").c_str(), 0755));
-    ASSERT_EQ(0, symlink(dir.file("real").c_str(), dir.file("link").c_str()));
-    ASSERT_EQ(0, symlink(dir.file("nowhere").c_str(), dir.file("dangling").c_str()));
-    struct stat real;
-    ASSERT_EQ(0, stat(dir.file("real").c_str(), &real));
-    int seen = 0;
-    for (upnp_dir* d = upnp_dir_open(dir.path.c_str()); d; d = upnp_dir_next(d), seen++) {
-        SCOPED_TRACE(d->name);
-        EXPECT_STRNE("dangling", d->name);
-        EXPECT_EQ(1, d->is_dir);
-        EXPECT_EQ(uint64_t(real.st_dev), d->device);
-        EXPECT_EQ(uint64_t(real.st_ino), d->inode);
-    }
-    EXPECT_EQ(2, seen);
 }
 
 TEST(FileWalk, PathsPastTheLimitAreSkippedNotCut)
@@ -245,7 +177,7 @@ TEST(FileWalk, PathsPastTheLimitAreSkippedNotCut)
     EXPECT_EQ(nullptr, upnp_dir_next(d));
 }
 
-TEST(FileHandle, OpenWriteCreatesPrivateAndNeverTruncates)
+TEST(FileHandle, OpenWriteCreatesPrivateNeverTruncatesAndOpensOnlyRegularFiles)
 {
     test_dir dir;
     std::string path = dir.file("w.bin");
@@ -260,52 +192,15 @@ TEST(FileHandle, OpenWriteCreatesPrivateAndNeverTruncates)
     ASSERT_EQ(0, stat(path.c_str(), &st));
     EXPECT_EQ(0600u, st.st_mode & 0777);
     EXPECT_EQ(nullptr, upnp_file_open_write(dir.file("no/such/folder").c_str()));
-}
-
-TEST(FileHandle, SeekAndEofFollowThePosition)
-{
-    test_dir dir;
-    std::string path = dir.file("r.bin");
-    ASSERT_TRUE(test_write_file(path, "0123456789"));
-    upnp_file* f = upnp_file_open_read(path.c_str());
-    ASSERT_NE(nullptr, f);
-    EXPECT_EQ(10, f->size);
-    EXPECT_EQ(0, upnp_file_eof(f));
-    EXPECT_EQ(8, upnp_file_seek(f, -2, 2));
-    char b[4] = {};
-    EXPECT_EQ(2, upnp_file_read(f, b, 3));
-    EXPECT_STREQ("89", b);
-    EXPECT_EQ(1, upnp_file_eof(f));
-    EXPECT_EQ(3, upnp_file_seek(f, 3, 0));
-    EXPECT_EQ(0, upnp_file_eof(f));
-    EXPECT_EQ(5, upnp_file_seek(f, 2, 1));
-    EXPECT_EQ(-1, upnp_file_seek(f, 0, 3));
-    EXPECT_EQ(-1, upnp_file_seek(f, -1, 0));
-    EXPECT_EQ(5, f->position);
-    upnp_file_close(f);
-    EXPECT_EQ(nullptr, upnp_file_open_read(dir.path.c_str()));   // folders are no files
+    EXPECT_EQ(nullptr, upnp_file_open_read(dir.path.c_str()));
     EXPECT_EQ(nullptr, upnp_file_open_read(dir.file("missing").c_str()));
 }
 
-TEST(FileHandle, NullHandlesAreRefused)
-{
-    char b[4];
-    EXPECT_EQ(-1, upnp_file_read(nullptr, b, 1));
-    EXPECT_EQ(-1, upnp_file_write(nullptr, b, 1));
-    EXPECT_EQ(-1, upnp_file_seek(nullptr, 0, 0));
-    EXPECT_EQ(-1, upnp_mediafile_read(nullptr, b, 1));
-    EXPECT_EQ(-1, upnp_mediafile_seek(nullptr, 0, 0));
-    EXPECT_EQ(1, upnp_file_eof(nullptr));
-    EXPECT_EQ(nullptr, upnp_file_gets(b, sizeof b, nullptr));
-    upnp_file_close(nullptr);
-}
-
-TEST(FileHandle, GetsReadsLinesWithinTheBuffer)
+TEST(FileHandle, SeekEofAndGetsFollowThePositionWithinTheBuffer)
 {
     test_dir dir;
-    std::string path = dir.file("lines.txt");
-    ASSERT_TRUE(test_write_file(path, "one\nlonger line\nlast"));
-    upnp_file* f = upnp_file_open_read(path.c_str());
+    ASSERT_TRUE(test_write_file(dir.file("lines.txt"), "one\nlonger line\nlast"));
+    upnp_file* f = upnp_file_open_read(dir.file("lines.txt").c_str());
     ASSERT_NE(nullptr, f);
     char b[8];
     struct gets_step { int size; const char* line; };
@@ -316,16 +211,23 @@ TEST(FileHandle, GetsReadsLinesWithinTheBuffer)
         ASSERT_EQ(s.line ? b : nullptr, upnp_file_gets(b, s.size, f));
         EXPECT_STREQ(s.line ? s.line : "", b);
     }
-    EXPECT_EQ(1, upnp_file_eof(f));
-    ASSERT_EQ(0, upnp_file_seek(f, 0, 0));
+    EXPECT_EQ(std::make_tuple(20l, 1), std::make_tuple(f->size, upnp_file_eof(f)));
+    EXPECT_EQ(18, upnp_file_seek(f, -2, 2));
+    EXPECT_EQ(0, upnp_file_eof(f));
+    EXPECT_EQ(-1, upnp_file_seek(f, 0, 3));
+    EXPECT_EQ(-1, upnp_file_seek(f, -1, 0));
+    EXPECT_EQ(18, f->position);                 // failed seeks leave it
+    EXPECT_EQ(0, upnp_file_seek(f, -18, 1));
     memset(b, 'Z', sizeof b);
     EXPECT_EQ(nullptr, upnp_file_gets(b, 1, f));     // no room for any byte
-    EXPECT_EQ(0, b[0]);
-    EXPECT_EQ('Z', b[1]);
     EXPECT_EQ(nullptr, upnp_file_gets(b, 0, f));
-    EXPECT_EQ('Z', b[1]);
-    EXPECT_EQ(0, f->position);
+    EXPECT_EQ(std::make_tuple('\0', 'Z', 0l), std::make_tuple(b[0], b[1], f->position));
     upnp_file_close(f);
+    EXPECT_EQ(std::make_tuple(-1l, -1l, -1l, -1l, 1), std::make_tuple(upnp_file_read(nullptr, b, 1),
+              upnp_file_write(nullptr, b, 1), upnp_file_seek(nullptr, 0, 0), upnp_mediafile_read(nullptr, b, 1),
+              upnp_file_eof(nullptr)));
+    EXPECT_EQ(nullptr, upnp_file_gets(b, sizeof b, nullptr));
+    upnp_file_close(nullptr);
 }
 
 // A media handle reading two files of ten bytes as one; the list is built
@@ -352,7 +254,7 @@ struct FileMedia : ::testing::Test {
     }
 };
 
-TEST_F(FileMedia, ReadCrossesIntoTheNextSegment)
+TEST_F(FileMedia, ReadsAndSeeksAcrossTheSegmentBoundary)
 {
     upnp_file* f = open("b");
     ASSERT_NE(nullptr, f);
@@ -366,13 +268,6 @@ TEST_F(FileMedia, ReadCrossesIntoTheNextSegment)
     EXPECT_EQ(16, f->position);
     EXPECT_EQ(4, upnp_mediafile_read(f, buffer, 16));   // short on the last: as it is
     EXPECT_EQ(0, upnp_mediafile_read(f, buffer, 16));
-    upnp_file_close(f);
-}
-
-TEST_F(FileMedia, SeekPicksTheSegmentThatHoldsTheTarget)
-{
-    upnp_file* f = open("b");
-    ASSERT_NE(nullptr, f);
     struct seek_step { int64_t offset; int origin; int64_t at; char byte; };
     const seek_step steps[] = {
         {14, 0, 14, 'e'}, {2, 0, 2, '2'}, {-2, 2, 18, 'i'}, {-10, 1, 9, '9'},
@@ -381,84 +276,65 @@ TEST_F(FileMedia, SeekPicksTheSegmentThatHoldsTheTarget)
     for (const seek_step& s : steps) {
         SCOPED_TRACE(s.at);
         ASSERT_EQ(s.at, upnp_mediafile_seek(f, s.offset, s.origin));
-        char c = 0;
-        ASSERT_EQ(1, upnp_mediafile_read(f, &c, 1));
-        EXPECT_EQ(s.byte, c);
+        ASSERT_EQ(1, upnp_mediafile_read(f, buffer, 1));
+        EXPECT_EQ(s.byte, buffer[0]);
     }
     EXPECT_EQ(-1, upnp_mediafile_seek(f, 21, 0));
+    // The first segment still holds its end: a read there is empty, and only
+    // the read after it starts the second segment.
+    EXPECT_EQ(10, upnp_mediafile_seek(f, 10, 0));
+    EXPECT_EQ(0, upnp_mediafile_read(f, buffer, 1));
+    EXPECT_EQ(1, upnp_mediafile_read(f, buffer, 1));
+    EXPECT_EQ('a', buffer[0]);
     upnp_file_close(f);
 
     f = open("gone");            // a segment that cannot open fails the seek
     ASSERT_NE(nullptr, f);
     EXPECT_EQ(-1, upnp_mediafile_seek(f, 15, 0));
-    char c;
-    EXPECT_EQ(-1, upnp_mediafile_read(f, &c, 1));
+    EXPECT_EQ(-1, upnp_mediafile_read(f, buffer, 1));
     upnp_file_close(f);
-}
-
-TEST_F(FileMedia, WithoutSegmentsItIsAPlainHandle)
-{
-    upnp_file* f = upnp_mediafile_open_read(dir.file("a").c_str());
+    f = upnp_mediafile_open_read(dir.file("a").c_str());   // no segments: a plain handle
     ASSERT_NE(nullptr, f);
-    char b[11] = {};
     EXPECT_EQ(4, upnp_mediafile_seek(f, 4, 0));
-    EXPECT_EQ(6, upnp_mediafile_read(f, b, 10));
-    EXPECT_STREQ("456789", b);
+    EXPECT_EQ(6, upnp_mediafile_read(f, buffer, 10));
+    EXPECT_EQ("456789", std::string(buffer, 6));
     upnp_file_close(f);
 }
 
-TEST(FileNames, RenameRefusesAnExistingTarget)
+TEST(FileNames, RenameRefusesAnExistingTargetMkdirMakesParentsDeleteOnlyFiles)
 {
     test_dir dir;
     std::string a = dir.file("a"), b = dir.file("b"), c = dir.file("c");
-    ASSERT_TRUE(test_write_file(a, "A"));
-    ASSERT_TRUE(test_write_file(b, "B"));
+    ASSERT_TRUE(test_write_file(a, "A") && test_write_file(b, "B"));
     EXPECT_NE(0, upnp_file_rename(a.c_str(), b.c_str()));
-    EXPECT_EQ("A", test_read_file(a));
     EXPECT_EQ("B", test_read_file(b));
     EXPECT_EQ(0, upnp_file_rename(a.c_str(), c.c_str()));
-    EXPECT_FALSE(exists(a));
+    EXPECT_EQ((name_set{"b", "c"}), every_name(dir.path));
     EXPECT_EQ("A", test_read_file(c));
-    EXPECT_NE(0, upnp_file_rename(a.c_str(), dir.file("d").c_str()));
-}
-
-TEST(FileNames, MkdirDeleteAndParents)
-{
-    test_dir dir;
     EXPECT_EQ(0, upnp_mkdir(dir.file("x").c_str()));
     EXPECT_NE(0, upnp_mkdir(dir.file("x").c_str()));
     EXPECT_NE(0, upnp_file_delete(dir.file("x").c_str()));    // folders are not deleted
-    std::string deep = dir.file("p/q//r/");
-    EXPECT_EQ(0, upnp_mkdir_parents(deep.c_str()));
-    EXPECT_EQ(0, upnp_mkdir_parents(deep.c_str()));
-    upnp_file_info info;
-    ASSERT_EQ(0, upnp_file_stat(dir.file("p/q/r").c_str(), &info));
-    EXPECT_EQ(0x4000u, info.mode & 0x4000u);
-    ASSERT_TRUE(test_write_file(dir.file("f"), "x"));
-    EXPECT_NE(0, upnp_mkdir_parents(dir.file("f/g").c_str()));
-    EXPECT_NE(0, upnp_mkdir_parents(dir.file("f").c_str()));
-    EXPECT_EQ(0, upnp_file_delete(dir.file("f").c_str()));
-    EXPECT_FALSE(exists(dir.file("f")));
-    EXPECT_NE(0, upnp_file_delete(dir.file("f").c_str()));
+    for (int twice = 0; twice < 2; twice++)
+        EXPECT_EQ(0, upnp_mkdir_parents(dir.file("p/q//r/").c_str()));
+    EXPECT_TRUE(exists(dir.file("p/q/r/.")));
+    EXPECT_NE(0, upnp_mkdir_parents(dir.file("c/g").c_str()));
+    EXPECT_NE(0, upnp_mkdir_parents(c.c_str()));
+    EXPECT_EQ(0, upnp_file_delete(c.c_str()));
+    EXPECT_NE(0, upnp_file_delete(c.c_str()));
+    EXPECT_EQ((name_set{"b", "p", "x"}), every_name(dir.path));
 }
 
-TEST(FileNames, FullPathIsMadeByText)
+TEST(FileNames, FullPathIsMadeByTextAndNeverClimbsAboveTheRoot)
 {
-    char* cwd = getcwd(nullptr, 0);
-    ASSERT_NE(nullptr, cwd);
-    const std::string relative = std::string(strcmp(cwd, "/") ? cwd : "") + "/other/x";
-    free(cwd);
-    struct fullpath_case { const char* path; std::string full; };
-    const fullpath_case cases[] = {
-        {"/a/b/c", "/a/b/c"}, {"/a/./b//c", "/a/b/c"}, {"/a/b/../c", "/a/c"}, {"/a/b/", "/a/b/"}, {"/..", "/"},
-        {"/../../x", "/x"}, {"/", "/"}, {"//", "/"}, {"/no/such/place/..", "/no/such"},
-        {"/a\\b", "/a\\b"},    // a backslash is part of a name here
-        {"missing/../other/./x", relative}, {"", "<null>"}, {nullptr, "<null>"},
+    struct fullpath_case { const char* path; const char* full; };
+    static const fullpath_case cases[] = {
+        {"/a/./b//c", "/a/b/c"}, {"/a/b/../c", "/a/c"}, {"/a/b/", "/a/b/"}, {"/..", "/"}, {"/../../x", "/x"},
+        {"//", "/"}, {"/no/such/place/..", "/no/such"}, {"/a\\b", "/a\\b"},   // a backslash is part of a name here
+        {"", nullptr}, {nullptr, nullptr},
     };
     for (const fullpath_case& c : cases) {
-        SCOPED_TRACE(c.path ? c.path : "(null)");
         char* full = upnp_file_fullpath(c.path);
-        EXPECT_EQ(c.full, full ? full : "<null>");
+        EXPECT_EQ(std::string(c.full ? c.full : "<null>"), full ? full : "<null>") << (c.path ? c.path : "(null)");
         free(full);
     }
 }
@@ -471,54 +347,39 @@ TEST(FileWhole, ReadAllAddsTwoZerosAndHonoursTheCap)
     void* data = nullptr;
     size_t size = 0;
     ASSERT_EQ(1, upnp_file_read_all(path.c_str(), 4, &data, &size));
-    ASSERT_EQ(4u, size);
-    EXPECT_EQ(0, memcmp(data, "ab\0c\0\0", 6));
+    EXPECT_EQ("ab\0c\0\0"s, std::string(static_cast<char*>(data), size + 2));
     free(data);
     data = &size;
     EXPECT_EQ(0, upnp_file_read_all(path.c_str(), 3, &data, &size));
-    EXPECT_EQ(nullptr, data);
-    EXPECT_EQ(0u, size);
+    EXPECT_EQ(std::make_tuple((void*)nullptr, 0ul), std::make_tuple(data, size));
     EXPECT_EQ(0, upnp_file_read_all(dir.path.c_str(), 1 << 20, &data, &size));
     EXPECT_EQ(0, upnp_file_read_all(dir.file("missing").c_str(), 1 << 20, &data, &size));
     ASSERT_TRUE(test_write_file(path, ""));
     ASSERT_EQ(1, upnp_file_read_all(path.c_str(), 0, &data, &size));
-    EXPECT_EQ(0u, size);
-    EXPECT_EQ(0, memcmp(data, "\0\0", 2));
+    EXPECT_EQ("\0\0"s, std::string(static_cast<char*>(data), size + 2));
     free(data);
 }
 
-TEST(FileWhole, ReplaceNeverTouchesTheOldFileInPlace)
+// A reader holding the old file sees it whole: the new bytes go to another
+// file that takes over the name only once complete, or is removed.
+TEST(FileWhole, ReplaceNeverTouchesTheOldFileInPlaceNorLeavesATemporary)
 {
     test_dir dir;
-    std::string path = dir.file("settings.ini");
-    ASSERT_TRUE(test_write_file(path, "old contents"));
-    ASSERT_EQ(0, chmod(path.c_str(), 0640));
-    // A reader holding the old file sees it whole: the new bytes went to
-    // another file that took over the name only once complete.
+    std::string path = dir.file("settings.ini"), folder = dir.file("busy");
+    ASSERT_TRUE(test_write_file(path, "old contents") && chmod(path.c_str(), 0640) == 0);
     int old_fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_GE(old_fd, 0);
     ASSERT_EQ(0, upnp_file_replace(path.c_str(), "new", 3));
     char b[32] = {};
     EXPECT_EQ(12, pread(old_fd, b, sizeof b, 0));
     EXPECT_STREQ("old contents", b);
     close(old_fd);
-    EXPECT_EQ("new", test_read_file(path));
     struct stat st;
     ASSERT_EQ(0, stat(path.c_str(), &st));
-    EXPECT_EQ(0640u, st.st_mode & 0777);
-    EXPECT_EQ(std::set<std::string>{"settings.ini"}, every_name(dir.path));   // no temporary left
-}
-
-TEST(FileWhole, FailedReplaceLeavesNothingBehind)
-{
-    test_dir dir;
-    std::string folder = dir.file("busy");
-    ASSERT_EQ(0, mkdir(folder.c_str(), 0755));
-    ASSERT_TRUE(test_write_file(folder + "/keep", "x"));
+    EXPECT_EQ(std::make_tuple("new"s, 0640u), std::make_tuple(test_read_file(path), st.st_mode & 0777));
+    ASSERT_TRUE(mkdir(folder.c_str(), 0755) == 0 && test_write_file(folder + "/keep", "x"));
     EXPECT_NE(0, upnp_file_replace(folder.c_str(), "data", 4));   // a full folder can't be replaced
     EXPECT_EQ("x", test_read_file(folder + "/keep"));
-    EXPECT_EQ(std::set<std::string>{"busy"}, every_name(dir.path));
     EXPECT_NE(0, upnp_file_replace(dir.file("no/such/file").c_str(), "data", 4));
     ASSERT_EQ(0, upnp_file_replace(dir.file("fresh").c_str(), "", 0));
-    EXPECT_TRUE(exists(dir.file("fresh")));
+    EXPECT_EQ((name_set{"busy", "fresh", "settings.ini"}), every_name(dir.path));
 }

@@ -8,40 +8,20 @@
 
 static const char* const XLSX = "application/vnd.openxmlformats-officedocument.spreadsheetml.sheet";
 
-struct mime_case {
-    const char* url;
-    const char* extension;
-    int column;
-    const char* type;    // null: no type at all
-};
+struct mime_case { const char* url; const char* extension; int column; const char* type; };   // type null: none
 
 static const mime_case mime_cases[] = {
-    {nullptr, "mp3", 0, "audio/mpeg"}, {nullptr, "MP3", 0, "audio/mpeg"}, {nullptr, "avi", 1, "video/x-msvideo"},
-    {nullptr, "avi", 0, "video/x-divx"}, {nullptr, "DivX", 1, "video/x-msvideo"}, {nullptr, "mp2", 0, "audio/x-mpeg"},
-    {nullptr, "mp2", 1, "audio/mpeg"}, {nullptr, "pcm", 1, "audio/lpcm"}, {nullptr, "wav", 1, "audio/wav"},
-    {nullptr, "jpeg", 0, "image/jpeg"}, {nullptr, "tp", 0, "video/mpeg2"}, {nullptr, "ts", 0, "video/mpeg2"},
-    {nullptr, "ts", 1, "video/mpeg"},
+    {nullptr, "MP3", 0, "audio/mpeg"}, {nullptr, "avi", 0, "video/x-divx"}, {nullptr, "avi", 1, "video/x-msvideo"},
     {nullptr, "ts", -1, "video/mpeg"},     // any non-zero column is the second
-    {nullptr, "m1v", 1, "video/MP1S"}, {nullptr, "mov", 1, "video/MP4V-ES"}, {nullptr, "m4b", 1, "audio/3gpp"},
     {nullptr, "3gp.a", 1, "audio/3gpp"},   // its first row wins over the "aac" row
-    {nullptr, "aac", 1, "audio/mp4"}, {nullptr, "flac", 1, "audio/flac"}, {nullptr, "ogg", 1, "audio/x-ogg"},
-    {nullptr, "dvr-ms", 0, "video/x-ms-dvr"}, {nullptr, "mp3-drm", 0, "audio/mpeg"},
-    {nullptr, "none", 0, "application/octet-stream"}, {nullptr, "mhtml", 0, "application/html"},
-    {nullptr, "txt", 0, "application/txt"}, {nullptr, "txt", 1, "application/txt"},
-    {nullptr, "mkv", 0, "video/x-matroska"}, {nullptr, "k3g", 1, "video/kr3g"},
-    {nullptr, "docx", 1, "application/vnd.openxmlformats-officedocument.wordprocessingml.document"},
-    {nullptr, "pptx", 0, "application/vnd.openxmlformats-officedocument.presentationml.presentation"},
-    {nullptr, "xlsx", 0, XLSX},
     // Unknown extensions, prefixes and longer names end on the last row.
-    {nullptr, "xyz", 0, XLSX}, {nullptr, "xyz", 1, XLSX}, {nullptr, "mp", 0, XLSX}, {nullptr, "mp33", 0, XLSX},
-    {nullptr, "", 0, XLSX}, {nullptr, nullptr, 0, nullptr}, {"/disk/music/a.mp4", nullptr, 1, nullptr},
+    {nullptr, "xyz", 1, XLSX}, {nullptr, "mp", 0, XLSX}, {nullptr, "mp33", 0, XLSX}, {nullptr, "", 0, XLSX},
+    {nullptr, nullptr, 0, nullptr}, {"/disk/music/a.mp4", nullptr, 1, nullptr},
     // An MP4 track served from the music tree is audio.
-    {nullptr, "mp4", 0, "video/mp4"}, {"/disk/music/O0$1$8I2.mp4", "mp4", 0, "audio/mp4"},
-    {"/DISK/Music/x.mp4", "mp4", 0, "audio/mp4"}, {"/disk/musi", "mp4", 0, "video/mp4"},
-    {"/disk/video/O0$2.mp4", "mp4", 0, "video/mp4"}, {"x/disk/music/a.mp4", "mp4", 0, "video/mp4"},
-    {"/disk/music/a.3gp", "3gp", 0, "audio/mp4"},
+    {nullptr, "mp4", 0, "video/mp4"}, {"/DISK/Music/x.mp4", "mp4", 0, "audio/mp4"},
+    {"/disk/musi", "mp4", 0, "video/mp4"},
+    {"x/disk/music/a.mp4", "mp4", 0, "video/mp4"}, {"/disk/music/a.3gp", "3gp", 0, "audio/mp4"},
     {"/disk/music/a.mp4", "mp4", 1, "video/MP4V-ES"},   // only the type "video/mp4" turns
-    {"/disk/music/a.mp3", "mp3", 0, "audio/mpeg"}, {"/disk/music/a.m4v", "m4v", 0, "video/x-m4v"},
 };
 
 TEST(Mime, FindsTheTypeOfTheFirstRowThatHasTheExtension)
@@ -58,13 +38,9 @@ TEST(Mime, ExtensionFromTypeAnswersTheFirstRowContainedInTheType)
 {
     struct reverse_case { const char* type; const char* extension; };
     static const reverse_case cases[] = {
-        {"audio/mpeg", "mp3"},
         {"video/x-msvideo", "avi"},                 // found by its second type
-        {"video/mpeg", "mpg"},
         {"video/mpeg2", "mpg"},                     // "video/mpeg" is part of it, one row earlier
-        {"video/mp4", "mp4"}, {"audio/mp4", "m4a"}, {"audio/3gpp", "m4a"},
         {"Content-Type: audio/x-flac\r\n", "flac"},  // a part of the text is enough
-        {"video/MP4V-ES", "mp4"}, {XLSX, "xlsx"},
         // The XML row's type starts with a space, so the bare type misses it.
         {"text/xml; charset=\"utf-8\"", nullptr}, {"type: text/xml; charset=\"utf-8\"", "txt"},
         {"AUDIO/MPEG", nullptr},                    // the match is exact in case
@@ -81,12 +57,12 @@ TEST(Mime, PathExtensionIsTheTextBehindTheLastDotInsideThePath)
 {
     struct extension_case { const char* path; const char* path_extension; const char* stream_extension; };
     static const extension_case cases[] = {
-        {"song.mp3", "mp3", "mp3"}, {"/music/a.b.flac", "flac", "flac"}, {"noext", "noext", "noext"},
+        {"/music/a.b.flac", "flac", "flac"}, {"noext", "noext", "noext"},
         {".hidden", ".hidden", ".hidden"},          // a leading dot is no extension
         {".a.mkv", "mkv", "mkv"},
         {"/dir.d/file", "d/file", "d/file"},        // the last dot of the whole path
-        {"trailing.", "", ""}, {"", "", ""}, {"movie.vob", "vob", "mpg"}, {"MOVIE.VoB", "VoB", "mpg"},
-        {"movie.vob2", "vob2", "vob2"}, {"movie.xvob", "xvob", "xvob"},
+        {"trailing.", "", ""}, {"", "", ""}, {"MOVIE.VoB", "VoB", "mpg"}, {"movie.vob2", "vob2", "vob2"},
+        {"movie.xvob", "xvob", "xvob"},
     };
     for (const extension_case& c : cases) {
         SCOPED_TRACE(c.path);

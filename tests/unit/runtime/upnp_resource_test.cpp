@@ -1,5 +1,5 @@
 // Tests of the program's own files: resource look-up order, refusal of
-// names that leave the program folder, temp names and the program folder.
+// names that leave the program folder, and temp names.
 #include "runtime/upnp_string.h"
 
 #include "config/upnp_ini.h"
@@ -75,35 +75,13 @@ TEST_F(UpnpResource, TempNamesCountUpUnderTheDatabaseFolder)
     upnp_ini_set(UPNP_OPT_DBDIR, dir.path.c_str());
     char* first = upnp_temp_file_name();
     char* second = upnp_temp_file_name();
-    ASSERT_NE(nullptr, first);
-    ASSERT_NE(nullptr, second);
     std::string prefix = dir.path + "/temp/tempfile";
-    ASSERT_EQ(0u, std::string(first).find(prefix));
-    ASSERT_EQ(0u, std::string(second).find(prefix));
+    ASSERT_EQ(0u, std::string(first ? first : "").find(prefix));
+    ASSERT_EQ(0u, std::string(second ? second : "").find(prefix));
     EXPECT_EQ(atoi(first + prefix.size()) + 1, atoi(second + prefix.size()));
     struct stat st;
     EXPECT_EQ(0, stat(dir.file("temp").c_str(), &st));
     EXPECT_TRUE(S_ISDIR(st.st_mode));
     free(first);
     free(second);
-}
-
-TEST_F(UpnpResource, ModuleDirIsTheFolderOfTheExecutable)
-{
-    char* folder = upnp_module_dir();
-    ASSERT_NE(nullptr, folder);
-    std::string text = folder;
-    free(folder);
-    ASSERT_FALSE(text.empty());
-    EXPECT_EQ('/', text[0]);
-    EXPECT_NE('/', text.back());
-    char exe[4096];
-    ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-    ASSERT_GT(n, 0);
-    exe[n] = 0;
-    struct stat running, found;
-    ASSERT_EQ(0, stat("/proc/self/exe", &running));
-    ASSERT_EQ(0, stat((text + strrchr(exe, '/')).c_str(), &found));
-    EXPECT_EQ(running.st_ino, found.st_ino);
-    EXPECT_EQ(running.st_dev, found.st_dev);
 }
