@@ -9,6 +9,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <ctime>
 #include <random>
 #include <set>
 #include <string>
@@ -16,7 +18,14 @@
 
 using DbId = DbStoreTest;
 
-// ---- Id words ---------------------------------------------------------------------
+// A client's request, for the flag probe: such a client has both flags.
+static int db_client_tag;
+static const HTTP_request* const db_client = reinterpret_cast<const HTTP_request*>(&db_client_tag);
+
+static int probe_flags(const HTTP_request*, const char* flag)
+{
+    return !strcmp(flag, "AV:M") || !strcmp(flag, "XM:NOUTF8SORT");
+}
 
 TEST_F(DbId, WordsHoldTypeAndBlockAndCountersRiseBeforeUseAndNeverRestart)
 {
@@ -36,41 +45,34 @@ TEST_F(DbId, WordsHoldTypeAndBlockAndCountersRiseBeforeUseAndNeverRestart)
     EXPECT_EQ(b + 1, db_next_id(DB_OBJ_MUSIC_GENRE));
 }
 
-// ---- Id texts ----------------------------------------------------------------------
-
 TEST_F(DbId, TextIsThePathOfWordsBelowTheRootAndLeadsBackToItsObject)
 {
-    char text[DB_ID_TEXT_SIZE];
+    char text[DB_ID_TEXT_SIZE], cut[6];
     EXPECT_STREQ("-1", db_object_id_text(nullptr, text, sizeof text));
     EXPECT_STREQ("0", db_object_id_text(db_root, text, sizeof text));
     EXPECT_STREQ("268435466", db_object_id_text(db_music_root, text, sizeof text));
-    char cut[6];
     EXPECT_STREQ("26843", db_object_id_text(db_music_root, cut, sizeof cut));
-    files.blocks[5] = {"/m/five.mp3", DB_OBJ_AUDIO};
+    files.blocks[5] = {"/m/five.mp3", DB_OBJ_AUDIO, ""};
     db_meta_list* l = db_test_list({{DBK_TITLE, "Five"}});
     db_object* item = db_object_add(l, "/m/five.mp3", DB_OBJ_AUDIO, 5, nullptr, 0);
     db_meta_list_free(l);
     EXPECT_STREQ("268435466$1879048197", db_object_id_text(item, text, sizeof text));
-    db_object* artist = db_container_new(db_next_id(DB_OBJ_MUSIC_ARTIST), "Abba", 0);
-    db_object* album = db_container_new(db_next_id(DB_OBJ_MUSIC_ALBUM), "Gold", 0);
-    db_object* ref = db_ref_new(DB_OBJ_REF, item, 0);
-    db_container_add_child(db_music_root, artist);
-    db_container_add_child(artist, album);
-    db_container_add_child(album, ref);
-    for (db_object* o : {db_root, db_music_root, item, artist, album, ref, db_document_root}) {
+    db_object* artist = folder(DB_OBJ_MUSIC_ARTIST, "Abba", db_music_root);
+    db_object* album = folder(DB_OBJ_MUSIC_ALBUM, "Gold", artist);
+    db_object* track = ref(item, album);
+    for (db_object* o : {db_root, db_music_root, item, artist, album, track, db_document_root}) {
         db_object_id_text(o, text, sizeof text);
         SCOPED_TRACE(text);
         EXPECT_EQ(o, db_get_item_by_id(text, nullptr));
     }
-    EXPECT_STRNE(db_object_id_text(item, text, sizeof text), db_object_id_text(ref, text + 128, 128));
+    EXPECT_STRNE(db_object_id_text(item, text, sizeof text), db_object_id_text(track, text + 128, 128));
 }
 
-struct lookup_case { const char* text; db_object* found; };
-
-TEST_F(DbId, AliasesNameTheFilledSlotsAndMalformedTextsFindNothing)
+TEST_F(DbId, AliasesNameTheFilledSlotsMalformedTextsFindNothingAndMusicClientsStartInMusic)
 {
     db_object* four = db_container_new(4, "four", 0);
     db_container_add_child(db_root, four);
+    struct lookup_case { const char* text; db_object* found; };
     const lookup_case cases[] = {
         {"4", four}, {"4$", nullptr}, {"4$$", nullptr}, {"abc", nullptr}, {"", nullptr}, {"$", nullptr},
         {"268435466$", nullptr}, {"99999999999999999999", nullptr}, {"-1", nullptr}, {nullptr, nullptr},
@@ -82,37 +84,18 @@ TEST_F(DbId, AliasesNameTheFilledSlotsAndMalformedTextsFindNothing)
         SCOPED_TRACE(c.text ? c.text : "null");
         EXPECT_EQ(c.found, db_get_item_by_id(c.text, nullptr));
     }
-}
-
-static int probe_flags(const HTTP_request*, const char* flag)
-{
-    return !strcmp(flag, "AV:M") || !strcmp(flag, "XM:NOUTF8SORT");
-}
-
-TEST_F(DbId, RootOfAMusicOnlyClientIsTheMusicRoot)
-{
-    int dummy = 0;
-    const HTTP_request* request = reinterpret_cast<const HTTP_request*>(&dummy);
-    EXPECT_EQ(db_root, db_get_item_by_id("0", request));          // no probe: no flags
+    EXPECT_EQ(db_root, db_get_item_by_id("0", db_client));          // no probe: no flags
     db_set_client_flag_probe(probe_flags);
     EXPECT_EQ(db_root, db_get_item_by_id("0", nullptr));
-    db_object* root = db_get_item_by_id("0", request);
-    EXPECT_EQ(db_music_root, root);
-    char text[DB_ID_TEXT_SIZE];
-    EXPECT_STRNE("0", db_object_id_text(root, text, sizeof text));
+    EXPECT_EQ(db_music_root, db_get_item_by_id("0", db_client));
 }
-
-// ---- Lookups by word ---------------------------------------------------------------
 
 TEST_F(DbId, WordsAreFoundBelowTheirAllContainerAndItemsOnlyInTheirOwn)
 {
     db_object* track = add("/m/w.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "w"}});
     db_object* photo = add("/p/w.jpg", DB_OBJ_PHOTO, {{DBK_TITLE, "w"}});
-    db_object* folder = db_container_new(db_next_id(DB_OBJ_MUSIC_ALBUM), "f", 0);
-    db_container_add_child(db_music_root, folder);
-    db_object* ref = db_ref_new(DB_OBJ_REF, track, 0);
-    db_container_add_child(folder, ref);
-    for (db_object* o : {track, photo, folder, ref})
+    db_object* album = folder(DB_OBJ_MUSIC_ALBUM, "f", db_music_root);
+    for (db_object* o : {track, photo, album, ref(track, album)})
         EXPECT_EQ(o, db_get_pItem_by_id(o->id));
     EXPECT_EQ(nullptr, db_get_pItem_by_id(db_make_id(999, DB_OBJ_AUDIO)));
     EXPECT_EQ(nullptr, db_get_pItem_by_id(db_make_id(1, DB_OBJ_VIDEO_BROADCAST)));   // empty slot
@@ -123,9 +106,18 @@ TEST_F(DbId, WordsAreFoundBelowTheirAllContainerAndItemsOnlyInTheirOwn)
     EXPECT_EQ(nullptr, db_get_pItem_by_id(track->id));              // out of the tree
 }
 
-// ---- Path index ---------------------------------------------------------------------
+TEST_F(DbId, DlnaManagedAndImportUriWorkByIdText)
+{
+    db_object* item = add("/m/up.mp3", DB_OBJ_AUDIO, {{DBK_DLNA_MANAGED, "4"}});
+    db_object_set_str(item, DBK_MIME_OVERRIDE, "http://upload");
+    char text[DB_ID_TEXT_SIZE];
+    EXPECT_EQ(4, db_get_dlna_managed(db_object_id_text(item, text, sizeof text)));
+    EXPECT_EQ(-1, db_get_dlna_managed("nonsense"));
+    db_clear_import_uri(text);
+    EXPECT_EQ(nullptr, db_object_get_str(item, DBK_MIME_OVERRIDE));
+}
 
-TEST_F(DbId, PathsLeadToTheirItemsByExactTextWhateverTheirHash)
+TEST_F(DbId, PathsLeadToTheirItemsByExactTextWhateverTheirHashAsTheIndexGrows)
 {
     db_object* a = add("/music/a.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "a"}});
     db_object* b = add("/photos/b.jpg", DB_OBJ_PHOTO, {{DBK_TITLE, "b"}});
@@ -149,12 +141,24 @@ TEST_F(DbId, PathsLeadToTheirItemsByExactTextWhateverTheirHash)
         EXPECT_EQ(o->id, upnp_cds_db_file_get_id_by_res(p));
     }
     EXPECT_EQ(a->id, upnp_cds_db_file_get_id_by_res("/music/a.mp3"));
+    // The index grows and keeps every path.
+    std::vector<std::pair<std::string, uint32_t>> added;
+    for (int i = 0; i < 12000; i++) {
+        std::string p = "/music/artist" + std::to_string(i % 37) + "/track" + std::to_string(i) + ".mp3";
+        db_object* o = add(p, DB_OBJ_AUDIO, {{DBK_TITLE, "t"}});
+        ASSERT_NE(nullptr, o);
+        added.push_back({p, o->id});
+    }
+    for (size_t i = 0; i < added.size(); i += 101) {
+        SCOPED_TRACE(added[i].first);
+        EXPECT_EQ(added[i].second, upnp_cds_db_file_get_id_by_res(added[i].first.c_str()));
+        EXPECT_NE(nullptr, db_get_pItem_by_id(added[i].second));
+    }
 }
 
 TEST_F(DbId, ADeletedItemLeavesAStalePairThatFindsNothingAndSeededIdsLeadBack)
 {
-    db_object* item = add("/m/stale.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "s"}});
-    db_object_delete(item);
+    db_object_delete(add("/m/stale.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "s"}}));
     EXPECT_EQ(1, db_path_index_count());
     EXPECT_EQ(0u, upnp_cds_db_file_get_id_by_res("/m/stale.mp3"));
     db_object* again = add("/m/stale.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "s"}});
@@ -171,24 +175,6 @@ TEST_F(DbId, ADeletedItemLeavesAStalePairThatFindsNothingAndSeededIdsLeadBack)
     EXPECT_EQ(0u, files.blocks.count(files.next_block - 1));
 }
 
-TEST_F(DbId, IndexGrowsAndKeepsEveryPath)
-{
-    std::vector<std::pair<std::string, uint32_t>> added;
-    for (int i = 0; i < 12000; i++) {
-        std::string p = "/music/artist" + std::to_string(i % 37) + "/track" + std::to_string(i) + ".mp3";
-        db_object* o = add(p, DB_OBJ_AUDIO, {{DBK_TITLE, "t"}});
-        ASSERT_NE(nullptr, o);
-        added.push_back({p, o->id});
-    }
-    for (size_t i = 0; i < added.size(); i += 101) {
-        SCOPED_TRACE(added[i].first);
-        EXPECT_EQ(added[i].second, upnp_cds_db_file_get_id_by_res(added[i].first.c_str()));
-        EXPECT_NE(nullptr, db_get_pItem_by_id(added[i].second));
-    }
-}
-
-// ---- Lists ----------------------------------------------------------------------------
-
 TEST_F(DbId, ChildAccessStaysInsideTheListAndHasAndFindTitleCompareExactly)
 {
     EXPECT_EQ(db_music_root, db_container_child(db_root, 0));
@@ -202,16 +188,14 @@ TEST_F(DbId, ChildAccessStaysInsideTheListAndHasAndFindTitleCompareExactly)
     EXPECT_EQ(2, db_container_children(db_root, out, 2));
     EXPECT_EQ(db_picture_root, out[1]);
     // Has looks at pointers, not at their targets.
-    db_object* list = db_container_new(db_next_id(DB_OBJ_PLAYLIST_CONTAINER), "pl", 0);
-    db_object* ref = db_ref_new(DB_OBJ_REF_TRACK, item, 1);
-    db_container_add_child(list, ref);
-    EXPECT_EQ(1, db_container_has(list, ref));
+    db_object* list = folder(DB_OBJ_PLAYLIST_CONTAINER, "pl");
+    db_object* track = ref(item, list, 1);
+    EXPECT_EQ(1, db_container_has(list, track));
     EXPECT_EQ(0, db_container_has(list, item));
     EXPECT_EQ(1, db_container_has(db_all_music, item));
     // Find title takes containers with the exact title.
-    db_object* folder = db_container_new(db_next_id(DB_OBJ_CONTAINER), "Folder", 0);
-    db_container_add_child(db_music_root, folder);
-    EXPECT_EQ(folder, db_container_find_title(db_music_root, "Folder"));
+    db_object* named = folder(DB_OBJ_CONTAINER, "Folder", db_music_root);
+    EXPECT_EQ(named, db_container_find_title(db_music_root, "Folder"));
     EXPECT_EQ(nullptr, db_container_find_title(db_music_root, "folder"));
     EXPECT_EQ(db_music_root, db_container_find_title(db_root, "Music"));
     EXPECT_EQ(nullptr, db_container_find_title(db_root, nullptr));
@@ -219,15 +203,13 @@ TEST_F(DbId, ChildAccessStaysInsideTheListAndHasAndFindTitleCompareExactly)
 
 TEST_F(DbId, ClearItemsKeepsContainersAndMarksQuietly)
 {
-    db_object* c = db_container_new(db_next_id(DB_OBJ_PLAYLIST_CONTAINER), "c", 0);
+    db_object* c = folder(DB_OBJ_PLAYLIST_CONTAINER, "c");
     db_object* item = add("/m/cl.mp3", DB_OBJ_AUDIO, {});
-    db_object* f1 = db_container_new(db_next_id(DB_OBJ_CONTAINER), "f1", 0);
-    db_object* f2 = db_container_new(db_next_id(DB_OBJ_CONTAINER), "f2", 0);
     for (int i = 0; i < 12; i++)
-        db_container_add_child(c, db_ref_new(DB_OBJ_REF, item, 0));
-    db_container_add_child(c, f1);
-    db_container_add_child(c, db_ref_new(DB_OBJ_REF, item, 0));
-    db_container_add_child(c, f2);
+        ref(item, c);
+    db_object* f1 = folder(DB_OBJ_CONTAINER, "f1", c);
+    ref(item, c);
+    db_object* f2 = folder(DB_OBJ_CONTAINER, "f2", c);
     db_object_set_char(c, DBK_SORTED, '1');
     db_object_set_char(c, DBK_EVENT_PENDING, '0');
     int32_t update_id = db_object_get_int(c, DBK_UPDATE_ID);
@@ -244,44 +226,31 @@ TEST_F(DbId, ClearItemsKeepsContainersAndMarksQuietly)
     EXPECT_EQ(item, db_container_child(db_all_music, 0));
 }
 
-TEST_F(DbId, DlnaManagedAndImportUriWorkByIdText)
-{
-    db_object* item = add("/m/up.mp3", DB_OBJ_AUDIO, {{DBK_DLNA_MANAGED, "4"}});
-    db_object_set_str(item, DBK_MIME_OVERRIDE, "http://upload");
-    char text[DB_ID_TEXT_SIZE];
-    db_object_id_text(item, text, sizeof text);
-    EXPECT_EQ(4, db_get_dlna_managed(text));
-    EXPECT_EQ(-1, db_get_dlna_managed("nonsense"));
-    db_clear_import_uri(text);
-    EXPECT_EQ(nullptr, db_object_get_str(item, DBK_MIME_OVERRIDE));
-}
-
-// ---- Sorting ----------------------------------------------------------------------------
-
 class DbSort : public DbStoreTest {
 protected:
+    typedef std::vector<std::string> titles;
     int next = 0;
-    db_object* track(std::initializer_list<std::pair<int, const char*>> fields)
+    db_object* track(db_test_fields fields)
     {
         return add("/m/sort" + std::to_string(next++) + ".mp3", DB_OBJ_AUDIO, fields);
     }
-    std::vector<std::string> sorted(const char* criteria, int32_t type = DB_OBJ_CONTAINER,
-                                    const HTTP_request* request = nullptr, db_object* c = nullptr)
+    // The titles of db_all_music's children in the order db_sort_objects gives.
+    static titles sorted(const char* criteria, int32_t type = DB_OBJ_CONTAINER, const HTTP_request* request = nullptr)
     {
-        c = c ? c : db_all_music;
-        std::vector<db_object*> v(size_t(db_container_child_count(c)));
-        db_container_children(c, v.data(), int32_t(v.size()));
+        std::vector<db_object*> v(size_t(db_container_child_count(db_all_music)));
+        db_container_children(db_all_music, v.data(), int32_t(v.size()));
         db_sort_prepare(criteria, type, request);
         db_sort_objects(v.data(), int32_t(v.size()));
-        std::vector<std::string> titles;
+        titles out;
         for (db_object* o : v)
-            titles.push_back(db_object_get_str(o, DBK_TITLE));
-        return titles;
+            out.push_back(db_object_get_str(o, DBK_TITLE));
+        return out;
     }
-    typedef std::vector<std::string> titles;
 };
 
-TEST_F(DbSort, FoldedTextPutsAccentsWithTheirLetters)
+struct sort_case { const char* criteria; int32_t type; const HTTP_request* request; std::vector<std::string> order; };
+
+TEST_F(DbSort, FoldedTextPutsAccentsWithTheirLettersUnlessTheClientSortsBytes)
 {
     // Ä, ä, Å (with Z, on purpose), the multiplication sign, ñ, © (stays), a plain byte.
     const int folds[][3] = {{0xC3, 0x84, 'A'}, {0xC3, 0xA4, 'A'}, {0xC3, 0x85, 'Z'}, {0xC3, 0x97, 'O'},
@@ -295,22 +264,19 @@ TEST_F(DbSort, FoldedTextPutsAccentsWithTheirLetters)
     EXPECT_EQ(0, db_compare_text(nullptr, nullptr));
     for (const char* t : {"Zebra", "\xC3\x85sa", "Yes", "apple", "\xC3\x84rger", "banana"})
         track({{DBK_TITLE, t}});
-    EXPECT_EQ((titles{"\xC3\x84rger", "apple", "banana", "Yes", "\xC3\x85sa", "Zebra"}), sorted("+dc:title"));
-    EXPECT_EQ((titles{"Zebra", "\xC3\x85sa", "Yes", "banana", "apple", "\xC3\x84rger"}), sorted("-dc:title"));
-}
-
-TEST_F(DbSort, ClientsWithoutUtf8SortComparePlainBytes)
-{
-    for (const char* t : {"apple", "\xC3\x84rger", "Banana"})
-        track({{DBK_TITLE, t}});
-    int dummy = 0;
-    const HTTP_request* request = reinterpret_cast<const HTTP_request*>(&dummy);
     db_set_client_flag_probe(probe_flags);
-    EXPECT_EQ((titles{"apple", "Banana", "\xC3\x84rger"}), sorted("+dc:title", DB_OBJ_CONTAINER, request));
-    EXPECT_EQ((titles{"\xC3\x84rger", "apple", "Banana"}), sorted("+dc:title"));
+    const sort_case cases[] = {
+        {"+dc:title", 0, nullptr, {"\xC3\x84rger", "apple", "banana", "Yes", "\xC3\x85sa", "Zebra"}},
+        {"-dc:title", 0, nullptr, {"Zebra", "\xC3\x85sa", "Yes", "banana", "apple", "\xC3\x84rger"}},
+        {"+dc:title", 0, db_client, {"apple", "banana", "Yes", "Zebra", "\xC3\x84rger", "\xC3\x85sa"}},
+    };
+    for (const sort_case& c : cases) {
+        SCOPED_TRACE(std::string(c.criteria) + (c.request ? " bytes" : ""));
+        EXPECT_EQ(c.order, sorted(c.criteria, c.type, c.request));
+    }
 }
 
-TEST_F(DbSort, EachCriterionOrdersByItsField)
+TEST_F(DbSort, EachCriterionOrdersByItsFieldAndTheDefaultDependsOnTheContainer)
 {
     track({{DBK_TITLE, "one"}, {DBK_ARTIST, "Cher"}, {DBK_ALBUM, "Z"}, {DBK_GENRE, "Rock"}, {DBK_TRACK, "3"},
            {DBK_RATING, "1"}, {DBK_DATE, "2001-01-01"}});
@@ -318,23 +284,26 @@ TEST_F(DbSort, EachCriterionOrdersByItsField)
            {DBK_RATING, "5"}, {DBK_DATE, "1999-05-05"}});
     track({{DBK_TITLE, "three"}, {DBK_ARTIST, "Bono"}, {DBK_ALBUM, "X"}, {DBK_GENRE, "Pop"}, {DBK_TRACK, "2"},
            {DBK_RATING, "3"}, {DBK_DATE, "2010-12-12"}});
-    struct criterion_case { const char* criteria; titles order; };
-    const criterion_case cases[] = {
-        {"+upnp:artist", {"two", "three", "one"}},
-        {"dc:creator", {"two", "three", "one"}},
-        {"-upnp:artist", {"one", "three", "two"}},
-        {"+upnp:album", {"three", "two", "one"}},
-        {"+upnp:genre", {"two", "three", "one"}},
-        {"+upnp:originalTrackNumber", {"two", "three", "one"}},
-        {"-pv:rating", {"two", "three", "one"}},
-        {"+dc:date", {"two", "one", "three"}},
-        {"-dc:date", {"three", "one", "two"}},
-        {"+foo:bar,+dc:title", {"one", "three", "two"}},
-        {"+dc:titleX", {"one", "three", "two"}},       // tokens match by prefix
+    const sort_case cases[] = {
+        {"+upnp:artist", 0, nullptr, {"two", "three", "one"}},
+        {"dc:creator", 0, nullptr, {"two", "three", "one"}},
+        {"-upnp:artist", 0, nullptr, {"one", "three", "two"}},
+        {"+upnp:album", 0, nullptr, {"three", "two", "one"}},
+        {"+upnp:genre", 0, nullptr, {"two", "three", "one"}},
+        {"+upnp:originalTrackNumber", 0, nullptr, {"two", "three", "one"}},
+        {"-pv:rating", 0, nullptr, {"two", "three", "one"}},
+        {"+dc:date", 0, nullptr, {"two", "one", "three"}},
+        {"-dc:date", 0, nullptr, {"three", "one", "two"}},
+        {"+foo:bar,+dc:title", 0, nullptr, {"one", "three", "two"}},
+        {"+dc:titleX", 0, nullptr, {"one", "three", "two"}},       // tokens match by prefix
+        // No criteria: newest first, but music containers by title.
+        {nullptr, DB_OBJ_MUSIC_ALBUM, nullptr, {"three", "one", "two"}},
+        {"", DB_OBJ_CONTAINER, nullptr, {"three", "one", "two"}},
+        {nullptr, DB_OBJ_MUSIC_CONTAINER, nullptr, {"one", "three", "two"}},
     };
-    for (const criterion_case& c : cases) {
-        SCOPED_TRACE(c.criteria);
-        EXPECT_EQ(c.order, sorted(c.criteria));
+    for (const sort_case& c : cases) {
+        SCOPED_TRACE(c.criteria ? c.criteria : "null");
+        EXPECT_EQ(c.order, sorted(c.criteria, c.type));
     }
 }
 
@@ -348,38 +317,16 @@ TEST_F(DbSort, DateTiesGoByMtimeThenTitleInTheLastDirection)
     EXPECT_EQ((titles{"d", "b", "a", "c"}), sorted("-dc:date"));
 }
 
-TEST_F(DbSort, DefaultIsNewestFirstExceptForMusicContainers)
-{
-    track({{DBK_TITLE, "old"}, {DBK_DATE, "1990-01-01"}});
-    track({{DBK_TITLE, "new"}, {DBK_DATE, "2020-01-01"}});
-    track({{DBK_TITLE, "mid"}, {DBK_DATE, "2000-01-01"}});
-    EXPECT_EQ((titles{"new", "mid", "old"}), sorted(nullptr, DB_OBJ_MUSIC_ALBUM));
-    EXPECT_EQ((titles{"new", "mid", "old"}), sorted("", DB_OBJ_CONTAINER));
-    EXPECT_EQ((titles{"mid", "new", "old"}), sorted(nullptr, DB_OBJ_MUSIC_CONTAINER));
-}
-
 TEST_F(DbSort, ContainersComeFirstByAOneSidedTest)
 {
     db_object* item = track({{DBK_TITLE, "a track"}});
-    db_object* folder = db_container_new(db_next_id(DB_OBJ_CONTAINER), "zz folder", 0);
+    db_object* box = folder(DB_OBJ_CONTAINER, "zz folder");
     db_sort_prepare("+dc:title", DB_OBJ_CONTAINER, nullptr);
-    EXPECT_EQ(-1, db_sort_compare(&folder, &item));
-    // An item on the left goes on to the fields.
-    EXPECT_EQ(-1, db_sort_compare(&item, &folder));
+    EXPECT_EQ(-1, db_sort_compare(&box, &item));
+    EXPECT_EQ(-1, db_sort_compare(&item, &box));      // an item on the left goes on to the fields
     db_sort_prepare("-dc:title", DB_OBJ_CONTAINER, nullptr);
-    EXPECT_EQ(-1, db_sort_compare(&folder, &item));
-    EXPECT_EQ(1, db_sort_compare(&item, &folder));
-}
-
-TEST_F(DbSort, TheAllFolderSortsFirstWhateverItsLetters)
-{
-    upnp_ini_set(UPNP_OPT_ALLNAME, "Zed");
-    db_object* holder = db_container_new(db_next_id(DB_OBJ_CONTAINER), "h", 0);
-    for (const char* t : {"Abc", "Zed", "Mmm"})
-        db_container_add_child(holder, db_container_new(db_next_id(DB_OBJ_CONTAINER), t, 0));
-    titles order = sorted("+dc:title", DB_OBJ_CONTAINER, nullptr, holder);
-    upnp_ini_set(UPNP_OPT_ALLNAME, "");
-    EXPECT_EQ((titles{"Zed", "Abc", "Mmm"}), order);
+    EXPECT_EQ(-1, db_sort_compare(&box, &item));
+    EXPECT_EQ(1, db_sort_compare(&item, &box));
 }
 
 TEST_F(DbSort, ShuffleIsAPermutationThatRepeats)
@@ -387,52 +334,24 @@ TEST_F(DbSort, ShuffleIsAPermutationThatRepeats)
     for (int i = 0; i < 40; i++)
         track({{DBK_TITLE, ("t" + std::to_string(i)).c_str()}});
     titles first = sorted("Philips:shuffle");
-    titles second = sorted("Philips:shuffle");
-    EXPECT_EQ(first, second);
+    EXPECT_EQ(first, sorted("Philips:shuffle"));
     EXPECT_EQ(40u, std::set<std::string>(first.begin(), first.end()).size());
 }
 
-TEST_F(DbSort, SortingAContainerKeepsItsChildrenAndMarksItSorted)
-{
-    for (const char* t : {"c", "a", "b"})
-        track({{DBK_TITLE, t}});
-    int64_t used = db_object_get_used_mem();
-    db_sort_prepare("+dc:title", DB_OBJ_MUSIC_CONTAINER, nullptr);
-    db_container_sort(db_all_music);
-    EXPECT_EQ('1', db_object_get_char(db_all_music, DBK_SORTED));
-    EXPECT_STREQ("a", db_object_get_str(db_container_child(db_all_music, 0), DBK_TITLE));
-    EXPECT_STREQ("c", db_object_get_str(db_container_child(db_all_music, 2), DBK_TITLE));
-    EXPECT_EQ(used, db_object_get_used_mem());
-    db_object* a = db_container_child(db_all_music, 0);
-    EXPECT_EQ(a, db_get_pItem_by_id(a->id));
-}
-
-TEST_F(DbSort, LongSharedPrefixesAndEndsOrderLikeTheTextComparison)
-{
-    // Titles that agree beyond the first 16 positions, end inside them, or
-    // hold bytes that fold to negative characters.
-    const char* t[] = {"Song 0000000000001", "Song 0000000000002", "Song 000000000000", "Song 00000000000",
-                       "song 0000000000001x", "\x80", "", "\xC3\xA4\x80", "\xC3\xA4", "A\x80", "A"};
-    for (const char* title : t)
-        track({{DBK_TITLE, title}});
-    titles got = sorted("+dc:title");
-    for (size_t i = 1; i < got.size(); i++) {
-        SCOPED_TRACE(got[i]);
-        EXPECT_LE(db_compare_text(got[i - 1].c_str(), got[i].c_str()), 0);
-    }
-}
-
-// Many titles that share long prefixes or fold alike, in shuffled order:
-// every sort must give exactly the order of a stable sort by the plain
-// comparison, equal titles keeping the order they came in.
+// Many titles that share long prefixes (beyond the 16 positions a sort
+// keeps of each), end inside them, fold alike or hold bytes that fold to
+// negative characters, in shuffled order: every sort must give exactly the
+// order of a stable sort by the plain comparison, equal titles keeping the
+// order they came in, and the "All" title goes first whatever its letters.
 TEST_F(DbSort, LargeListsOrderLikeAStableSortByThePlainComparison)
 {
-    const char* stems[] = {"Song 0000000000000", "song 00000000000000", "Song 00", "S", "",
-                           "\xC3\x84rger ist gut", "\xC3\xA4rger ist gut", "\xC3\x85sa", "Ar", "a\x80\x80",
-                           "\x80", "\xFF\xFE", "Zed", "zed \xC3\xA9t\xC3\xA9", "Picture 00000000001"};
+    const char* stems[] = {"Song 0000000000000", "song 00000000000000", "Song 00", "S", "", "\xC3\x84rger ist gut",
+                           "\xC3\xA4rger ist gut", "\xC3\x85sa", "Ar", "a\x80\x80", "\x80", "\xFF\xFE", "Zed",
+                           "zed \xC3\xA9t\xC3\xA9", "Picture 00000000001", "\xC3\xA4\x80", "A\x80", "A"};
+    const size_t stem_count = sizeof stems / sizeof *stems;
     std::vector<std::string> texts;
     for (int i = 0; i < 6000; i++) {
-        std::string t = stems[i % 15];
+        std::string t = stems[size_t(i) % stem_count];
         if (i % 7)
             t += std::to_string(i % 501);
         if (i % 11 == 0)
@@ -445,28 +364,123 @@ TEST_F(DbSort, LargeListsOrderLikeAStableSortByThePlainComparison)
     upnp_ini_set(UPNP_OPT_ALLNAME, "Zed");
     std::vector<db_object*> input(size_t(db_container_child_count(db_all_music)));
     db_container_children(db_all_music, input.data(), int32_t(input.size()));
-    int dummy = 0;
-    const HTTP_request* no_utf8 = reinterpret_cast<const HTTP_request*>(&dummy);
     db_set_client_flag_probe(probe_flags);
-    struct order_case { const char* criteria; const HTTP_request* request; };
-    for (const order_case& c : {order_case{"+dc:title", nullptr}, order_case{"-dc:title", nullptr},
-                                order_case{"+dc:title", no_utf8}, order_case{"+upnp:genre,-dc:title", nullptr}}) {
-        SCOPED_TRACE(std::string(c.criteria) + (c.request ? " no utf-8" : ""));
-        db_sort_prepare(c.criteria, DB_OBJ_CONTAINER, c.request);
+    auto stable = [&input] {
         std::vector<db_object*> want = input;
-        std::stable_sort(want.begin(), want.end(),
-                         [](db_object* a, db_object* b) { return db_sort_compare(&a, &b) < 0; });
+        auto before = [](db_object* a, db_object* b) { return db_sort_compare(&a, &b) < 0; };
+        std::stable_sort(want.begin(), want.end(), before);
+        return want;
+    };
+    const sort_case cases[] = {{"+dc:title", 0, nullptr, {}}, {"-dc:title", 0, nullptr, {}},
+                               {"+dc:title", 0, db_client, {}}, {"+upnp:genre,-dc:title", 0, nullptr, {}}};
+    for (const sort_case& c : cases) {
+        SCOPED_TRACE(std::string(c.criteria) + (c.request ? " bytes" : ""));
+        db_sort_prepare(c.criteria, DB_OBJ_CONTAINER, c.request);
         std::vector<db_object*> got = input;
         db_sort_objects(got.data(), int32_t(got.size()));
-        EXPECT_TRUE(got == want);
+        EXPECT_TRUE(got == stable());
     }
     db_sort_prepare("+dc:title", DB_OBJ_CONTAINER, nullptr);
-    std::vector<db_object*> want = input;
-    std::stable_sort(want.begin(), want.end(), [](db_object* a, db_object* b) { return db_sort_compare(&a, &b) < 0; });
+    int64_t used = db_object_get_used_mem();
     db_container_sort(db_all_music);
-    std::vector<db_object*> got(want.size());
+    std::vector<db_object*> got(input.size());
     db_container_children(db_all_music, got.data(), int32_t(got.size()));
     upnp_ini_set(UPNP_OPT_ALLNAME, "");
-    EXPECT_TRUE(got == want);
+    EXPECT_TRUE(got == stable());
     EXPECT_EQ("Zed", std::string(db_object_get_str(got[0], DBK_TITLE)));
+    for (size_t i = 1; i < got.size(); i++) {
+        const char* a = db_object_get_str(got[i - 1], DBK_TITLE);
+        if (strcmp(a, "Zed")) {
+            ASSERT_LE(db_compare_text(a, db_object_get_str(got[i], DBK_TITLE)), 0) << i;
+        }
+    }
+    EXPECT_EQ('1', db_object_get_char(db_all_music, DBK_SORTED));
+    EXPECT_EQ(used, db_object_get_used_mem());
+    EXPECT_EQ(got[7], db_get_pItem_by_id(got[7]->id));
+}
+
+// ---- What a stream and a cover route need ----------------------------------------
+
+static std::string id_of(const db_object* o)
+{
+    char text[DB_ID_TEXT_SIZE];
+    return db_object_id_text(o, text, sizeof text);
+}
+
+static std::string res_of(const db_object* o, int32_t* duration)
+{
+    char* path = db_get_res_by_id(id_of(o).c_str(), nullptr, duration);
+    std::string out = path ? path : "(null)";
+    free(path);
+    return out;
+}
+
+TEST_F(DbId, StreamingATrackCountsAPlayAndRewritesItsRecord)
+{
+    db_object* a = add("/m/a.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "a"}, {DBK_DURATION, "0:03:35.000"}});
+    db_object* album = folder(DB_OBJ_MUSIC_ALBUM, "Album", db_music_root);
+    db_object* r = ref(a, album);
+    int32_t duration = 0;
+    int64_t before = int64_t(time(nullptr));
+    EXPECT_EQ(res_of(a, &duration), "/m/a.mp3");
+    EXPECT_EQ(duration, 215000);
+    EXPECT_EQ(res_of(r, &duration), "/m/a.mp3");        // a reference stands for its target
+    EXPECT_EQ(db_object_get_int(a, DBK_PLAY_COUNT), 2);
+    EXPECT_GE(db_object_get_int(a, DBK_LAST_PLAYED), before);
+    EXPECT_EQ(files.rewrites, 2);
+}
+
+TEST_F(DbId, StreamLookupDurationAndPlayRules)
+{
+    struct {
+        const char* name; int32_t type; db_test_fields fields; int32_t duration; int32_t plays_after;
+    } cases[] = {
+        {"no duration", DB_OBJ_AUDIO, {{DBK_TITLE, "t"}}, 0, 1},
+        {"zero plays become one", DB_OBJ_AUDIO, {{DBK_PLAY_COUNT, "0"}}, 0, 1},
+        {"transport stream of unknown end", DB_OBJ_VIDEO, {{DBK_EXTENSION, "spts"}, {DBK_DURATION, "0:01:00.000"}}, -1, -1},
+        {"a picture is no play", DB_OBJ_PHOTO, {{DBK_TITLE, "p"}}, 0, -1},
+    };
+    int n = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        db_object* o = add("/x/" + std::to_string(n++), c.type, c.fields);
+        ASSERT_NE(o, nullptr);
+        int32_t duration = 99;
+        EXPECT_NE(res_of(o, &duration), "(null)");
+        EXPECT_EQ(duration, c.duration);
+        EXPECT_EQ(db_object_get_int(o, DBK_PLAY_COUNT), c.plays_after);
+    }
+}
+
+TEST_F(DbId, StreamLookupRefusesWhatIsNoMediaItem)
+{
+    int32_t duration = 0;
+    EXPECT_EQ(res_of(db_music_root, &duration), "(null)");
+    EXPECT_EQ(db_get_res_by_id("999$1", nullptr, &duration), nullptr);
+    EXPECT_EQ(db_get_res_by_id("", nullptr, &duration), nullptr);
+}
+
+TEST_F(DbId, AFolderCoverIsThatOfItsFirstTrackWithOne)
+{
+    db_object* album = folder(DB_OBJ_MUSIC_ALBUM, "Album", db_music_root);
+    ref(add("/m/1.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "1"}}), album);
+    ref(add("/m/2.mp3", DB_OBJ_AUDIO, {{DBK_ART_OFFSET, "4096"}, {DBK_ART_SIZE, "100"}}), album);
+    ref(add("/m/3.mp3", DB_OBJ_AUDIO, {{DBK_ART_OFFSET, "10"}, {DBK_ART_SIZE, "5"}}), album);
+    db_object* outer = folder(DB_OBJ_MUSIC_ARTIST, "Artist", db_music_root);
+    db_container_add_child(outer, folder(DB_OBJ_MUSIC_ALBUM, "Inner"));
+    struct { const char* name; db_object* o; const char* path; int64_t offset, length; } cases[] = {
+        {"album", album, "/m/2.mp3", 4096, 100},
+        {"reference", db_container_child(album, 2), "/m/3.mp3", 10, 5},
+        {"track without a cover", db_container_child(album, 0), "/m/1.mp3", -1, -1},
+        {"folder of folders", outer, nullptr, -1, -1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        int64_t offset = 0, length = 0;
+        char* path = db_get_album_art(id_of(c.o).c_str(), nullptr, &offset, &length);
+        EXPECT_EQ(path ? std::string(path) : "(null)", c.path ? c.path : "(null)");
+        EXPECT_EQ(offset, c.offset);
+        EXPECT_EQ(length, c.length);
+        free(path);
+    }
 }

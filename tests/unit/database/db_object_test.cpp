@@ -10,37 +10,28 @@
 #include <gtest/gtest.h>
 
 #include <ctime>
-#include <map>
 #include <string>
 #include <thread>
 #include <vector>
 
 using DbObject = DbStoreTest;
 
-// ---- Record sizes and the account ------------------------------------------
-
-TEST_F(DbObject, AccountCountsEachShapeAndSlotAtTheSizeItReallyHas)
+TEST_F(DbObject, AccountCountsEachShapeAndSlotAtTheSizeItReallyHasAndDestroyEmptiesIt)
 {
-    EXPECT_EQ(24u, sizeof(db_container));
-    EXPECT_EQ(20u, sizeof(db_item));
-    EXPECT_EQ(14u, sizeof(db_ref_track));
-    EXPECT_EQ(12u, sizeof(db_ref));
-    EXPECT_EQ(6u, sizeof(db_meta_entry));
     int64_t base = db_object_get_used_mem();
-    db_object* c = db_container_new(db_next_id(DB_OBJ_CONTAINER), "c", 0);
+    db_object* c = folder(DB_OBJ_CONTAINER, "c");
     EXPECT_EQ(base + 24, db_object_get_used_mem());
     db_object* item = add("/m/a.mp3", DB_OBJ_AUDIO, {{DBK_ALBUM, "A"}, {DBK_GENRE, "G"}});
     ASSERT_NE(nullptr, item);
     int64_t with_item = db_object_get_used_mem();
     // 20 + 2 slots of 6, and the All container's first 10 slots of 4 bytes.
     EXPECT_EQ(base + 24 + 20 + 12 + 40, with_item);
-    db_object* ref = db_ref_new(DB_OBJ_REF, item, 0);
+    db_object* plain = ref(item);
     EXPECT_EQ(with_item + 12, db_object_get_used_mem());
-    db_object* numbered = db_ref_new(DB_OBJ_REF_TRACK, item, 3);
+    db_object* numbered = ref(item, nullptr, 3);
     EXPECT_EQ(with_item + 26, db_object_get_used_mem());
-    db_object_free(numbered);
-    db_object_free(ref);
-    db_object_free(c);
+    for (db_object* o : {numbered, plain, c})
+        db_object_free(o);
     EXPECT_EQ(with_item - 24, db_object_get_used_mem());
     EXPECT_EQ(1, db_object_set_str(item, DBK_ARTIST, "X"));
     EXPECT_EQ(1, db_object_set_int(item, DBK_BITRATE, 128000));
@@ -51,42 +42,6 @@ TEST_F(DbObject, AccountCountsEachShapeAndSlotAtTheSizeItReallyHas)
     int64_t detached = db_object_get_used_mem();
     db_object_free(item);
     EXPECT_EQ(detached - 20 - 30, db_object_get_used_mem());
-}
-
-TEST_F(DbObject, ChildrenGrowByTheRoundingRuleAndShrinkKeepingTheirOrder)
-{
-    db_object* c = db_container_new(db_next_id(DB_OBJ_CONTAINER), "c", 0);
-    struct step { int count; int capacity; };
-    const step steps[] = {{1, 10}, {10, 10}, {11, 20}, {100, 100}, {101, 200}, {250, 300}, {1500, 1500}};
-    int64_t base = db_object_get_used_mem() - 24;
-    std::vector<db_object*> kids;
-    for (const step& s : steps) {
-        SCOPED_TRACE(s.count);
-        while (int(kids.size()) < s.count) {
-            kids.push_back(db_container_new(db_next_id(DB_OBJ_CONTAINER), nullptr, 0));
-            ASSERT_EQ(1, db_container_add_child(c, kids.back()));
-        }
-        EXPECT_EQ(base + 24 + 4 * s.capacity + 24 * int64_t(kids.size()), db_object_get_used_mem());
-    }
-    db_container_remove_child(c, kids[1]);
-    db_container_remove_child(c, kids[1]);          // not there any more: nothing
-    EXPECT_EQ(nullptr, db_object_parent(kids[1]));
-    for (size_t i = 2; i < 1490; i++)
-        db_container_remove_child(c, kids[i]);
-    ASSERT_EQ(11, db_container_child_count(c));
-    EXPECT_EQ(kids[0], db_container_child(c, 0));
-    for (int i = 1; i < 11; i++)
-        EXPECT_EQ(kids[size_t(1489 + i)], db_container_child(c, i));
-    int64_t before = db_object_get_used_mem();
-    db_container_remove_child(c, kids[1499]);       // the eleventh of eleven: back to ten slots
-    EXPECT_EQ(before - 40, db_object_get_used_mem());
-}
-
-TEST_F(DbObject, DestroyEmptiesTheAccountAndThePool)
-{
-    add("/m/c.mp3", DB_OBJ_AUDIO, {{DBK_ALBUM, "A"}});
-    EXPECT_GT(db_object_get_used_mem(), 0);
-    EXPECT_GT(db_string_pool_count(), 0);
     db_destroy();
     EXPECT_EQ(0, db_object_get_used_mem());
     EXPECT_EQ(0, db_string_pool_count());
@@ -97,7 +52,31 @@ TEST_F(DbObject, DestroyEmptiesTheAccountAndThePool)
     db_create();                // for TearDown
 }
 
-// ---- String pool -------------------------------------------------------------
+TEST_F(DbObject, ChildrenGrowByTheRoundingRuleAndShrinkKeepingTheirOrder)
+{
+    db_object* c = folder(DB_OBJ_CONTAINER, "c");
+    struct step { int count; int capacity; };
+    const step steps[] = {{1, 10}, {10, 10}, {11, 20}, {100, 100}, {101, 200}, {250, 300}, {1500, 1500}};
+    int64_t base = db_object_get_used_mem() - 24;
+    std::vector<db_object*> kids;
+    for (const step& s : steps) {
+        SCOPED_TRACE(s.count);
+        while (int(kids.size()) < s.count)
+            kids.push_back(folder(DB_OBJ_CONTAINER, nullptr, c));
+        EXPECT_EQ(base + 24 + 4 * s.capacity + 24 * int64_t(kids.size()), db_object_get_used_mem());
+    }
+    db_container_remove_child(c, kids[1]);
+    db_container_remove_child(c, kids[1]);          // not there any more: nothing
+    EXPECT_EQ(nullptr, db_object_parent(kids[1]));
+    for (size_t i = 2; i < 1490; i++)
+        db_container_remove_child(c, kids[i]);
+    ASSERT_EQ(11, db_container_child_count(c));
+    for (int i = 0; i < 11; i++)
+        EXPECT_EQ(kids[i ? size_t(1489 + i) : 0], db_container_child(c, i));
+    int64_t before = db_object_get_used_mem();
+    db_container_remove_child(c, kids[1499]);       // the eleventh of eleven: back to ten slots
+    EXPECT_EQ(before - 40, db_object_get_used_mem());
+}
 
 TEST_F(DbObject, PoolSharesOneCopyCountsItOnceAndKeepsEveryTextAcrossGrowth)
 {
@@ -107,13 +86,11 @@ TEST_F(DbObject, PoolSharesOneCopyCountsItOnceAndKeepsEveryTextAcrossGrowth)
     const char* a = db_string_pool_add(text.c_str());
     EXPECT_EQ(a, db_string_pool_add("Abbey Road"));
     EXPECT_NE(text.c_str(), a);
-    EXPECT_STREQ("Abbey Road", a);
     EXPECT_EQ(2u, db_string_pool_refs(a));
     EXPECT_EQ(count + 1, db_string_pool_count());
     EXPECT_EQ(used + 10 + 13, db_string_pool_get_used_mem());
-    const char* e = db_string_pool_add("");
-    ASSERT_NE(nullptr, e);
-    EXPECT_EQ(e, db_string_pool_add(""));
+    EXPECT_NE(nullptr, db_string_pool_add(""));
+    EXPECT_EQ(db_string_pool_add(""), db_string_pool_add(""));
     EXPECT_EQ(nullptr, db_string_pool_add(nullptr));
     EXPECT_EQ(0u, db_string_pool_refs("not pooled"));
     db_object* x = add("/m/1.mp3", DB_OBJ_AUDIO, {{DBK_ARTIST, "Abba"}});
@@ -129,18 +106,15 @@ TEST_F(DbObject, PoolSharesOneCopyCountsItOnceAndKeepsEveryTextAcrossGrowth)
     }
 }
 
-// ---- Meta lists ----------------------------------------------------------------
-
 TEST(DbMetaList, AddsInFrontSkipsNullValuesAndWritesHexFieldsLeavingOutWhatIsTooLong)
 {
     char borrowed[] = "kept by caller";
     db_meta_list* l = db_meta_list_add(nullptr, DBK_TITLE, "t", 0);
     l = db_meta_list_add(l, DBK_ALBUM, nullptr, 0);
     l = db_meta_list_add(l, DBK_ARTIST, borrowed, 1);
-    ASSERT_NE(nullptr, l);
+    ASSERT_TRUE(l && l->next);
     EXPECT_EQ(DBK_ARTIST, l->key);
     EXPECT_EQ(borrowed, l->value);
-    ASSERT_NE(nullptr, l->next);
     EXPECT_EQ(DBK_TITLE, l->next->key);
     EXPECT_EQ(nullptr, l->next->next);
     db_meta_list_free(l);
@@ -163,8 +137,6 @@ TEST(DbMetaList, AddsInFrontSkipsNullValuesAndWritesHexFieldsLeavingOutWhatIsToo
     }
 }
 
-// ---- Reading ---------------------------------------------------------------------
-
 // A read as text: 's' a text ("<null>" for none), 'i' a number, 'c' a
 // character, 'k' the class.
 static std::string read(const db_object* o, int32_t key, char kind)
@@ -180,25 +152,19 @@ TEST_F(DbObject, ReadsAnswerFromTheRecordTheSlotsOrWhatTheyDelegateTo)
 {
     db_object* item = add("/m/t.mp3", DB_OBJ_AUDIO, {{DBK_TRACK, "7"}});
     db_object_set_char(item, DBK_SOURCE_KIND, 'h');
-    db_object* ref = db_ref_new(DB_OBJ_REF, item, 0);
-    db_object* numbered = db_ref_new(DB_OBJ_REF_TRACK, item, 3);
+    db_object* plain = ref(item);
+    db_object* numbered = ref(item, nullptr, 3);
     db_object* bare = add("/m/bare.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "only a title"}});
     db_object* tagged = add("/m/tagged.mp3", DB_OBJ_AUDIO, {{DBK_BITRATE, "128"}});
     db_object* video = add("/v/a.avi", DB_OBJ_VIDEO, {{DBK_BITRATE, "1"}});
     db_object* photo = add("/p/a.jpg", DB_OBJ_PHOTO, {{DBK_BITRATE, "1"}});
-    db_object* album = db_container_new(db_next_id(DB_OBJ_MUSIC_ALBUM), "Gold", 0);
-    db_container_add_child(db_music_root, album);
-    db_object* t1 = add("/m/g1.mp3", DB_OBJ_AUDIO, {{DBK_ALBUM, "Gold"}, {DBK_ARTIST, "Abba"}, {DBK_GENRE, "Pop"}});
-    db_object* t2 =
-        add("/m/g2.mp3", DB_OBJ_AUDIO, {{DBK_ALBUM, "Other"}, {DBK_ART_OFFSET, "4096"}, {DBK_ART_SIZE, "777"}});
-    db_container_add_child(album, db_ref_new(DB_OBJ_REF, t1, 0));
-    db_container_add_child(album, db_ref_new(DB_OBJ_REF, t2, 0));
-    db_object* various = db_container_new(db_next_id(DB_OBJ_MUSIC_ALBUM), "Various", 0);
-    db_object* t3 = add("/m/g3.mp3", DB_OBJ_AUDIO, {{DBK_ARTIST, "Abba"}, {DBK_ALBUM_ARTIST, "Various"}});
-    db_container_add_child(various, db_ref_new(DB_OBJ_REF, t3, 0));
-    db_object* empty = db_container_new(db_next_id(DB_OBJ_CONTAINER), "e", 0);
-    db_object* outer = db_container_new(db_next_id(DB_OBJ_CONTAINER), "o", 0);
-    db_container_add_child(outer, empty);
+    db_object* album = folder(DB_OBJ_MUSIC_ALBUM, "Gold", db_music_root);
+    ref(add("/m/g1.mp3", DB_OBJ_AUDIO, {{DBK_ALBUM, "Gold"}, {DBK_ARTIST, "Abba"}, {DBK_GENRE, "Pop"}}), album);
+    ref(add("/m/g2.mp3", DB_OBJ_AUDIO, {{DBK_ALBUM, "Other"}, {DBK_ART_OFFSET, "4096"}}), album);
+    db_object* various = folder(DB_OBJ_MUSIC_ALBUM, "Various");
+    ref(add("/m/g3.mp3", DB_OBJ_AUDIO, {{DBK_ARTIST, "Abba"}, {DBK_ALBUM_ARTIST, "Various"}}), various);
+    db_object* outer = folder(DB_OBJ_CONTAINER, "o");
+    db_object* empty = folder(DB_OBJ_CONTAINER, "e", outer);
     db_object* timed = add("/m/dur.mp3", DB_OBJ_AUDIO, {{DBK_DURATION, "0:00:05:250"}});
     upnp_ini_set(UPNP_OPT_ADAPTCASE, "1");
     db_object* adapted = add("/m/adapt.mp3", DB_OBJ_AUDIO, {{DBK_ARTIST, "the BEATLES"}, {DBK_DESCRIPTION, "the X"}});
@@ -207,7 +173,6 @@ TEST_F(DbObject, ReadsAnswerFromTheRecordTheSlotsOrWhatTheyDelegateTo)
     db_object_retype(shadow, DB_OBJ_SHADOW);
     const read_case cases[] = {
         {"title falls back", item, DBK_TITLE, 's', "Unknown"},
-        {"container title", db_music_root, DBK_TITLE, 's', "Music"},
         {"no object", nullptr, DBK_TITLE, 's', "<null>"},
         // Audio without an album is unknown only when it has some slot.
         {"bare album", bare, DBK_ALBUM, 's', "<null>"},
@@ -222,40 +187,35 @@ TEST_F(DbObject, ReadsAnswerFromTheRecordTheSlotsOrWhatTheyDelegateTo)
         // Folders report their first track; the cover comes from any track.
         {"folder title", album, DBK_TITLE, 's', "Gold"},
         {"folder album", album, DBK_ALBUM, 's', "Gold"},
-        {"folder genre", album, DBK_GENRE, 's', "Pop"},
         {"folder artist", album, DBK_ARTIST, 's', "Abba"},
         {"folder artist from the album artist", various, DBK_ARTIST, 's', "Various"},
         {"the track keeps its artist", db_container_child(various, 0), DBK_ARTIST, 's', "Abba"},
         {"folder cover", album, DBK_ART_OFFSET, 'i', "4096"},
-        {"folder cover size", album, DBK_ART_SIZE, 'i', "777"},
         {"other keys look at the first track only", album, DBK_BITRATE + 1, 'i', "-1"},
         {"empty folder", empty, DBK_ALBUM, 's', "<null>"},
         {"empty folder cover", empty, DBK_ART_OFFSET, 'i', "-1"},
         {"folder of folders", outer, DBK_ALBUM, 's', "<null>"},
         {"shadow title", shadow, DBK_TITLE, 's', "<null>"},
-        {"shadow album", shadow, DBK_ALBUM, 's', "<null>"},
         {"shadow number", shadow, DBK_BITRATE, 'i', "5"},
         {"track of the item", item, DBK_TRACK, 'i', "7"},
-        {"track through a reference", ref, DBK_TRACK, 'i', "7"},
+        {"track through a reference", plain, DBK_TRACK, 'i', "7"},
         {"track of a numbered reference", numbered, DBK_TRACK, 'i', "3"},
         {"track of a container", db_music_root, DBK_TRACK, 'i', "-2"},
         {"object id", item, DBK_OBJECT_ID, 'i', std::to_string(int32_t(item->id))},
         {"parent id", item, DBK_PARENT_ID, 'i', std::to_string(int32_t(db_music_root->id))},
         {"parent of the root", db_root, DBK_PARENT_ID, 'i', "-1"},
         {"child count", various, DBK_CHILD_COUNT, 'i', "1"},
-        {"target id", ref, DBK_TARGET_ID, 'i', std::to_string(int32_t(item->id))},
+        {"target id", plain, DBK_TARGET_ID, 'i', std::to_string(int32_t(item->id))},
         {"target id of an item", item, DBK_TARGET_ID, 'i', "-1"},
         {"a text key read as a number", item, DBK_ALBUM, 'i', "-1"},
         {"character slot", item, DBK_SOURCE_KIND, 'c', "h"},
-        {"character through a reference", ref, DBK_SOURCE_KIND, 'c', "h"},
+        {"character through a reference", plain, DBK_SOURCE_KIND, 'c', "h"},
         {"character absent", tagged, DBK_SOURCE_KIND, 'c', "0"},
         {"duration with a fourth field of milliseconds", timed, DBK_DURATION, 'i', "5250"},
         {"names adapted to their case", adapted, DBK_ARTIST, 's', "Beatles, The"},
         {"other texts are not", adapted, DBK_DESCRIPTION, 's', "the X"},
         {"class of a music container", db_music_root, 0, 'k', "object.container.musicContainer"},
-        {"class of a plain container", db_document_root, 0, 'k', "object.container"},
-        {"class of a track", item, 0, 'k', "object.item.audioItem.musicTrack"},
-        {"class of a reference", ref, 0, 'k', "object.item"},
+        {"class of a reference", plain, 0, 'k', "object.item"},
         {"class of nothing", nullptr, 0, 'k', "<null>"},
     };
     for (const read_case& c : cases) {
@@ -263,21 +223,13 @@ TEST_F(DbObject, ReadsAnswerFromTheRecordTheSlotsOrWhatTheyDelegateTo)
         EXPECT_EQ(c.want, read(c.o, c.key, c.kind));
     }
     EXPECT_EQ(DB_OBJ_SHADOW, db_object_type_of(shadow));
-    EXPECT_EQ(item, db_object_get_ptr(ref, DBK_TARGET));
+    EXPECT_EQ(item, db_object_get_ptr(plain, DBK_TARGET));
     EXPECT_STREQ("Music", static_cast<const char*>(db_object_get_ptr(db_music_root, DBK_TARGET)));
 }
 
-// ---- Writing ----------------------------------------------------------------------
-
 // In order: each row sees what the rows before it wrote.
 struct write_case {
-    const char* why;
-    db_object* o;
-    int32_t key;
-    char kind;
-    const char* value;
-    int result;
-    std::string want;
+    const char* why; db_object* o; int32_t key; char kind; const char* value; int result; std::string want;
 };
 
 TEST_F(DbObject, WritesChangeOnlyWhatDiffersInTheRightShape)
@@ -285,12 +237,10 @@ TEST_F(DbObject, WritesChangeOnlyWhatDiffersInTheRightShape)
     db_object* c = db_container_new(db_next_id(DB_OBJ_CONTAINER), "c", 1);
     db_object* item =
         add("/m/case.mp3", DB_OBJ_AUDIO, {{DBK_ALBUM, "gold"}, {DBK_TITLE, "song"}, {DBK_DESCRIPTION, "d"}});
-    db_object* kids = db_container_new(db_next_id(DB_OBJ_CONTAINER), "k", 0);
-    db_object* a = db_container_new(db_next_id(DB_OBJ_CONTAINER), "a", 0);
-    db_object* b = db_container_new(db_next_id(DB_OBJ_CONTAINER), "b", 0);
-    db_container_add_child(kids, a);
-    db_container_add_child(kids, b);
-    db_object* numbered = db_ref_new(DB_OBJ_REF_TRACK, item, 3);
+    db_object* kids = folder(DB_OBJ_CONTAINER, "k");
+    folder(DB_OBJ_CONTAINER, "a", kids);
+    db_object* b = folder(DB_OBJ_CONTAINER, "b", kids);
+    db_object* numbered = ref(item, nullptr, 3);
     std::string container_id = std::to_string(uint32_t(DB_OBJ_CONTAINER) << DB_ID_TYPE_SHIFT | 5);
     std::string item_id = std::to_string(int32_t(item->id));
     const write_case cases[] = {
@@ -369,23 +319,7 @@ TEST_F(DbObject, ApplyMetaStoresEachKeyByItsClass)
     db_meta_list_free(l);
 }
 
-TEST_F(DbObject, MetaSlotsReadBackForTheRecordWriter)
-{
-    db_object* item = add("/m/w.mp3", DB_OBJ_AUDIO, {{DBK_ALBUM, "A"}, {DBK_BITRATE, "9"}});
-    std::map<int, std::string> seen;
-    uint16_t key;
-    const char* text;
-    int32_t number;
-    for (int i = 0; db_object_meta_at(item, i, &key, &text, &number); i++)
-        seen[key] = text ? text : std::to_string(number);
-    EXPECT_EQ("A", seen[DBK_ALBUM]);
-    EXPECT_EQ("9", seen[DBK_BITRATE]);
-    EXPECT_EQ(0, db_object_meta_at(item, 2, &key, &text, &number));
-}
-
-// ---- Adding and removing --------------------------------------------------------------------
-
-TEST_F(DbObject, AddEntersTheItemInItsAllContainerAndAnUnchangedRescanCostsNoWrite)
+TEST_F(DbObject, AddEntersTheItemInItsAllContainerAndWritesOnlyANewRecord)
 {
     db_object* item = add("/m/new.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "New"}});
     ASSERT_NE(nullptr, item);
@@ -393,17 +327,23 @@ TEST_F(DbObject, AddEntersTheItemInItsAllContainerAndAnUnchangedRescanCostsNoWri
     EXPECT_EQ(db_make_id(1, DB_OBJ_AUDIO), item->id);
     EXPECT_EQ("/m/new.mp3", files.blocks[1].path);
     EXPECT_GT(db_get_last_change(), 0);
-    EXPECT_EQ(item, add("/m/new.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "New"}}));
+    EXPECT_EQ(item, add("/m/new.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "New"}}));      // an unchanged rescan
+    files.blocks[42] = {"/m/loaded.mp3", DB_OBJ_AUDIO, ""};                      // a record from the file
+    db_meta_list* l = db_test_list({{DBK_TITLE, "Loaded"}});
+    db_object* loaded = db_object_add(l, "/m/loaded.mp3", DB_OBJ_AUDIO, 42, nullptr, 0);
+    db_meta_list_free(l);
+    ASSERT_NE(nullptr, loaded);
+    EXPECT_EQ(db_make_id(42, DB_OBJ_AUDIO), loaded->id);
+    EXPECT_EQ(loaded, db_object_find_by_path("/m/loaded.mp3"));
     EXPECT_EQ(1, files.stores);
     EXPECT_EQ(0, files.rewrites);
-    EXPECT_EQ(1, db_count_music());
+    EXPECT_EQ(2, db_count_music());
 }
 
 TEST_F(DbObject, AddRefusesWhatHasNoPlace)
 {
-    const int refused[] = {DB_OBJ_CONTAINER, DB_OBJ_AUDIO_BROADCAST, DB_OBJ_AUDIO_STREAM, DB_OBJ_REF,
-                           DB_OBJ_SHADOW, 24};
-    for (int type : refused) {
+    for (int type : {int(DB_OBJ_CONTAINER), int(DB_OBJ_AUDIO_BROADCAST), int(DB_OBJ_AUDIO_STREAM), int(DB_OBJ_REF),
+                     int(DB_OBJ_SHADOW), 24}) {
         SCOPED_TRACE(type);
         EXPECT_EQ(nullptr, add("/x/" + std::to_string(type), type, {{DBK_TITLE, "t"}}));
     }
@@ -418,53 +358,42 @@ TEST_F(DbObject, AddRefusesWhatHasNoPlace)
     EXPECT_EQ(nullptr, add("/m/nofile.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "t"}}));
 }
 
-TEST_F(DbObject, AddWithABlockWritesNothing)
-{
-    db_meta_list* l = db_test_list({{DBK_TITLE, "Loaded"}});
-    files.blocks[42] = {"/m/loaded.mp3", DB_OBJ_AUDIO};
-    db_object* o = db_object_add(l, "/m/loaded.mp3", DB_OBJ_AUDIO, 42, nullptr, 0);
-    db_meta_list_free(l);
-    ASSERT_NE(nullptr, o);
-    EXPECT_EQ(db_make_id(42, DB_OBJ_AUDIO), o->id);
-    EXPECT_EQ(0, files.stores);
-    EXPECT_EQ(o, db_object_find_by_path("/m/loaded.mp3"));
-}
-
 TEST_F(DbObject, ChangedFileIsRewrittenInPlaceAndRefiled)
 {
     db_object* item = add("/m/upd.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "Old"}});
     uint32_t id = item->id;
-    db_object* folder = db_container_new(db_next_id(DB_OBJ_MUSIC_ALBUM), "f", 0);
-    db_container_add_child(db_root, folder);
-    db_container_add_child(folder, db_ref_new(DB_OBJ_REF, item, 0));
-    int rules = 0;
-    static int* rule_calls;
-    rule_calls = &rules;
-    db_set_tree_rules([](db_object*, db_object*, db_object*, const char*) { (*rule_calls)++; });
+    db_object* album = folder(DB_OBJ_MUSIC_ALBUM, "f", db_root);
+    ref(item, album);
+    static int rules;
+    rules = 0;
+    db_set_tree_rules([](db_object*, db_object*, db_object*, const char*) { rules++; });
     db_object* updated = add("/m/upd.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "New"}});
     EXPECT_EQ(item, updated);
     EXPECT_EQ(id, updated->id);
     EXPECT_EQ(1, files.rewrites);
-    EXPECT_EQ(0, db_container_child_count(folder));           // its old references are gone
+    EXPECT_EQ(0, db_container_child_count(album));           // its old references are gone
     EXPECT_EQ(1, db_take_container_sweep());
+    EXPECT_EQ(0, db_take_container_sweep());                  // taken once
     EXPECT_EQ(1, rules);
-    EXPECT_EQ(1, db_count_music());                            // still once in All
+    EXPECT_EQ(1, db_count_music());                           // still once in All
     EXPECT_STREQ("New", db_object_get_str(item, DBK_TITLE));
+    db_request_write();
+    EXPECT_EQ(1, db_take_write_request());
+    EXPECT_EQ(0, db_take_write_request());
 }
 
 TEST_F(DbObject, RemoveByPathDeletesItemReferencesAndRecord)
 {
     db_object* item = add("/m/rm.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "Rm"}});
-    db_object* folder = db_container_new(db_next_id(DB_OBJ_PLAYLIST_CONTAINER), "pl", 0);
-    db_container_add_child(db_music_root, folder);
-    db_container_add_child(folder, db_ref_new(DB_OBJ_REF_TRACK, item, 1));
-    db_container_add_child(folder, db_ref_new(DB_OBJ_REF_TRACK, item, 2));
+    db_object* list = folder(DB_OBJ_PLAYLIST_CONTAINER, "pl", db_music_root);
+    ref(item, list, 1);
+    ref(item, list, 2);
     EXPECT_EQ(1, db_object_remove("/m/rm.mp3"));
-    EXPECT_EQ(0, db_container_child_count(folder));
+    EXPECT_EQ(0, db_container_child_count(list));
     EXPECT_EQ(1, files.frees);
     EXPECT_EQ(0, db_object_remove("/m/rm.mp3"));
     EXPECT_EQ(0, db_object_remove(nullptr));
-    EXPECT_EQ(1, db_count_music());                             // only the playlist folder is left
+    EXPECT_EQ(1, db_count_music());                            // only the playlist folder is left
 }
 
 TEST_F(DbObject, MemoryLimitRefusesEveryLaterFile)
@@ -475,31 +404,29 @@ TEST_F(DbObject, MemoryLimitRefusesEveryLaterFile)
     testing::internal::CaptureStdout();
     EXPECT_EQ(nullptr, add("/m/over.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "over"}}));
     EXPECT_EQ(nullptr, add("/m/fits.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "changed"}}));
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(std::string::npos, out.find("mem limit reached\n"));
+    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find("mem limit reached\n"));
     EXPECT_EQ(1, db_count_music());
     g_db_max_mem = 0;
     EXPECT_NE(nullptr, add("/m/over.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "over"}}));
 }
 
-// ---- Events -------------------------------------------------------------------------------------
-
-struct event_seen { uint32_t id; std::string list; bool had_list; };
-static std::vector<event_seen>* events_seen;
-
-static void record_event(uint32_t id, const char* list)
-{
-    events_seen->push_back({id, list ? list : "", list != nullptr});
-}
+// Each event as the sink saw it, and whether another thread could take the
+// lock meanwhile: the sink runs without it.
+struct event_seen { uint32_t id; std::string list; bool had_list; bool lock_free; };
+static std::vector<event_seen> events_seen;
 
 class DbEvents : public DbStoreTest {
 protected:
-    std::vector<event_seen> seen;
+    std::vector<event_seen>& seen = events_seen;
     void SetUp() override
     {
         DbStoreTest::SetUp();
-        events_seen = &seen;
-        db_set_event_sink(record_event);
+        seen.clear();
+        db_set_event_sink([](uint32_t id, const char* list) {
+            bool lock_free = false;
+            std::thread([&lock_free] { db_lock(); db_unlock(); lock_free = true; }).join();
+            events_seen.push_back({id, list ? list : "", !!list, lock_free});
+        });
     }
 };
 
@@ -513,6 +440,7 @@ TEST_F(DbEvents, ChangesWithinTwoSecondsMakeOneEventAndEventsComeAtMostEveryTwoS
     db_event_check(5000);
     ASSERT_EQ(1u, seen.size());
     EXPECT_EQ(before + 1, seen[0].id);
+    EXPECT_TRUE(seen[0].lock_free);
     char m[DB_ID_TEXT_SIZE], v[DB_ID_TEXT_SIZE];
     db_object_id_text(db_music_root, m, sizeof m);
     db_object_id_text(db_video_root, v, sizeof v);
@@ -530,14 +458,32 @@ TEST_F(DbEvents, ChangesWithinTwoSecondsMakeOneEventAndEventsComeAtMostEveryTwoS
     EXPECT_EQ(2u, seen.size());                         // nothing new is dirty
 }
 
-TEST_F(DbEvents, PolicyChangeRepeatsAnEmptyEventUntilAContainerChanges)
+// Hiding a media kind hides every type of it; the change goes out at once
+// and then in every event until a container changes.
+TEST_F(DbEvents, PolicyCoversTheFourMediaKindsAndRepeatsAnEmptyEventUntilAContainerChanges)
 {
     uint32_t before = db_get_system_update_id();
+    EXPECT_EQ(0, db_set_browsing_policy(DB_OBJ_CONTAINER, 0));
+    EXPECT_EQ(0, db_set_browsing_policy(DB_OBJ_AUDIO_BROADCAST, 0));
+    EXPECT_EQ(1, db_set_browsing_policy(DB_OBJ_PHOTO, 0));
     EXPECT_EQ(1, db_set_browsing_policy(DB_OBJ_AUDIO, 0));
     size_t first = seen.size();
     ASSERT_GE(first, 1u);                               // sent at once
     EXPECT_FALSE(seen.back().had_list);
     EXPECT_EQ(before, seen.back().id);
+    struct allowed_case { int type; int allowed; };
+    const allowed_case cases[] = {
+        {2, 0}, {6, 0}, {8, 0}, {9, 0}, {14, 0}, {3, 0}, {7, 0}, {13, 0},
+        {4, 1}, {16, 1}, {17, 1}, {0, 1}, {15, 1}, {22, 1},
+    };
+    for (const allowed_case& c : cases) {
+        SCOPED_TRACE(c.type);
+        EXPECT_EQ(c.allowed, db_browsing_allowed(c.type));
+    }
+    db_set_browsing_policy(DB_OBJ_PHOTO, 1);
+    EXPECT_EQ(1u, db_get_browsing_policy(DB_OBJ_PHOTO));
+    EXPECT_EQ(1, db_browsing_allowed(DB_OBJ_PHOTO_ALBUM));
+    first = seen.size();
     int64_t now = int64_t(time(nullptr)) + 10;
     db_event_check(now);
     db_event_check(now + 2);
@@ -557,8 +503,7 @@ TEST_F(DbEvents, AnOverlongListGoesOutInParts)
     std::vector<db_object*> folders;
     // About 22 characters a pair: two events' worth.
     for (int i = 0; i < 1000; i++) {
-        folders.push_back(db_container_new(db_next_id(DB_OBJ_MUSIC_ALBUM), "f", 0));
-        db_container_add_child(db_music_root, folders.back());
+        folders.push_back(folder(DB_OBJ_MUSIC_ALBUM, "f", db_music_root));
         db_container_mark_changed(folders.back());
     }
     uint32_t before = db_get_system_update_id();
@@ -574,46 +519,3 @@ TEST_F(DbEvents, AnOverlongListGoesOutInParts)
         ASSERT_EQ('0', db_object_get_char(f, DBK_EVENT_PENDING));
 }
 
-TEST_F(DbEvents, TheSinkRunsWithoutTheLock)
-{
-    static bool lock_was_free;
-    lock_was_free = false;
-    db_set_event_sink([](uint32_t, const char*) {
-        // Another thread can take the lock only if this one does not hold it.
-        std::thread t([] { db_lock(); db_unlock(); lock_was_free = true; });
-        t.join();
-    });
-    db_container_mark_changed(db_music_root);
-    db_event_check(8000);
-    EXPECT_TRUE(lock_was_free);
-}
-
-// ---- Browsing policy ---------------------------------------------------------------------------
-
-TEST_F(DbObject, BrowsingPolicyCoversTheFourMediaKinds)
-{
-    EXPECT_EQ(0, db_set_browsing_policy(DB_OBJ_CONTAINER, 0));
-    EXPECT_EQ(0, db_set_browsing_policy(DB_OBJ_AUDIO_BROADCAST, 0));
-    EXPECT_EQ(1, db_set_browsing_policy(DB_OBJ_AUDIO, 0));
-    EXPECT_EQ(1, db_set_browsing_policy(DB_OBJ_PHOTO, 0));
-    struct allowed_case { int type; int allowed; };
-    const allowed_case cases[] = {
-        {2, 0}, {6, 0}, {8, 0}, {9, 0}, {14, 0}, {3, 0}, {7, 0}, {13, 0},
-        {4, 1}, {16, 1}, {17, 1}, {0, 1}, {15, 1}, {22, 1},
-    };
-    for (const allowed_case& c : cases) {
-        SCOPED_TRACE(c.type);
-        EXPECT_EQ(c.allowed, db_browsing_allowed(c.type));
-    }
-    db_set_browsing_policy(DB_OBJ_AUDIO, 1);
-    db_set_browsing_policy(DB_OBJ_PHOTO, 1);
-    EXPECT_EQ(1, db_browsing_allowed(DB_OBJ_MUSIC_ALBUM));
-    EXPECT_EQ(1u, db_get_browsing_policy(DB_OBJ_PHOTO));
-}
-
-TEST_F(DbObject, RequestsAreTakenOnce)
-{
-    db_request_write();
-    EXPECT_EQ(1, db_take_write_request());
-    EXPECT_EQ(0, db_take_write_request());
-}

@@ -1,10 +1,11 @@
 // db_test_support.h: what the store's tests share. A store made afresh for
 // each test with a flat tree (root, Music, Picture, Video, Document), a
 // record store held in memory that counts what it was asked to do, and
-// small builders for items and metadata lists.
+// small builders for items, folders and metadata lists.
 #pragma once
 #include "control/upnp_control.h"
 #include "database/db_object.h"
+#include "database/db_record.h"
 
 #include <gtest/gtest.h>
 
@@ -15,9 +16,10 @@
 #include <string>
 #include <utility>
 
-struct db_test_record { std::string path; int32_t type; };
+typedef std::initializer_list<std::pair<int, const char*>> db_test_fields;
 
-// The records of the fake database file, by block.
+// The records of the fake database file, by block; text only for stores.
+struct db_test_record { std::string path; int32_t type; std::string text; };
 struct db_test_records {
     std::map<uint32_t, db_test_record> blocks;
     uint32_t next_block = 1;
@@ -25,33 +27,20 @@ struct db_test_records {
 };
 inline db_test_records* db_test_files;
 
-// The value of one field of record text ("%02X%03X%s\n" fields).
-inline std::string db_test_field(const char* text, int32_t length, int key)
-{
-    std::string s(text, size_t(length));
-    for (size_t p = 0; p + 5 <= s.size();) {
-        int k = int(strtol(s.substr(p, 2).c_str(), nullptr, 16));
-        size_t n = size_t(strtol(s.substr(p + 2, 3).c_str(), nullptr, 16));
-        if (k == key)
-            return s.substr(p + 5, n);
-        p += 5 + n + 1;
-    }
-    return "";
-}
-
 inline uint32_t db_test_store(const char* text, int32_t length)
 {
+    int32_t type = DB_RECORD_NO_TYPE;
+    char* path = db_record_path_and_type(text, length, &type);
     db_test_files->stores++;
-    uint32_t block = db_test_files->next_block++;
-    db_test_files->blocks[block] = {db_test_field(text, length, DBK_PATH),
-                                    atoi(db_test_field(text, length, DBK_TYPE).c_str())};
-    return block;
+    db_test_files->blocks[db_test_files->next_block] = {path ? path : "", type, std::string(text, size_t(length))};
+    free(path);
+    return db_test_files->next_block++;
 }
 
 inline int db_test_rewrite(uint32_t block, const db_object* o, const char* path)
 {
     db_test_files->rewrites++;
-    db_test_files->blocks[block] = {path, db_object_type_of(o)};
+    db_test_files->blocks[block] = {path, db_object_type_of(o), ""};
     return 1;
 }
 
@@ -74,18 +63,15 @@ inline char* db_test_read_path(uint32_t block, int32_t* type)
 inline std::string db_test_raw(const std::string& path, int32_t type)
 {
     char head[32];
-    snprintf(head, sizeof head, "%02X%03X%02d\n", DBK_TYPE, 2, type);
-    char field[1100];
-    snprintf(field, sizeof field, "%02X%03X%s\n", DBK_PATH, unsigned(path.size()), path.c_str());
-    return std::string(head) + field;
+    snprintf(head, sizeof head, "%02X%03X%02d\n%02X%03X", DBK_TYPE, 2, type, DBK_PATH, unsigned(path.size()));
+    return head + path + "\n";
 }
 
-// A list from (key, value) pairs, behind a type node.
-inline db_meta_list* db_test_list(std::initializer_list<std::pair<int, const char*>> fields)
+// A list from (key, value) pairs, behind a type node unless untyped: a
+// record always names its type, which db_object_add ignores.
+inline db_meta_list* db_test_list(db_test_fields fields, bool typed = true)
 {
-    // A list is never empty: a record always names its type, which the
-    // store ignores.
-    db_meta_list* head = db_meta_list_add(nullptr, DBK_TYPE, "14", 0);
+    db_meta_list* head = typed ? db_meta_list_add(nullptr, DBK_TYPE, "14", 0) : nullptr;
     for (const auto& f : fields)
         head = db_meta_list_add(head, f.first, f.second, 0);
     return head;
@@ -131,7 +117,6 @@ protected:
     }
 
     // Sends out whatever is pending, so a test sees only its own changes.
-    // Event times of a test start at 1000.
     static void settle_events()
     {
         db_set_event_sink(nullptr);
@@ -139,14 +124,40 @@ protected:
             db_event_check(t);
     }
 
+    // A new container of this type, in parent when one is given.
+    static db_object* folder(int32_t type, const char* title, db_object* parent = nullptr)
+    {
+        db_object* c = db_container_new(db_next_id(type), title, 0);
+        if (parent)
+            db_container_add_child(parent, c);
+        return c;
+    }
+
+    // A reference to target, in parent when one is given.
+    static db_object* ref(db_object* target, db_object* parent = nullptr, int32_t number = 0)
+    {
+        db_object* r = db_ref_new(number ? DB_OBJ_REF_TRACK : DB_OBJ_REF, target, number);
+        if (parent)
+            db_container_add_child(parent, r);
+        return r;
+    }
+
     // A new item through the store's own entry, its record stored by the fake file.
-    db_object* add(const std::string& path, int32_t type,
-                   std::initializer_list<std::pair<int, const char*>> fields)
+    static db_object* add(const std::string& path, int32_t type, db_test_fields fields)
     {
         db_meta_list* list = db_test_list(fields);
         std::string raw = db_test_raw(path, type);
         db_object* o = db_object_add(list, path.c_str(), type, 0, raw.c_str(), int32_t(raw.size()));
         db_meta_list_free(list);
         return o;
+    }
+
+    // A list handed to db_scan_submit, as a format reader would.
+    static int submit(db_test_fields fields)
+    {
+        db_meta_list* list = db_test_list(fields, false);
+        int ok = db_scan_submit(list);
+        db_meta_list_free(list);
+        return ok;
     }
 };
