@@ -21,6 +21,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <iterator>
+#include <strings.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -703,4 +704,39 @@ int upnp_file_is_plain(const char* path)
 {
     struct stat st;
     return path && lstat(path, &st) == 0 && S_ISREG(st.st_mode) ? 1 : 0;
+}
+
+// Folders copied from Windows hold "folder.JPG" as often as "Folder.jpg",
+// and Windows finds either: the entry named exactly wins, else the first
+// whose name matches without regard to ASCII case.
+char* upnp_file_find_nocase(const char* folder, const char* name)
+{
+    if (!folder || !*folder || !name || !*name)
+        return nullptr;
+    size_t length = strlen(folder);
+    const char* separator = folder[length - 1] == '/' ? "" : "/";
+    char* path = nullptr;
+    struct stat st;
+    if (asprintf(&path, "%s%s%s", folder, separator, name) < 0)
+        return nullptr;
+    if (stat(path, &st) == 0)
+        return path;
+    free(path);
+    path = nullptr;
+    int fd = open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR* stream = fd < 0 ? nullptr : fdopendir(fd);
+    if (!stream) {
+        if (fd >= 0)
+            close(fd);
+        return nullptr;
+    }
+    while (const dirent* entry = readdir(stream)) {
+        if (strcasecmp(entry->d_name, name) == 0) {
+            if (asprintf(&path, "%s%s%s", folder, separator, entry->d_name) < 0)
+                path = nullptr;
+            break;
+        }
+    }
+    closedir(stream);
+    return path;
 }

@@ -101,6 +101,10 @@ int upnp_file_read_all(const char* path, size_t max_size, void** data, size_t* s
 // The old file's permissions are kept; a new file gets 0600. 0 or -1.
 int upnp_file_replace(const char* path, const void* data, size_t size);
 
+// The entry of folder named name, the exact name first, else one that
+// differs only in ASCII case: a new full path the caller frees, or null.
+char* upnp_file_find_nocase(const char* folder, const char* name);
+
 // The walker itself for each usable entry; null at the end, having closed it.
 // path and name are valid until the next call. Symlinks are followed: is_dir,
 // device and inode describe the target.

@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <sys/time.h>
+
+#include <ctime>
 
 #include <cstdlib>
 #include <cstring>
@@ -34,6 +37,14 @@ TEST(UpnpAlbumart, FolderPictureIsPreferredToTheSmallOne)
     EXPECT_EQ(r.size, 1234);
 }
 
+TEST(UpnpAlbumart, TheExactNameWinsOverOneInAnotherCase)
+{
+    test_dir dir;
+    ASSERT_TRUE(test_write_file(dir.file("FOLDER.JPG"), "upper"));
+    ASSERT_TRUE(test_write_file(dir.file("Folder.jpg"), "exact"));
+    EXPECT_EQ(resolve(dir.file("a.mp3"), 1, 1).path, dir.file("Folder.jpg"));
+}
+
 TEST(UpnpAlbumart, OnlyTheMarkerPairIsResolved)
 {
     test_dir dir;
@@ -45,8 +56,8 @@ TEST(UpnpAlbumart, OnlyTheMarkerPairIsResolved)
         {"no cover", song, -1, -1, {song, -1, -1}},
         {"path without a folder", "song.mp3", 1, 1, {"song.mp3", 1, 1}},
         {"no picture in that folder", "/nonexistent/velmora/song.mp3", 1, 1, {"/nonexistent/velmora/song.mp3", 1, 1}},
-        // Names are exact: another case is another file.
-        {"other case", dir.file("sub/song.mp3"), 1, 1, {dir.file("sub/song.mp3"), 1, 1}},
+        // Folders copied from Windows name the picture in any case.
+        {"other case", dir.file("sub/song.mp3"), 1, 1, {dir.file("sub/folder.jpg"), 0, 1}},
     };
     ASSERT_EQ(mkdir(dir.file("sub").c_str(), 0700), 0);
     ASSERT_TRUE(test_write_file(dir.file("sub/folder.jpg"), "x"));
@@ -72,6 +83,31 @@ TEST(UpnpAlbumart, FolderArtAddsTheMarkerPairOnlyWhenAPictureIsThere)
         pairs += (n->key == DBK_ART_OFFSET || n->key == DBK_ART_SIZE) && !strcmp(n->value, "1");
     EXPECT_EQ(pairs, 2);
     db_meta_list_free(list);
+}
+
+bool has_marker(const std::string& path)
+{
+    db_meta_list* list = upnp_albumart_add_folder_art(path.c_str(), nullptr);
+    db_meta_list_free(list);
+    return list != nullptr;
+}
+
+void set_folder_time(const std::string& folder, time_t when)
+{
+    timeval times[2] = {{when, 0}, {when, 0}};
+    ASSERT_EQ(utimes(folder.c_str(), times), 0);
+}
+
+TEST(UpnpAlbumart, AKeptFolderAnswerGoesWhenTheFolderChanges)
+{
+    test_dir dir;
+    time_t long_ago = time(nullptr) - 3600;
+    set_folder_time(dir.path, long_ago);
+    EXPECT_FALSE(has_marker(dir.file("1.mp3")));
+    EXPECT_FALSE(has_marker(dir.file("2.mp3")));
+    ASSERT_TRUE(test_write_file(dir.file("albumartsmall.JPG"), "jpeg"));
+    set_folder_time(dir.path, long_ago + 60);
+    EXPECT_TRUE(has_marker(dir.file("3.mp3")));
 }
 
 }  // namespace
