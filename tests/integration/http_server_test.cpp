@@ -10,9 +10,7 @@
 #include "http/http_server.h"
 #include "runtime/upnp_os.h"
 #include "runtime/upnp_string.h"
-#include "support/test_host.h"
 #include "support/test_net.h"
-#include "support/test_support.h"
 #include "upnp/upnp_client.h"
 
 #include <gtest/gtest.h>
@@ -25,7 +23,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -34,14 +31,16 @@
 
 namespace {
 
-// ---- Test routes ----------------------------------------------------------
+int send_text_reply(HTTP_request* r, const char* text, int64_t length, const char* mime = "text/plain")
+{
+    r->content_length = length;
+    r->mime_type = mime;
+    return HTTP_send_buffer(r, text);
+}
 
 int route_echo(HTTP_request* r)
 {
-    const char* text = r->body ? r->body : "no body";
-    r->content_length = r->body ? r->content_length : 7;
-    r->mime_type = "text/plain";
-    return HTTP_send_buffer(r, text);
+    return r->body ? send_text_reply(r, r->body, r->content_length) : send_text_reply(r, "no body", 7);
 }
 
 int route_info(HTTP_request* r)
@@ -49,29 +48,20 @@ int route_info(HTTP_request* r)
     char text[1400];
     snprintf(text, sizeof text, "method=%d version=%d close=%d dlna=%d url=%s", r->method, r->version, r->close,
              r->dlna_version, r->url);
-    r->content_length = int64_t(strlen(text));
-    r->mime_type = "text/plain";
-    return HTTP_send_buffer(r, text);
+    return send_text_reply(r, text, int64_t(strlen(text)));
 }
 
 // What route_info answers.
-std::string info(const std::string& url, int version = 11, int close = 0, int dlna = 0, int method = 1)
+std::string info(const std::string& url, int version = 11, int close = 0, int dlna = 0)
 {
-    return "method=" + std::to_string(method) + " version=" + std::to_string(version) +
-           " close=" + std::to_string(close) + " dlna=" + std::to_string(dlna) + " url=" + url;
-}
-
-const std::string& big_data()
-{
-    static const std::string data(16 * 1024 * 1024, 'b');
-    return data;
+    return "method=1 version=" + std::to_string(version) + " close=" + std::to_string(close) +
+           " dlna=" + std::to_string(dlna) + " url=" + url;
 }
 
 int route_big(HTTP_request* r)
 {
-    r->content_length = int64_t(big_data().size());
-    r->mime_type = "application/octet-stream";
-    return HTTP_send_buffer(r, big_data().c_str());
+    static const std::string data(16 * 1024 * 1024, 'b');
+    return send_text_reply(r, data.c_str(), int64_t(data.size()), "application/octet-stream");
 }
 
 int route_chunked(HTTP_request* r)
@@ -88,15 +78,11 @@ int route_chunked(HTTP_request* r)
     return HTTP_KILL_CONNECTION;
 }
 
-// ---- A raw client -----------------------------------------------------------
-
 int port_in_use;
 
 int connect_from(const char* source, int timeout_ms = 5000)
 {
     int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (s < 0)
-        return -1;
     sockaddr_in a{}, to{};
     a.sin_family = to.sin_family = AF_INET;
     inet_pton(AF_INET, source, &a.sin_addr);
@@ -105,8 +91,8 @@ int connect_from(const char* source, int timeout_ms = 5000)
     setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
     to.sin_port = htons(uint16_t(port_in_use));
     inet_pton(AF_INET, "127.0.0.1", &to.sin_addr);
-    if (bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
-        connect(s, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) {
+    if (s >= 0 && (bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
+                   connect(s, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0)) {
         close(s);
         return -1;
     }
@@ -144,12 +130,10 @@ std::string read_response(int s)
 bool closed_by_server(int s, int timeout_ms)
 {
     pollfd p{s, POLLIN, 0};
-    auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     char buffer[4096];
-    while (std::chrono::steady_clock::now() < until) {
-        if (poll(&p, 1, 50) != 1)
-            continue;
-        ssize_t n = recv(s, buffer, sizeof buffer, MSG_DONTWAIT);
+    for (auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+         std::chrono::steady_clock::now() < until;) {
+        ssize_t n = poll(&p, 1, 50) == 1 ? recv(s, buffer, sizeof buffer, MSG_DONTWAIT) : 1;
         if (n == 0 || (n < 0 && errno == ECONNRESET))
             return true;
     }
@@ -164,9 +148,8 @@ std::string body_of(const std::string& response)
 
 std::string curl(const std::string& arguments)
 {
-    std::string command = "curl -s --max-time 10 " + arguments + " 2>&1";
     std::string out;
-    if (FILE* p = popen(command.c_str(), "r")) {
+    if (FILE* p = popen(("curl -s --max-time 10 " + arguments + " 2>&1").c_str(), "r")) {
         char buffer[4096];
         for (size_t n; (n = fread(buffer, 1, sizeof buffer, p)) > 0;)
             out.append(buffer, n);
@@ -183,9 +166,13 @@ bool eventually(F cond, int timeout_ms = 5000)
     return cond();
 }
 
-const std::string GOOD = "GET /t/info HTTP/1.1\r\nHost: a\r\n\r\n";
+void shrink_receive_buffer(int s)
+{
+    int small = 4096;
+    setsockopt(s, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+}
 
-// ---- The server ---------------------------------------------------------------
+const std::string GOOD = "GET /t/info HTTP/1.1\r\nHost: a\r\n\r\n";
 
 struct HttpServer : ::testing::Test {
     std::string base;
@@ -198,7 +185,7 @@ struct HttpServer : ::testing::Test {
         upnp_ini_set(UPNP_OPT_HTTPPORT, std::to_string(test_free_port()).c_str());
         upnp_ini_set(UPNP_OPT_STARTUPMB, "0");
         // In front of the real routes: the first entry that fits wins.
-        HTTP_register_handler(route_echo, HTTP_METHOD_GET | HTTP_METHOD_POST | HTTP_METHOD_NOTIFY, "/t/echo", 1);
+        HTTP_register_handler(route_echo, HTTP_METHOD_GET | HTTP_METHOD_POST, "/t/echo", 1);
         HTTP_register_handler(route_info, HTTP_METHOD_GET | HTTP_METHOD_HEAD, "/t/info", 0);
         HTTP_register_handler(route_big, HTTP_METHOD_GET, "/t/big", 0);
         HTTP_register_handler(route_chunked, HTTP_METHOD_GET, "/t/chunked", 0);
@@ -217,8 +204,8 @@ struct HttpServer : ::testing::Test {
         EXPECT_EQ(0, HTTP_connection_count());
         EXPECT_EQ(0, upnp_thread_count());
     }
-    void lower_limits(int32_t head_ms, int32_t idle_ms, int32_t send_ms, int32_t per_peer = HTTP_MAX_PER_PEER,
-                      int32_t total = HTTP_MAX_CONNECTIONS)
+    static void lower_limits(int32_t head_ms, int32_t idle_ms, int32_t send_ms, int32_t per_peer = HTTP_MAX_PER_PEER,
+                             int32_t total = HTTP_MAX_CONNECTIONS)
     {
         HTTP_limits l;
         HTTP_get_limits(&l);
@@ -226,7 +213,7 @@ struct HttpServer : ::testing::Test {
         HTTP_set_limits(&l);
     }
     // The good request on a connection of its own must still be answered.
-    void still_serves(const char* source = "127.0.0.1")
+    static void still_serves(const char* source = "127.0.0.1")
     {
         int s = connect_from(source);
         send_text(s, GOOD);
@@ -237,20 +224,18 @@ struct HttpServer : ::testing::Test {
     }
 };
 
-// ---- Ordinary clients -----------------------------------------------------------
-
 struct curl_case { std::string arguments, want; bool whole; };
 
-TEST_F(HttpServer, CurlGetsErrorPagesReusesItsConnectionAndSendsExpectAndChunks)
+TEST_F(HttpServer, CurlGetsTheDefaultPageAndALargeBodyReusesItsConnectionAndSendsExpectAndChunks)
 {
     const curl_case cases[] = {
         {"-i " + base + "/", "<H1>Not Found</H1>/configpage was not found on this server.", false},
-        {"-i -X POST --data x " + base + "/", "/ContentDirectory/Control was not found", false},
         {"-w ' connects=%{num_connects}\\n' " + base + "/t/info " + base + "/t/info?b",
          "url=/t/info connects=1\nmethod=1 version=11 close=0 dlna=0 url=/t/info?b connects=0\n", false},
         {"-H 'Expect: 100-continue' --data-binary hello-there " + base + "/t/echo", "hello-there", true},
         {"-H 'Transfer-Encoding: chunked' --data-binary chunked-by-curl " + base + "/t/echo", "chunked-by-curl", true},
         {base + "/t/chunked", "<a>hello</a>", true},
+        {"-o /dev/null -w '%{size_download}' " + base + "/t/big", "16777216", true},   // sent in many parts
     };
     for (const curl_case& c : cases) {
         SCOPED_TRACE(c.arguments);
@@ -259,8 +244,6 @@ TEST_F(HttpServer, CurlGetsErrorPagesReusesItsConnectionAndSendsExpectAndChunks)
         EXPECT_NE(std::string::npos, got.find(c.want)) << got;
     }
 }
-
-// ---- Conversations on one raw connection ---------------------------------------
 
 // What is sent (nothing: read on), and the answer's body, or the whole
 // answer when it starts with "HTTP/".
@@ -277,12 +260,10 @@ TEST_F(HttpServer, KeepAlivePipelinedHttp10ExpectAndChunkedConversations)
     const std::string red = v10 + "User-Agent: RedSonicBox DLNADOC/1.50\r\n" + keep;
     const std::string pipeline = get + "0" + host + "\r\n" + get + "1" + host + "\r\n" + post +
                                  "Content-Length: 5\r\n\r\nhello" + get + "last" + host + "Connection: close\r\n\r\n";
-    const std::string three = "3\r\n<a>\r\n5\r\nhello\r\n4\r\n</a>\r\n0\r\n\r\n";
     const std::string wiki = "4\r\nWiki\r\n5\r\npedia\r\ne\r\n in\r\n\r\nchunks.\r\n0\r\n\r\n";
     const talk_case cases[] = {
         {"keep-alive, in turn", {{get + "0" + host + "\r\n", info("/t/info?0")},
-                                 {get + "1" + host + "\r\n", info("/t/info?1")},
-                                 {get + "2" + host + "\r\n", info("/t/info?2")}}, false},
+                                 {get + "1" + host + "\r\n", info("/t/info?1")}}, false},
         {"pipelined", {{pipeline, info("/t/info?0")}, {"", info("/t/info?1")}, {"", "hello"},
                        {"", info("/t/info?last", 11, 1)}}, true},
         {"HTTP/1.0 closes", {{v10 + "\r\n", info("/t/info", 10, 1)}}, true},
@@ -293,7 +274,6 @@ TEST_F(HttpServer, KeepAlivePipelinedHttp10ExpectAndChunkedConversations)
         {"expect", {{post + "Expect: 100-continue\r\nContent-Length: 4\r\n\r\n",
                      "HTTP/1.1 100 Continue\r\nContent-Length: 0\r\n\r\n"}, {"body", "body"}}, false},
         {"chunked body", {{post + "Transfer-Encoding: chunked\r\n\r\n" + wiki, "Wikipedia in\r\n\r\nchunks."}}, false},
-        {"chunked reply", {{"GET /t/chunked" + host + "\r\n", three}}, true},
     };
     for (const talk_case& c : cases) {
         SCOPED_TRACE(c.why);
@@ -317,19 +297,21 @@ TEST_F(HttpServer, KeepAlivePipelinedHttp10ExpectAndChunkedConversations)
     upnp_ini_set(UPNP_OPT_CLIENTS, nullptr);
 }
 
-// ---- One request each, then a good request ----------------------------------------
-
-struct shape_case {
+// starts: how the answer begins ("" none); closes: the server closes after
+// its answer, or without one; has / absent: what the answer holds or not;
+// the limits are lowered for the case. A case with a lower send_ms stops
+// reading its answer: the server must drop it while others are served.
+struct hostile_case {
     const char* why;
     std::string request;
-    const char* starts;      // the answer begins so
-    bool closes = false;     // the server closes after its answer, or without one
-    std::string has = "";    // the answer holds this
-    const char* absent = ""; // but not this
-    int32_t head_ms = 0;     // a lower limit for the whole head
+    const char* starts;
+    bool closes = false;
+    std::string has = "";
+    const char* absent = "";
+    int32_t head_ms = HTTP_HEAD_TIMEOUT_MS, idle_ms = HTTP_IDLE_TIMEOUT_MS, send_ms = HTTP_SEND_TIMEOUT_MS;
 };
 
-TEST_F(HttpServer, EachRequestShapeGetsItsAnswerAndAGoodRequestIsStillServed)
+TEST_F(HttpServer, EachHostileRequestIsAnsweredOrDroppedAndAGoodRequestIsStillServed)
 {
     std::string fillers;
     for (int i = 0; i < 2000; i++)
@@ -338,88 +320,50 @@ TEST_F(HttpServer, EachRequestShapeGetsItsAnswerAndAGoodRequestIsStillServed)
     const std::string get = "GET /t/info", host = " HTTP/1.1\r\nHost: a\r\n\r\n";
     const std::string post = "POST /t/echo HTTP/1.1\r\nHost: a\r\n";
     const std::string chunked = post + "Transfer-Encoding: chunked\r\n\r\n";
-    const shape_case cases[] = {
-        {"unknown method", "OPTIONS /t/info" + host, ok, false, "\r\n\r\n" + info("/t/info", 11, 0, 0, 0)},
-        {"absolute URI", "GET http://127.0.0.1:1/t/info?x=1" + host, ok, false, "\r\n\r\n" + info("/t/info?x=1")},
-        {"GENA route not built yet", "SUBSCRIBE /anything" + host, "HTTP/1.1 404", false, "/anything was not found"},
-        {"HTTP/1.1 without Host", get + " HTTP/1.1\r\n\r\n", bad, true, "Content-Length: 0\r\n", "method="},
-        {"HTTP/1.0 without Host", get + " HTTP/1.0\r\n\r\n", ok, true, "\r\n\r\n" + info("/t/info", 10, 1)},
-        // The hostile battery.
+    const hostile_case cases[] = {
         {"no method", "/t/info" + host, "HTTP/1.1 404 Not Found\r\n"},
-        {"no request line", "\r\n\r\n", "HTTP/1.1 "},
         {"huge head, answered from its cut head", get + " HTTP/1.1\r\nHost: a\r\n" + fillers + "\r\n", ok, false,
          "\r\n\r\n" + info("/t/info")},
-        {"head that never ends", get + " HTTP/1.1\r\n" + std::string(2 * HTTP_HEAD_DRAIN_MAX, 'h'), "", true},
-        {"head without end", get + " HTTP/1.1\r\nHost: a\r\n", "", true, "", "", 300},
-        {"head trickled byte by byte", "", "", true, "", "", 300},
+        {"huge head that never ends", get + " HTTP/1.1\r\n" + std::string(2 * HTTP_HEAD_DRAIN_MAX, 'h'), "", true},
+        // Trickled bytes do not stretch the limit of the whole head.
+        {"head without end, trickled byte by byte", "", "", true, "", "", 300},
+        {"idle after a keep-alive answer", GOOD, ok, true, "\r\n\r\n" + info("/t/info"), "", HTTP_HEAD_TIMEOUT_MS, 300},
         {"NUL in the URL", std::string("GET /t/in\0fo HTTP/1.1\r\nHost: a\r\n\r\n", 34), bad, true},
-        {"encoded NUL in the URL", get + "%00.jpg" + host, bad, true},
         {"encoded CR LF in the URL", get + "%0d%0aX-Injected:%20yes" + host, bad, true, "", "X-Injected"},
-        {"encoded CR LF, no route", "GET /no%0d%0aX-Injected:%20yes" + host, "HTTP/1.1 ", false, "", "\r\nX-Injected"},
-        // A raw CR ends the target; nothing behind it reaches the answer.
-        {"raw CR in the URL", get + "\rX-Injected: yes" + host, "HTTP/1.1 ", false, "", "\r\nX-Injected"},
         {"encoded dot dot", "GET /images/%2e%2e/%2e%2e/etc/passwd" + host, bad, true},
-        {"dot dot with encoded slash", "GET /images/..%2f..%2fetc/passwd" + host, bad, true},
-        {"plain dot dot", "GET /images/../x" + host, bad, true},
-        {"dot dot with backslash", "GET /images/%2E%2E%5Cx" + host, bad, true},
         {"negative Content-Length", post + "Content-Length: -5\r\nConnection: close\r\n\r\nhello", ok, true,
          "\r\n\r\nno body"},
         {"Content-Length beyond any number", post + "Content-Length: 99999999999999999999999\r\n\r\nab", bad, true},
-        {"Content-Length of 63 bits", post + "Content-Length: 9223372036854775807\r\n\r\nab", bad, true},
         {"Content-Length over the cap", post + "Content-Length: 2097152\r\n\r\nab", bad, true},
         {"chunk size beyond any number", chunked + "FFFFFFFFFFFFFFFFFFF\r\nab", bad, true},
-        {"chunk size of 63 bits", chunked + "7fffffffffffffff\r\nab", bad, true},
         {"chunk over the cap", chunked + "200001\r\nab", bad, true},
-        // A size that is no number ends the body with what came before it.
-        {"chunk size no number", chunked + "2\r\nab\r\nzz\r\n\r\n", ok, false, "\r\n\r\nab"},
+        {"a client that stops reading", "GET /t/big" + host, "", true, "", "", HTTP_HEAD_TIMEOUT_MS,
+         HTTP_IDLE_TIMEOUT_MS, 500},
     };
-    for (const shape_case& c : cases) {
+    for (const hostile_case& c : cases) {
         SCOPED_TRACE(c.why);
-        if (c.head_ms)
-            lower_limits(c.head_ms, HTTP_IDLE_TIMEOUT_MS, HTTP_SEND_TIMEOUT_MS);
+        lower_limits(c.head_ms, c.idle_ms, c.send_ms);
         int s = connect_from("127.0.0.1");
         ASSERT_GE(s, 0);
+        bool stalls = c.send_ms != HTTP_SEND_TIMEOUT_MS, closed = false;
+        if (stalls)
+            shrink_receive_buffer(s);
         send_text(s, c.request);
-        // Trickled bytes do not stretch the limit of the whole head.
-        bool closed = false;
         for (int i = 0; c.request.empty() && i < 50 && !closed; i++)
             closed = !send_text(s, "X") || closed_by_server(s, 100);
-        std::string got = closed ? "" : read_response(s);
+        if (stalls) {
+            still_serves();
+            EXPECT_TRUE(eventually([] { return HTTP_connection_count() == 0; }, 10000));
+        }
+        std::string got = closed || stalls ? "" : read_response(s);
         EXPECT_EQ(0u, got.find(c.starts)) << got;
         EXPECT_NE(std::string::npos, got.find(c.has)) << got;
         EXPECT_EQ(std::string::npos, *c.absent ? got.find(c.absent) : std::string::npos) << got;
-        EXPECT_TRUE(!c.closes || closed || closed_by_server(s, 5000));
+        EXPECT_TRUE(!c.closes || closed || stalls || closed_by_server(s, 5000));
         close(s);
         HTTP_set_limits(nullptr);
         still_serves();
     }
-}
-
-TEST_F(HttpServer, AClientThatStopsReadingIsDroppedWhileOthersAreServed)
-{
-    lower_limits(HTTP_HEAD_TIMEOUT_MS, HTTP_IDLE_TIMEOUT_MS, 500);
-    int before = HTTP_connection_count();
-    int s = connect_from("127.0.0.1");
-    int small = 4096;
-    setsockopt(s, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-    send_text(s, "GET /t/big HTTP/1.1\r\nHost: a\r\n\r\n");
-    EXPECT_TRUE(eventually([&] { return HTTP_connection_count() > before; }));
-    still_serves();
-    EXPECT_TRUE(eventually([&] { return HTTP_connection_count() == before; }, 10000));
-    close(s);
-    still_serves();
-}
-
-// ---- Limits -----------------------------------------------------------------------
-
-TEST_F(HttpServer, AnIdleKeepAliveConnectionIsClosed)
-{
-    lower_limits(HTTP_HEAD_TIMEOUT_MS, 300, HTTP_SEND_TIMEOUT_MS);
-    int s = connect_from("127.0.0.1");
-    send_text(s, GOOD);
-    EXPECT_EQ(info("/t/info"), body_of(read_response(s)));
-    EXPECT_TRUE(closed_by_server(s, 5000));
-    close(s);
 }
 
 struct cap_case { int32_t per_peer, total; std::vector<const char*> held; const char* extra; };
@@ -432,6 +376,8 @@ TEST_F(HttpServer, ConnectionsBeyondAPeersCapOrTheTotalCapAreRefusedAtOnce)
     };
     for (const cap_case& c : cases) {
         SCOPED_TRACE(c.extra);
+        // The last case's good request may still hold a slot.
+        ASSERT_TRUE(eventually([] { return HTTP_connection_count() == 0; }));
         lower_limits(HTTP_HEAD_TIMEOUT_MS, HTTP_IDLE_TIMEOUT_MS, HTTP_SEND_TIMEOUT_MS, c.per_peer, c.total);
         std::vector<int> held;
         for (const char* source : c.held)
@@ -459,9 +405,8 @@ TEST_F(HttpServer, AThousandIdleConnectionsFromOnePeerDoNotStopAnother)
         GTEST_SKIP() << "needs 1200 descriptors, has " << files.rlim_cur;
     std::vector<int> held;
     for (int i = 0; i < 1000; i++) {
-        int s = connect_from("127.0.0.2", 2000);
-        ASSERT_GE(s, 0) << "connection " << i;
-        held.push_back(s);
+        held.push_back(connect_from("127.0.0.2", 2000));
+        ASSERT_GE(held.back(), 0) << "connection " << i;
     }
     EXPECT_TRUE(eventually([] { return HTTP_connection_count() == HTTP_MAX_PER_PEER; }));
     still_serves("127.0.0.3");
@@ -479,8 +424,7 @@ TEST_F(HttpServer, StopWakesIdleAndBlockedConnections)
     send_text(reader, GOOD);
     read_response(reader);                     // now idle between requests
     int stuck = connect_from("127.0.0.1");
-    int small = 4096;
-    setsockopt(stuck, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    shrink_receive_buffer(stuck);
     send_text(stuck, "GET /t/big HTTP/1.1\r\nHost: a\r\n\r\n");
     EXPECT_TRUE(eventually([] { return HTTP_connection_count() == 7; }));
     upnp_mediaserver_stop();
@@ -491,20 +435,6 @@ TEST_F(HttpServer, StopWakesIdleAndBlockedConnections)
         close(s);
     close(reader);
     close(stuck);
-}
-
-TEST(HttpHost, TheRunCommandAnswersOnItsAddressWithTheDefaultPage)
-{
-    test_dir media, work;
-    int port = test_free_port();
-    host_run host({media.path, "--workdir", work.path, "--ip", "127.0.0.1", "--port", std::to_string(port)});
-    ASSERT_TRUE(host.wait_for("Serving on http://127.0.0.1:")) << host.seen;
-    size_t at = host.seen.find("127.0.0.1:") + 10;
-    std::string got = curl("-i http://127.0.0.1:" + std::to_string(std::stoi(host.seen.substr(at))) + "/");
-    EXPECT_EQ(0u, got.find("HTTP/1.1 404 Not Found\r\n")) << got;
-    EXPECT_NE(std::string::npos, got.find("/configpage was not found on this server."));
-    kill(host.pid, SIGTERM);
-    EXPECT_EQ(0, host.wait_exit());
 }
 
 }  // namespace

@@ -9,12 +9,14 @@
 #include "control/upnp_mediaserver.h"
 #include "runtime/upnp_os.h"
 #include "support/test_host.h"
+#include "support/test_netns.h"
 #include "support/test_support.h"
 #include "upnp/ssdp.h"
 
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -23,12 +25,10 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <dirent.h>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -37,54 +37,30 @@ namespace {
 
 using steady = std::chrono::steady_clock;
 
-const char server_ip[] = "192.0.2.1";
-const char client_ip[] = "192.0.2.2";
+const char server_ip[] = "192.0.2.1", client_ip[] = "192.0.2.2", group[] = "239.255.255.250";
 const char foreign_ip[] = "198.51.100.2";     // on the client's link, outside the server's subnet
-const char group[] = "239.255.255.250";
+const char location[] = "http://192.0.2.1:9000/DeviceDescription.xml";
 const int http_port = 9000;
 
 const char* const server_targets[] = {
-    "upnp:rootdevice",
-    "urn:schemas-upnp-org:device:MediaServer:1",
-    "urn:schemas-upnp-org:service:ContentDirectory:1",
-    "urn:schemas-upnp-org:service:ConnectionManager:1",
+    "upnp:rootdevice", "urn:schemas-upnp-org:device:MediaServer:1",
+    "urn:schemas-upnp-org:service:ContentDirectory:1", "urn:schemas-upnp-org:service:ConnectionManager:1",
 };
-
-int run(const std::string& command)
-{
-    return system((command + " >/dev/null 2>&1").c_str());
-}
 
 int64_t ms_since(steady::time_point start)
 {
     return std::chrono::duration_cast<std::chrono::milliseconds>(steady::now() - start).count();
 }
 
-// Two namespaces and the veth pair between them, removed with the object.
-struct ssdp_netns {
-    std::string server = "velmora-ssdp-s-" + std::to_string(getpid());
-    std::string client = "velmora-ssdp-c-" + std::to_string(getpid());
-    bool made = false;
-
-    ssdp_netns()
+// The pair of namespaces, with the foreign subnet on the client's side and
+// a route to it on the server's, so that only the server's own rule keeps
+// an answer from going there.
+struct ssdp_netns : test_netns_pair {
+    ssdp_netns() : test_netns_pair("ssdp")
     {
-        if (run("ip netns add " + server) != 0 || run("ip netns add " + client) != 0)
-            return;
-        made = run("ip link add vs netns " + server + " type veth peer name vc netns " + client) == 0 &&
-               ip(server, "link set lo up") && ip(client, "link set lo up") && ip(server, "link set vs up") &&
-               ip(client, "link set vc up") && ip(server, "addr add 192.0.2.1/24 dev vs") &&
-               ip(client, "addr add 192.0.2.2/24 dev vc") && ip(client, "addr add 198.51.100.2/24 dev vc") &&
-               ip(server, "route add 224.0.0.0/4 dev vs") && ip(client, "route add 224.0.0.0/4 dev vc") &&
-               // So that an answer to the foreign address could be delivered:
-               // only the server's own rule keeps it from going out.
-               ip(server, "route add 198.51.100.0/24 dev vs");
+        made = made && ip(client, "addr add 198.51.100.2/24 dev " + client_link) &&
+               ip(server, "route add 198.51.100.0/24 dev " + server_link);
     }
-    ~ssdp_netns()
-    {
-        run("ip netns del " + server);
-        run("ip netns del " + client);
-    }
-    static bool ip(const std::string& ns, const std::string& args) { return run("ip -n " + ns + " " + args) == 0; }
 };
 
 // Runs work on the calling thread inside the named namespace; sockets and
@@ -100,10 +76,9 @@ bool inside(const std::string& ns, F work)
         if (setns(self, CLONE_NEWNET) != 0)
             abort();                   // the test thread must never stay behind
     }
-    if (self >= 0)
-        close(self);
-    if (target >= 0)
-        close(target);
+    for (int fd : {self, target})
+        if (fd >= 0)
+            close(fd);
     return entered;
 }
 
@@ -123,32 +98,26 @@ sockaddr_in address(const char* ip, int port)
     return a;
 }
 
-struct datagram { std::string text; std::string from; int port; };
+struct datagram { std::string text, from; int port; };
 
-// A UDP socket in the client namespace.
+// A UDP socket in the client namespace, bound to ip:port; a multicast
+// listener joins the group on ip.
 struct udp_client {
     int fd = -1;
 
-    // Bound to ip:port; a multicast listener joins the group on ip.
     udp_client(const std::string& ns, const char* ip, int port, bool listen_group = false)
     {
         fd = socket_in(ns, SOCK_DGRAM);
-        if (fd < 0)
-            return;
         int one = 1;
         setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
         sockaddr_in bind_to = address(listen_group ? "0.0.0.0" : ip, port);
-        in_addr interface_address = address(ip, 0).sin_addr;
-        bool ok = bind(fd, reinterpret_cast<sockaddr*>(&bind_to), sizeof bind_to) == 0 &&
-                  setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &interface_address, sizeof interface_address) == 0;
-        if (ok && listen_group) {
-            ip_mreq join{address(group, 0).sin_addr, interface_address};
-            ok = setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &join, sizeof join) == 0;
-        }
-        if (!ok) {
+        ip_mreq join{address(group, 0).sin_addr, address(ip, 0).sin_addr};
+        bool ok = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&bind_to), sizeof bind_to) == 0 &&
+                  setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &join.imr_interface, sizeof join.imr_interface) == 0 &&
+                  (!listen_group || setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &join, sizeof join) == 0);
+        if (!ok && fd >= 0)
             close(fd);
-            fd = -1;
-        }
+        fd = ok ? fd : -1;
     }
     ~udp_client()
     {
@@ -165,20 +134,17 @@ struct udp_client {
     std::vector<datagram> take(int timeout_ms, size_t count = SIZE_MAX)
     {
         std::vector<datagram> got;
-        auto start = steady::now();
         char buffer[4096];
-        while (got.size() < count && ms_since(start) < timeout_ms) {
+        for (auto start = steady::now(); got.size() < count && ms_since(start) < timeout_ms;) {
             pollfd p{fd, POLLIN, 0};
-            if (poll(&p, 1, int(timeout_ms - ms_since(start)) > 0 ? int(timeout_ms - ms_since(start)) : 0) != 1)
+            if (poll(&p, 1, int(std::max<int64_t>(0, timeout_ms - ms_since(start)))) != 1)
                 continue;
             sockaddr_in from{};
             socklen_t length = sizeof from;
             ssize_t n = recvfrom(fd, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &length);
             if (n < 0)
                 break;
-            char ip[INET_ADDRSTRLEN] = "";
-            inet_ntop(AF_INET, &from.sin_addr, ip, sizeof ip);
-            got.push_back({std::string(buffer, size_t(n)), ip, ntohs(from.sin_port)});
+            got.push_back({std::string(buffer, size_t(n)), inet_ntoa(from.sin_addr), ntohs(from.sin_port)});
         }
         return got;
     }
@@ -210,30 +176,18 @@ size_t count_with(const std::vector<datagram>& got, const std::string& text)
 int count_threads(pid_t pid)
 {
     DIR* dir = opendir(("/proc/" + std::to_string(pid) + "/task").c_str());
-    if (!dir)
-        return -1;
-    int n = 0;
-    while (dirent* e = readdir(dir))
+    int n = dir ? 0 : -1;
+    while (dirent* e = dir ? readdir(dir) : nullptr)
         n += e->d_name[0] != '.';
-    closedir(dir);
+    if (dir)
+        closedir(dir);
     return n;
 }
 
-bool can_connect(const std::string& ns, const char* ip, int port)
+// Whether the program's HTTP server answers a client in the namespace.
+bool http_answers(const std::string& ns)
 {
-    int fd = socket_in(ns, SOCK_STREAM | SOCK_NONBLOCK);
-    if (fd < 0)
-        return false;
-    sockaddr_in to = address(ip, port);
-    bool ok = connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0;
-    if (!ok && errno == EINPROGRESS) {
-        pollfd p{fd, POLLOUT, 0};
-        int err = 0;
-        socklen_t length = sizeof err;
-        ok = poll(&p, 1, 2000) == 1 && getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &length) == 0 && err == 0;
-    }
-    close(fd);
-    return ok;
+    return test_netns_pair::run("ip netns exec " + ns + " curl -s -o /dev/null --max-time 2 " + location) == 0;
 }
 
 // The program in the server namespace, with an ini of our choosing.
@@ -279,10 +233,8 @@ TEST_F(Ssdp, AliveBurstsAtStartAndByebyeBurstsAtStop)
     start("upnptimeout=1800\r\n");
     std::vector<datagram> alive = watcher.take(1500);
     ASSERT_EQ(10u, count_with(alive, "NTS: ssdp:alive")) << host->seen;
-    for (const char* target : server_targets) {
-        SCOPED_TRACE(target);
-        EXPECT_EQ(2u, count_with(alive, std::string("\r\nNT: ") + target + "\r\n"));
-    }
+    for (const char* target : server_targets)
+        EXPECT_EQ(2u, count_with(alive, std::string("\r\nNT: ") + target + "\r\n")) << target;
     // The server's own search for renderers goes out at start too.
     EXPECT_EQ(2u, count_with(alive, "M-SEARCH * HTTP/1.1\r\nMX: 4\r\nST: urn:schemas-upnp-org:device:MediaRenderer:1"));
     for (const datagram& d : alive) {
@@ -290,11 +242,10 @@ TEST_F(Ssdp, AliveBurstsAtStartAndByebyeBurstsAtStop)
             continue;
         SCOPED_TRACE(d.text);
         EXPECT_EQ(server_ip, d.from);
-        EXPECT_EQ("http://192.0.2.1:9000/DeviceDescription.xml", header(d.text, "LOCATION"));
+        EXPECT_EQ(location, header(d.text, "LOCATION"));
         EXPECT_EQ("max-age=1800", header(d.text, "CACHE-CONTROL"));
         EXPECT_EQ("239.255.255.250:1900", header(d.text, "HOST"));
     }
-
     // Nothing more until the next round, which is two minutes away.
     EXPECT_EQ(0u, count_with(watcher.take(1000), "ssdp:alive"));
     EXPECT_EQ(0, stop());
@@ -307,15 +258,12 @@ TEST_F(Ssdp, AliveBurstsAtStartAndByebyeBurstsAtStop)
 
 TEST_F(Ssdp, GssdpControlPointFindsTheServerForEveryTarget)
 {
-    const char script[] = VELMORA_SOURCE_DIR "/tests/integration/ssdp_discover.py";
-    if (access("/usr/bin/python3", X_OK) != 0 ||
-        run("/usr/bin/python3 -c \"import gi; gi.require_version('GSSDP', '1.6')\"") != 0)
+    if (system("/usr/bin/python3 -c \"import gi; gi.require_version('GSSDP', '1.6')\" >/dev/null 2>&1") != 0)
         GTEST_SKIP() << "needs Debian's python3-gi and gir1.2-gssdp-1.6";
-    std::string command = "ip netns exec " + ns.client + " /usr/bin/python3 " + script +
-                          " --interface vc --address 192.0.2.2 --timeout 10 ssdp:all upnp:rootdevice"
-                          " urn:schemas-upnp-org:device:MediaServer:1"
-                          " urn:schemas-upnp-org:service:ContentDirectory:1 2>&1";
-
+    std::string command = "ip netns exec " + ns.client + " /usr/bin/python3 " VELMORA_SOURCE_DIR
+                          "/tests/integration/ssdp_discover.py --interface " + ns.client_link +
+                          " --address 192.0.2.2 --timeout 10 ssdp:all " + server_targets[0] + " " + server_targets[1] +
+                          " " + server_targets[2] + " 2>&1";
     // The control point is up first: how long from the program's start to
     // the first resource it reports; then, with the server up and its
     // announcements over, only the answers to its searches can find it.
@@ -339,10 +287,9 @@ TEST_F(Ssdp, GssdpControlPointFindsTheServerForEveryTarget)
         ASSERT_EQ(1, sscanf(output.c_str(), "found %lf", &first)) << output;
         printf("[ measure  ] %s: %.0f ms\n", round ? "search to the first answer" : "start to the first resource found",
                (first - ready) * 1000);
-        for (const char* target : {"upnp:rootdevice", "urn:schemas-upnp-org:device:MediaServer:1",
-                                   "urn:schemas-upnp-org:service:ContentDirectory:1"})
-            EXPECT_NE(std::string::npos, output.find(std::string(" ") + target + " uuid:")) << target << output;
-        EXPECT_NE(std::string::npos, output.find("http://192.0.2.1:9000/DeviceDescription.xml")) << output;
+        for (int i = 0; i < 3; i++)
+            EXPECT_NE(std::string::npos, output.find(std::string(" ") + server_targets[i] + " uuid:")) << output;
+        EXPECT_NE(std::string::npos, output.find(location)) << output;
     }
 }
 
@@ -357,15 +304,13 @@ TEST_F(Ssdp, SearchesAreAnsweredThreeTimesPerMatchingTargetButNotFromOutsideTheS
         EXPECT_EQ(0u, d.text.find("HTTP/1.1 200 OK\r\n"));
         EXPECT_EQ(server_ip, d.from);
         EXPECT_NE(1900, d.port);
-        EXPECT_EQ("http://192.0.2.1:9000/DeviceDescription.xml", header(d.text, "LOCATION"));
+        EXPECT_EQ(location, header(d.text, "LOCATION"));
         targets.insert(header(d.text, "ST"));
     }
     EXPECT_EQ(5u, targets.size());
     std::string udn = *targets.rbegin();          // "uuid:" sorts last
     ASSERT_EQ(0u, udn.find("uuid:"));
     EXPECT_EQ(3u, ask(client_ip, search(udn)).size());
-    EXPECT_EQ(3u, ask(client_ip, search("urn:schemas-upnp-org:service:ContentDirectory:1")).size());
-    EXPECT_EQ(0u, ask(client_ip, search("urn:schemas-upnp-org:device:MediaRenderer:1")).size());
     EXPECT_EQ(3u, ask(client_ip, search("upnp:rootdevice"), 1500, server_ip).size()) << "unicast";
     EXPECT_EQ(0u, ask(foreign_ip, search("ssdp:all"), 2000).size()) << "from outside";
     EXPECT_EQ(0u, ask(foreign_ip, search("ssdp:all"), 2000, server_ip).size()) << "unicast from outside";
@@ -373,31 +318,20 @@ TEST_F(Ssdp, SearchesAreAnsweredThreeTimesPerMatchingTargetButNotFromOutsideTheS
 
 struct malformed_case { const char* name; std::string text; };
 
-std::string binary_bytes()
-{
-    std::string bytes;
-    for (int i = 0; i < 600; i++)
-        bytes += char((i * 131 + 7) & 0xFF);
-    return bytes;
-}
-
+// The parser's rules are checked on bytes; here that the listener heeds
+// them, what a socket can carry that no text holds, and the log that must
+// not grow per datagram.
 TEST_F(Ssdp, MalformedDatagramsAreDroppedAndTheServerStillAnswers)
 {
     const std::string good = search("upnp:rootdevice");
+    std::string binary;
+    for (int i = 0; i < 600; i++)
+        binary += char((i * 131 + 7) & 0xFF);
     const malformed_case cases[] = {
-        {"no MX", "M-SEARCH * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nMAN: \"ssdp:discover\"\r\n"
-                  "ST: upnp:rootdevice\r\n\r\n"},
         {"MX zero", search("upnp:rootdevice", "0")},
-        {"MX beyond any number", search("upnp:rootdevice", "99999999999999999999999999")},
-        {"MX not a number", search("upnp:rootdevice", "soon")},
-        {"ST with a blank before the colon", "M-SEARCH * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\n"
-                                              "MAN: \"ssdp:discover\"\r\nMX: 1\r\nST : upnp:rootdevice\r\n\r\n"},
-        {"ST empty", search("")},
-        {"ST folded to the next line", search("\r\n upnp:rootdevice")},
-        {"binary", binary_bytes()},
+        {"binary", binary},
         {"NUL bytes", std::string(64, '\0') + good},
-        {"oversize", "M-SEARCH * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nMAN: \"ssdp:discover\"\r\nMX: 1\r\n"
-                     "ST: upnp:rootdevice\r\nX-PAD: " + std::string(1400, 'p') + "\r\n\r\n"},
+        {"oversize", good.substr(0, good.size() - 2) + "X-PAD: " + std::string(1400, 'p') + "\r\n\r\n"},
         {"huge", std::string(60000, 'M')},
     };
     start("logsource=2\r\nloglevel=14\r\n");
@@ -419,8 +353,7 @@ TEST_F(Ssdp, FloodOfSearchesLeavesHttpAnsweringAndRepliesCapped)
 {
     start();
     pid_t pid = host->pid;
-    // Let the server's own search end, so that only the flood adds threads.
-    usleep(4500 * 1000);
+    usleep(4500 * 1000);      // the server's own search ends, so that only the flood adds threads
     int base = count_threads(pid);
     ASSERT_GT(base, 0);
     udp_client flooder(ns.client, client_ip, 0);
@@ -436,7 +369,7 @@ TEST_F(Ssdp, FloodOfSearchesLeavesHttpAnsweringAndRepliesCapped)
         most = std::max(most, count_threads(pid));
         if (round % 10 == 0) {
             connects++;
-            connected += can_connect(ns.client, server_ip, http_port);
+            connected += http_answers(ns.client);
         }
         usleep(60 * 1000);
     }
@@ -445,10 +378,8 @@ TEST_F(Ssdp, FloodOfSearchesLeavesHttpAnsweringAndRepliesCapped)
     EXPECT_EQ(10000, sent);
     EXPECT_EQ(connects, connected);
     // The reply threads, and a connection thread or two of our own checks.
-    EXPECT_LE(most - base, 64 + 2) << "threads before " << base << ", at most " << most;
+    EXPECT_LE(most - base, 64 + 2);
     EXPECT_GE(most - base, 32) << "the flood should have kept many reply threads busy";
-    EXPECT_TRUE(can_connect(ns.client, server_ip, http_port));
-
     // The storm over, a new search is answered again.
     usleep(5500 * 1000);
     EXPECT_EQ(3u, ask(client_ip, search("upnp:rootdevice")).size());
@@ -456,81 +387,34 @@ TEST_F(Ssdp, FloodOfSearchesLeavesHttpAnsweringAndRepliesCapped)
     EXPECT_EQ(0, stop());
 }
 
-// A TCP listener in the client namespace; got() is the head of the first
-// request that arrives within timeout_ms, or "".
-struct tcp_listener {
-    int fd = -1;
-    tcp_listener(const std::string& ns, const char* ip, int port)
-    {
-        fd = socket_in(ns, SOCK_STREAM);
-        int one = 1;
-        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-        sockaddr_in at = address(ip, port);
-        if (fd >= 0 && (bind(fd, reinterpret_cast<sockaddr*>(&at), sizeof at) != 0 || listen(fd, 8) != 0)) {
-            close(fd);
-            fd = -1;
-        }
-    }
-    ~tcp_listener()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-    std::string got(int timeout_ms)
-    {
-        pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, timeout_ms) != 1)
-            return "";
-        int peer = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
-        if (peer < 0)
-            return "";
-        char buffer[2048];
-        pollfd q{peer, POLLIN, 0};
-        ssize_t n = poll(&q, 1, 2000) == 1 ? recv(peer, buffer, sizeof buffer, 0) : 0;
-        close(peer);
-        return n > 0 ? std::string(buffer, size_t(n)) : "";
-    }
-};
-
-std::string renderer_alive(const std::string& location)
+std::string renderer_alive(const std::string& url)
 {
-    return "NOTIFY * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nCACHE-CONTROL: max-age=1800\r\nLOCATION: " +
-           location + "\r\nNT: urn:schemas-upnp-org:device:MediaRenderer:1\r\nNTS: ssdp:alive\r\n"
+    return "NOTIFY * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nCACHE-CONTROL: max-age=1800\r\nLOCATION: " + url +
+           "\r\nNT: urn:schemas-upnp-org:device:MediaRenderer:1\r\nNTS: ssdp:alive\r\n"
            "USN: uuid:00000000-0000-0000-0000-000000000001::urn:schemas-upnp-org:device:MediaRenderer:1\r\n\r\n";
 }
 
+// A renderer's description is fetched only from the address its
+// announcement came from, and one from outside the subnet is not followed.
 TEST_F(Ssdp, RenderersAreFollowedUpOnlyAtTheAddressTheyCameFrom)
 {
-    udp_client watcher(ns.client, client_ip, 1900, true);
-    ASSERT_GE(watcher.fd, 0);
-    tcp_listener own(ns.client, client_ip, 8200), other(ns.client, foreign_ip, 8201);
-    ASSERT_GE(own.fd, 0);
-    ASSERT_GE(other.fd, 0);
+    std::unique_ptr<test_peer> own, other;     // listening inside the client namespace
+    inside(ns.client, [&] {
+        own = std::make_unique<test_peer>("HTTP/1.1 404 Not Found\r\n\r\n", client_ip);
+        other = std::make_unique<test_peer>("HTTP/1.1 404 Not Found\r\n\r\n", foreign_ip);
+    });
+    udp_client renderer(ns.client, client_ip, 0), foreign(ns.client, foreign_ip, 0);
+    ASSERT_TRUE(own && own->port > 0 && other->port > 0 && renderer.fd >= 0 && foreign.fd >= 0);
     start();
-
-    // The server searches for renderers at start; one answers.
-    std::vector<datagram> seen = watcher.take(1500);
-    const datagram* search_seen = nullptr;
-    for (const datagram& d : seen)
-        if (d.text.find("M-SEARCH") == 0)
-            search_seen = &d;
-    ASSERT_NE(nullptr, search_seen) << "no search for renderers";
-    EXPECT_EQ("urn:schemas-upnp-org:device:MediaRenderer:1", header(search_seen->text, "ST"));
-    udp_client renderer(ns.client, client_ip, 0);
-    ASSERT_TRUE(renderer.send("HTTP/1.1 200 OK\r\nLOCATION: http://192.0.2.2:8200/answer.xml\r\n"
-                              "ST: urn:schemas-upnp-org:device:MediaRenderer:1\r\n\r\n",
-                              server_ip, search_seen->port));
-    EXPECT_EQ(0u, own.got(3000).find("GET /answer.xml")) << "the answer's description is fetched";
-
-    // An announcement naming another machine's address is not followed
-    // there, and one from outside the subnet not at all.
-    usleep(5500 * 1000);               // the first fetch gives up on our silent listener
-    udp_client foreign(ns.client, foreign_ip, 0);
-    ASSERT_TRUE(foreign.send(renderer_alive("http://198.51.100.2:8201/foreign.xml")));
-    ASSERT_TRUE(renderer.send(renderer_alive("http://198.51.100.2:8201/elsewhere.xml")));
-    EXPECT_EQ("", other.got(2500));
-    ASSERT_TRUE(renderer.send(renderer_alive("http://192.0.2.2:8200/alive.xml")));
-    EXPECT_EQ(0u, own.got(3000).find("GET /alive.xml"));
+    usleep(1500 * 1000);               // the listener is up once the start's burst is out
+    ASSERT_TRUE(foreign.send(renderer_alive(other->url("/foreign.xml"))));
+    ASSERT_TRUE(renderer.send(renderer_alive(other->url("/elsewhere.xml"))));
+    usleep(500 * 1000);                // one check per address at a time
+    ASSERT_TRUE(renderer.send(renderer_alive(own->url("/alive.xml"))));
+    for (int i = 0; i < 300 && own->seen().empty(); i++)
+        usleep(10 * 1000);
+    EXPECT_EQ(0u, own->seen().find("GET /alive.xml")) << own->seen();
+    EXPECT_EQ(0, other->accepted.load());
 }
 
 // The library in this process, its threads made inside the server's
@@ -546,8 +430,7 @@ TEST(SsdpInProcess, ManyStartsAndStopsLeaveNothingBehind)
     upnp_ini_set(UPNP_OPT_IP, server_ip);
     upnp_ini_set(UPNP_OPT_HTTPPORT, "9000");
     upnp_ini_set(UPNP_OPT_NICRESTART, "0");
-    ssdp_enabled = 1;
-    scheduler_enabled = 1;
+    ssdp_enabled = scheduler_enabled = 1;
     scanner_enabled = 0;
     auto cycle = [&] {
         ASSERT_TRUE(inside(ns.server, [] { upnp_mediaserver_start(); }));
@@ -556,11 +439,9 @@ TEST(SsdpInProcess, ManyStartsAndStopsLeaveNothingBehind)
     };
     cycle();                           // what lives for the process is made now
     watcher.take(300);
-    int fds = test_count_fds();
-    int threads = test_count_threads();
+    int fds = test_count_fds(), threads = test_count_threads();
     int32_t sockets = upnp_socket_open_count();
-    const int cycles = 20;
-    for (int i = 0; i < cycles; i++) {
+    for (int i = 0; i < 20; i++) {
         SCOPED_TRACE(i);
         cycle();
         EXPECT_EQ(0, ssdp_thread_count());

@@ -5,15 +5,11 @@
 # the description does not list, is introspected through a small carrier
 # description that names its document beside the server's, resolved
 # against the address the server was found at. Prints one line per fact:
-#   ready <monotonic seconds>
-#   device <udn> <location>
 #   name <friendly name>
-#   model <manufacturer> | <model name> | <model number>
 #   icon <mime> <width>x<height> <bytes>
-#   service <service type> <document url>
 #   action <service type> <action> <argument>:<in|out>:<state variable> ...
-#   variable <service type> <name> <type> <events yes|no> <allowed,values>
 #   unrelated <service type> <action> <argument> <state variable>
+#   failed ... / missing ...
 #   done
 # and ends with status 0 once everything was seen, 1 on a failure or when
 # the time is up. Needs Debian's python3-gi and gir1.2-gupnp-1.6.
@@ -21,7 +17,6 @@ import argparse
 import os
 import sys
 import tempfile
-import time
 import urllib.parse
 
 import gi
@@ -74,9 +69,7 @@ class Inspector:
             return
         self.found = True
         self.keep.append(device)
-        say("device", device.get_udn(), device.get_location())
         say("name", device.get_friendly_name())
-        say("model", device.get_manufacturer(), "|", device.get_model_name(), "|", device.get_model_number())
         self.start()
         for mime, size in ICONS:
             self.start()
@@ -97,7 +90,6 @@ class Inspector:
 
     def introspect(self, service):
         self.keep.append(service)
-        say("service", service.get_service_type(), service.get_scpd_url())
         self.start()
         service.introspect_async(None, self.introspected)
 
@@ -110,11 +102,7 @@ class Inspector:
             self.failed = True
             self.finish()
             return
-        variables = {}
-        for v in info.list_state_variables():
-            variables[v.name] = v
-            allowed = ",".join(v.allowed_values or []) or "-"
-            say("variable", kind, v.name, v.type.name, "yes" if v.send_events else "no", allowed)
+        variables = {v.name for v in info.list_state_variables()}
         for action in info.list_actions():
             words = []
             for arg in action.arguments:
@@ -153,7 +141,6 @@ def main():
         control_point = GUPnP.ControlPoint.new(context, MEDIA_SERVER)
         control_point.connect("device-proxy-available", inspector.device_available)
         control_point.set_active(True)
-        say("ready %.6f" % time.monotonic())
         timed_out = []
         GLib.timeout_add(int(args.timeout * 1000), lambda: timed_out.append(1) or loop.quit())
         loop.run()

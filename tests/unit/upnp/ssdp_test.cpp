@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -32,14 +31,8 @@ const std::string good_headers =
     "HOST: 239.255.255.250:1900\r\nMAN: \"ssdp:discover\"\r\nMX: 3\r\nST: ssdp:all\r\n";
 
 // length: the bytes the parser may read, when fewer than the text.
-struct search_case {
-    const char* name;
-    std::string text;
-    int result;
-    const char* target;
-    int32_t mx;
-    size_t length = std::string::npos;
-};
+struct search_case { const char* name; std::string text; int result; const char* target; int32_t mx;
+                     size_t length = std::string::npos; };
 
 const std::string long_target(127, 'x'), canonical = search_text(good_headers);
 std::string with_nul = std::string(canonical).insert(canonical.find("239"), 1, '\0');
@@ -52,7 +45,6 @@ const search_case search_cases[] = {
     {"lower-case method and names", "m-search * http/1.1\r\nhost: 239.255.255.250:1900\r\nman: \"ssdp:discover\"\r\n"
                                     "mx: 2\r\nst: upnp:rootdevice\r\n\r\n", 1, "upnp:rootdevice", 2},
     {"blanks and a tab before values", search_with("MX:  \t4\r\nST:\t  ssdp:all\r\n"), 1, "ssdp:all", 4},
-    {"value ends at a blank", search_with("MX: 1\r\nST: ssdp:all trailing\r\n"), 1, "ssdp:all", 1},
     {"value ends at a byte above 127", search_with("MX: 1\r\nST: ssdp:all\xC3\xA9\r\n"), 1, "ssdp:all", 1},
     {"MX with trailing junk reads its digits", search_with("MX: 3s\r\nST: a\r\n"), 1, "a", 3},
     {"MX above the cap", search_with("MX: 500\r\nST: a\r\n"), 1, "a", 120},
@@ -60,22 +52,16 @@ const search_case search_cases[] = {
     // Searches that ask for no answer.
     {"MX zero", search_with("MX: 0\r\nST: a\r\n"), -1, nullptr, 0},
     {"MX empty", search_with("MX:\r\nST: a\r\n"), -1, nullptr, 0},
-    {"MX negative", search_with("MX: -3\r\nST: a\r\n"), -1, nullptr, 0},
     {"MX beyond any number", search_with("MX: 99999999999999999999999\r\nST: a\r\n"), -1, nullptr, 0},
-    {"MX with a blank before the colon", search_with("MX : 3\r\nST: a\r\n"), -1, nullptr, 0},
-    {"ST with a blank before the colon", search_with("MX: 3\r\nST : ssdp:all\r\n"), -1, nullptr, 0},
+    {"MX with a blank before the colon", search_with("MX : 3\r\nST: a\r\n"), -1, nullptr, 0},   // so for ST
     {"ST empty", search_with("MX: 3\r\nST:\r\n"), -1, nullptr, 0},
     {"target of 128 bytes", search_with("MX: 1\r\nST: " + long_target + "x\r\n"), -1, nullptr, 0},
     // No search at all.
-    {"no MX header", search_with("ST: ssdp:all\r\n"), 0, nullptr, 0},
-    {"no MAN header", search_text("HOST: x\r\nMX: 3\r\nST: ssdp:all\r\n"), 0, nullptr, 0},
-    {"no HOST header", search_text("MAN: y\r\nMX: 3\r\nST: ssdp:all\r\n"), 0, nullptr, 0},
-    {"no ST header", search_with("MX: 3\r\n"), 0, nullptr, 0},
+    {"no HOST header, as for MX, ST or MAN", search_text("MAN: y\r\nMX: 3\r\nST: ssdp:all\r\n"), 0, nullptr, 0},
     {"HTTP/1.0", "M-SEARCH * HTTP/1.0\r\n" + good_headers + "\r\n", 0, nullptr, 0},
     {"no asterisk", "M-SEARCH / HTTP/1.1\r\n" + good_headers + "\r\n", 0, nullptr, 0},
     {"headers before the request line", good_headers + "M-SEARCH * HTTP/1.1\r\n\r\n", 0, nullptr, 0},
     {"a notification", "NOTIFY * HTTP/1.1\r\n" + good_headers + "\r\n", 0, nullptr, 0},
-    {"empty", "", 0, nullptr, 0},
 };
 
 TEST(SsdpParse, ReadsSearchesAsSubstringsOfTheHead)
@@ -127,20 +113,13 @@ TEST(SsdpParse, FollowsOnlyAliveRenderersAndRemoteUiClients)
 
 struct subnet_case { const char* local; const char* mask; const char* peer; int same; };
 
+const char C24[] = "255.255.255.0", ONE[] = "255.255.255.255";
 const subnet_case subnet_cases[] = {
-    {"192.0.2.1", "255.255.255.0", "192.0.2.200", 1},
-    {"192.0.2.1", "255.255.255.0", "192.0.3.2", 0},
-    {"192.0.2.1", "255.255.255.0", "198.51.100.2", 0},
-    {"10.1.2.3", "255.0.0.0", "10.200.0.1", 1},
-    {"192.0.2.1", "255.255.255.255", "192.0.2.1", 1},
-    {"192.0.2.1", "255.255.255.255", "192.0.2.2", 0},
+    {"192.0.2.1", C24, "192.0.2.200", 1}, {"192.0.2.1", C24, "192.0.3.2", 0}, 
+    {"192.0.2.1", ONE, "192.0.2.1", 1}, {"192.0.2.1", ONE, "192.0.2.2", 0},
     {"192.0.2.1", "", "192.0.2.2", 0},                 // no mask known: nobody
-    {"192.0.2.1", "255.255.255.0", "", 0},
-    {"192.0.2.1", "255.255.255.0", "192.0.2", 0},
-    {"192.0.2.1", "255.255.255.0", "192.0.2.256", 0},
-    {"192.0.2.1", "255.255.255.0", "192.0.2.1.5", 0},
-    {"192.0.2.1", "255.255.255.0", "192.0.2.0001", 0},
-    {"192.0.2.1", "255.255.255.0", "192.0.2.+1", 0},
+    {"192.0.2.1", C24, "", 0}, {"192.0.2.1", C24, "192.0.2", 0}, {"192.0.2.1", C24, "192.0.2.256", 0},
+    {"192.0.2.1", C24, "192.0.2.1.5", 0}, {"192.0.2.1", C24, "192.0.2.0001", 0}, {"192.0.2.1", C24, "192.0.2.+1", 0},
 };
 
 TEST(SsdpParse, SameSubnetNeedsThreeWellFormedAddresses)
@@ -154,8 +133,6 @@ TEST(SsdpParse, SameSubnetNeedsThreeWellFormedAddresses)
     EXPECT_EQ(0xC000020Au, value);
     EXPECT_EQ(0, ssdp_parse_ip(nullptr, &value));
 }
-
-// ---- Messages -------------------------------------------------------------
 
 // A UDP receiver and a sender on 127.0.0.1.
 struct loopback_udp {
@@ -172,18 +149,13 @@ struct loopback_udp {
         upnp_socket_close(receiver);
         upnp_socket_close(sender);
     }
-    // Every datagram that arrives until 200 ms pass without one.
+    // Every datagram sent so far: on loopback a send has arrived when it returns.
     std::vector<std::string> take()
     {
         std::vector<std::string> got;
         char buffer[2048];
-        pollfd p{receiver, POLLIN, 0};
-        for (int i = 0; i < 100 && poll(&p, 1, 200) == 1; i++) {
-            int32_t n = upnp_socket_recv(receiver, buffer, sizeof buffer);
-            if (n <= 0)
-                break;
+        for (ssize_t n; got.size() < 100 && (n = recv(receiver, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;)
             got.emplace_back(buffer, size_t(n));
-        }
         return got;
     }
     int announce(const char* target, int notify)
@@ -201,16 +173,11 @@ std::string header(const std::string& message, const std::string& name)
     return message.substr(at, message.find("\r\n", at) - at);
 }
 
-std::string udn()
-{
-    return upnp_get_udn();
-}
+std::string udn() { return upnp_get_udn(); }
 
-const char* const server_rows[] = {
-    "urn:schemas-upnp-org:device:MediaServer:1",
-    "urn:schemas-upnp-org:service:ContentDirectory:1",
-    "urn:schemas-upnp-org:service:ConnectionManager:1",
-};
+const char* const server_rows[] = {"urn:schemas-upnp-org:device:MediaServer:1",
+                                   "urn:schemas-upnp-org:service:ContentDirectory:1",
+                                   "urn:schemas-upnp-org:service:ConnectionManager:1"};
 
 struct Ssdp : ::testing::Test {
     void SetUp() override
@@ -252,20 +219,12 @@ TEST_F(Ssdp, OnlyAWholeTargetMatchesARowAndAllAnswersEveryRowInOrder)
         {udn(), 0, 1, {udn()}},
         {"upnp:rootdevice", 0, 1, {"upnp:rootdevice"}},
         {server_rows[0], 0, 1, {server_rows[0]}},
-        {server_rows[1], 0, 1, {server_rows[1]}},
         {server_rows[2], 1, 1, {server_rows[2]}},
-        {"urn:schemas-upnp-org:device:MediaRenderer:1", 0, 1, {}},
         {"urn:schemas-upnp-org:service:X_MS_MediaReceiverRegistrar:1", 0, 1, {}},
-        {"upnp:rootdevice2", 0, 1, {}},
-        {"upnp:rootdevic", 0, 1, {}},
-        {"UPNP:ROOTDEVICE", 0, 1, {}},
-        {"ssdp:all2", 0, 1, {}},
-        {"ssdp:alL", 0, 1, {}},
-        {"", 0, 1, {}},
+        {"upnp:rootdevic", 0, 1, {}}, {"ssdp:all2", 0, 1, {}}, {"ssdp:alL", 0, 1, {}},
         // Without advertising only the UDN and the root device go out.
         {"ssdp:all", 1, 0, {udn(), "upnp:rootdevice"}},
         {server_rows[0], 0, 0, {}},
-        {server_rows[1], 1, 0, {}},
     };
     loopback_udp udp;
     for (const target_case& c : cases) {
