@@ -20,6 +20,7 @@
 #include "control/upnp_log.h"
 #include "database/db_object.h"
 #include "database/db_record.h"
+#include "database/db_tree.h"
 #include "media/upnp_filescan.h"
 #include "runtime/upnp_file.h"
 #include "runtime/upnp_string.h"
@@ -467,6 +468,20 @@ char* db_file_get_path_and_type(uint32_t block, int32_t* type)
         path = db_record_path_and_type(text->text, text->length, type);
     upnp_string_free(text);
     return path;
+}
+
+int32_t db_file_status_of_block(uint32_t block)
+{
+    upnp_string* text = nullptr;
+    int32_t status = DB_FILE_GONE;
+    if (file_read_locked(block, &text) == FILE_READ_RECORD) {
+        int32_t type = 0;
+        char* path = db_record_path_and_type(text->text, text->length, &type);
+        status = path ? db_file_status(path, type) : 0;
+        free(path);
+    }
+    upnp_string_free(text);
+    return status;
 }
 
 char* db_file_get_path(uint32_t id)

@@ -140,6 +140,9 @@ char* db_file_get_path(uint32_t id);
 // The path of the record at block (a new text the caller frees) and its
 // type; null, type untouched, when the block holds no readable record.
 char* db_file_get_path_and_type(uint32_t block, int32_t* type);
+// db_file_status (db_tree.h) of the path in the block, for its type; a
+// block that holds no record counts as a file gone, one without a path as 0.
+int32_t db_file_status_of_block(uint32_t block);
 
 // ---- Loading and importing ----------------------------------------------------
 

@@ -7,6 +7,7 @@
 #include "control/upnp_log.h"
 #include "database/db_object.h"
 #include "database/db_record.h"
+#include "database/db_tree.h"
 #include "runtime/upnp_file.h"
 #include "runtime/upnp_string.h"
 #include "support/test_support.h"
@@ -577,4 +578,22 @@ TEST_F(DbFileStore, ImportFilesEnterTheStoreAndAreDeletedUnlessStopped)
     EXPECT_EQ(std::vector<std::string>{lists}, db_imported_lists);
     EXPECT_FALSE(db_exists(lists));
     EXPECT_NE(std::string::npos, test_read_file(dir.file("velmoramedia.main.playlists")).find("list"));
+}
+
+TEST_F(DbFileMemory, StatusOfABlockJudgesThePathItsRecordHolds)
+{
+    test_dir dir;
+    ASSERT_TRUE(test_write_file(dir.file("a.mp3"), "x"));
+    std::string folders = "+M|" + dir.path;
+    upnp_ini_set(UPNP_OPT_CONTENTDIR, folders.c_str());
+    uint32_t shared = db_store(db_test_raw(dir.file("a.mp3"), DB_OBJ_AUDIO));
+    uint32_t wrong_kind = db_store(db_test_raw(dir.file("a.mp3"), DB_OBJ_PHOTO));
+    uint32_t no_path = db_store("0300214\n");
+    EXPECT_EQ(db_file_status_of_block(shared), DB_FILE_SHARED);
+    EXPECT_EQ(db_file_status_of_block(wrong_kind), DB_FILE_GONE);
+    EXPECT_EQ(db_file_status_of_block(no_path), 0);
+    db_file_free_chain(shared);
+    EXPECT_EQ(db_file_status_of_block(shared), DB_FILE_GONE);
+    EXPECT_EQ(db_file_status_of_block(9999), DB_FILE_GONE);
+    upnp_ini_set(UPNP_OPT_CONTENTDIR, "");
 }
