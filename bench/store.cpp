@@ -82,7 +82,9 @@ static db_meta_list* bench_meta(long i)
     char title[64], artist[32], album[32], genre[32], track[8], date[16], duration[16], size[24];
     long a = (i * 7919) % ALBUMS;
     int32_t type = bench_type(i);
-    snprintf(title, sizeof title, "%s %07ld", type == DB_OBJ_AUDIO ? "Song" : "Picture", i);
+    // Titles in no relation to the order the files are found in, as in a
+    // real library (a prime modulus keeps them distinct).
+    snprintf(title, sizeof title, "%s %07ld", type == DB_OBJ_AUDIO ? "Song" : "Picture", i * 7777777 % 9999991);
     snprintf(date, sizeof date, "%04ld-%02ld-%02ld", 1960 + a % 60, i % 12 + 1, i % 28 + 1);
     snprintf(size, sizeof size, "%ld", 2000000 + (i * 37) % 9000000);
     db_meta_list* l = nullptr;

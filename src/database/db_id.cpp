@@ -32,6 +32,7 @@
 #include <cstring>
 #include <ctime>
 #include <strings.h>
+#include <utility>
 #include <vector>
 
 // ---- Id words -------------------------------------------------------------------
@@ -753,13 +754,20 @@ static int sort_merge(T* v, size_t n, Less before, size_t block)
 // and title again at each comparison. The keys hold the first 16 folded
 // positions of the title, one byte each (end 0, else the signed folded
 // character + 128): keys that differ order their titles as db_compare_text
-// does; equal keys say nothing and the texts are compared.
-enum { SORT_TITLE = 1, SORT_CONTAINER = 2, SORT_ALL = 4 };
+// does; equal keys say nothing and the texts are compared. Each entry knows
+// the object's position in the list, which breaks ties, so the entries may
+// be made in any order and still sort as the list stood.
+enum : uint32_t {
+    SORT_POSITION = (1u << 29) - 1,
+    SORT_TITLE = 1u << 29,
+    SORT_CONTAINER = 1u << 30,
+    SORT_ALL = 1u << 31,
+};
 
 struct sort_entry {
     uint64_t key[2];
     uint32_t handle;                                    // the object's arena handle
-    uint8_t flags;                                      // SORT_*
+    uint32_t place;                                     // position in the list | SORT_* bits
 };
 
 // The criteria read once per sort: one step per token, in order.
@@ -791,15 +799,15 @@ static int sort_fold_at(const char* p)
     return static_cast<signed char>(toupper(db_fold_char(uint8_t(p[0]), uint8_t(p[1])) & 0xFF));
 }
 
-static sort_entry sort_entry_of(db_object* o)
+static sort_entry sort_entry_of(db_object* o, uint32_t position)
 {
     const char* title = db_object_get_str(o, DBK_TITLE);
-    sort_entry e = {{0, 0}, db_arena_handle(o), 0};
+    sort_entry e = {{0, 0}, db_arena_handle(o), position};
     if (db_type_is_container(db_object_type_of(o)))
-        e.flags |= SORT_CONTAINER;
+        e.place |= SORT_CONTAINER;
     const char* all = sort_get_allname();
     if (title)
-        e.flags |= SORT_TITLE | (all && !strcmp(title, all) ? SORT_ALL : 0);
+        e.place |= SORT_TITLE | (all && !strcmp(title, all) ? SORT_ALL : 0u);
     bool ended = !title || sort_no_utf8;
     for (int i = 0; i < 16; i++) {
         ended = ended || title[i] == 0;
@@ -810,11 +818,15 @@ static sort_entry sort_entry_of(db_object* o)
 
 static int sort_entry_title(const sort_entry& a, const sort_entry& b)
 {
-    if (!(a.flags & b.flags & SORT_TITLE))
-        return (a.flags & SORT_TITLE) == (b.flags & SORT_TITLE) ? 0 : (a.flags & SORT_TITLE ? 1 : -1);
-    if (a.flags & SORT_ALL)
+    if (!(a.place & b.place & SORT_TITLE))
+        return (a.place & SORT_TITLE) == (b.place & SORT_TITLE) ? 0 : (a.place & SORT_TITLE ? 1 : -1);
+    // Several titles equal to the "All" folder's would each go first; they
+    // keep their places in the list instead.
+    if (a.place & b.place & SORT_ALL)
+        return 0;
+    if (a.place & SORT_ALL)
         return -1;
-    if (b.flags & SORT_ALL)
+    if (b.place & SORT_ALL)
         return 1;
     for (int i = 0; i < 2; i++)
         if (a.key[i] != b.key[i])
@@ -830,7 +842,7 @@ static int sort_entries_compare(const sort_run& run, const sort_entry& a, const 
 {
     if (sort_shuffle)
         return rand() % 10 > 4 ? -1 : 1;
-    if (!run.steps.empty() && (a.flags & SORT_CONTAINER) && !(b.flags & SORT_CONTAINER))
+    if (!run.steps.empty() && (a.place & SORT_CONTAINER) && !(b.place & SORT_CONTAINER))
         return -1;
     for (const sort_step& s : run.steps) {
         int r = s.compare == db_compare_title ? sort_entry_title(a, b)
@@ -842,30 +854,67 @@ static int sort_entries_compare(const sort_run& run, const sort_entry& a, const 
     return sort_entry_title(a, b) * run.last_sign;
 }
 
+// A list in scan order visits its objects in no order of memory, and in a
+// large library each visit is a cache miss. So a long list is visited in
+// the order of the objects' handles, which walks the arena and the pool
+// (whose titles were interned in the same order) front to back: a radix
+// sort of (handle, position) pairs, 11 bits a pass. The shuffle keeps the
+// list's own order, as its coin tosses depend on it.
+static constexpr int32_t SORT_BY_HANDLE_FROM = 4096;
+
+static int sort_fill(db_object* const* objects, int32_t count, sort_entry* order)
+{
+    if (count < SORT_BY_HANDLE_FROM || sort_shuffle) {
+        for (int32_t i = 0; i < count; i++)
+            order[i] = sort_entry_of(objects[i], uint32_t(i));
+        return 1;
+    }
+    sort_scratch<uint64_t> pairs{size_t(count)}, spare{size_t(count)};
+    if (!pairs.data || !spare.data)
+        return 0;
+    for (int32_t i = 0; i < count; i++)
+        pairs.data[i] = uint64_t(db_arena_handle(objects[i])) << 32 | uint32_t(i);
+    uint64_t* from = pairs.data;
+    uint64_t* to = spare.data;
+    for (int shift = 32; shift < 64; shift += 11) {
+        uint32_t starts[2048] = {};
+        for (int32_t i = 0; i < count; i++)
+            starts[from[i] >> shift & 2047]++;
+        for (uint32_t d = 0, at = 0; d < 2048; d++) {
+            uint32_t n = starts[d];
+            starts[d] = at;
+            at += n;
+        }
+        for (int32_t i = 0; i < count; i++)
+            to[starts[from[i] >> shift & 2047]++] = from[i];
+        std::swap(from, to);
+    }
+    for (int32_t k = 0; k < count; k++) {
+        uint32_t i = uint32_t(from[k]);
+        order[k] = sort_entry_of(objects[i], i);
+    }
+    return 1;
+}
+
 // Fills `order` with the objects' entries in sorted order; 0 when there
 // was no memory for it, and then the list stays as it was.
 static int sort_order(db_object* const* objects, int32_t count, sort_entry* order)
 {
     sort_run run;
     sort_read_criteria(run);
-    // A list in scan order visits its objects in no order of memory:
-    // fetch ahead, each object 16 places early and its title 8 places
-    // early, so that the cache misses of a large list overlap.
-    for (int32_t i = 0; i < count; i++) {
-        if (i + 16 < count)
-            __builtin_prefetch(objects[i + 16]);
-        if (i + 8 < count)
-            __builtin_prefetch(db_object_get_str(objects[i + 8], DBK_TITLE));
-        order[i] = sort_entry_of(objects[i]);
-    }
-    auto before = [&run](const sort_entry& x, const sort_entry& y) { return sort_entries_compare(run, x, y) < 0; };
+    if (!sort_fill(objects, count, order))
+        return 0;
+    auto before = [&run](const sort_entry& x, const sort_entry& y) {
+        int r = sort_entries_compare(run, x, y);
+        return r < 0 || (r == 0 && (x.place & SORT_POSITION) < (y.place & SORT_POSITION));
+    };
     // 4096 entries and their copies fit a core's own cache.
     return sort_merge(order, size_t(count), before, sort_shuffle ? 1 : 4096);
 }
 
 static bool sort_into(db_object* const* objects, int32_t count, sort_scratch<sort_entry>& order)
 {
-    if (order.data && sort_order(objects, count, order.data))
+    if (count <= int32_t(SORT_POSITION) && order.data && sort_order(objects, count, order.data))
         return true;
     upnp_log(UPNP_LOG_ERROR, UPNP_LOG_DB, "sort: no memory for %d objects\n", count);
     return false;
