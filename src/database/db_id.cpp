@@ -69,7 +69,7 @@ char* db_object_id_text(const db_object* o, char* buffer, int32_t size)
     db_lock_guard hold;
     std::vector<uint32_t> words;
     for (const db_object* x = o; x && db_object_seq(x) != 0; x = db_object_parent(x))
-        words.push_back(x->id);
+        words.push_back(uint32_t(x->id));   // a copy: records are packed, fields unaligned
     if (words.empty()) {
         snprintf(buffer, size_t(size), "0");
         return buffer;
