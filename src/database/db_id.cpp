@@ -889,10 +889,9 @@ static int sort_fill(db_object* const* objects, int32_t count, sort_entry* order
             to[starts[from[i] >> shift & 2047]++] = from[i];
         std::swap(from, to);
     }
-    for (int32_t k = 0; k < count; k++) {
-        uint32_t i = uint32_t(from[k]);
-        order[k] = sort_entry_of(objects[i], i);
-    }
+    // The pair holds the handle, so the list itself is not read out of order.
+    for (int32_t k = 0; k < count; k++)
+        order[k] = sort_entry_of(db_obj(uint32_t(from[k] >> 32)), uint32_t(from[k]));
     return 1;
 }
 
