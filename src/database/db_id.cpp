@@ -704,20 +704,19 @@ static void sort_merge_pass(T* v, size_t n, size_t width, T* spare, Less& before
 // width. Every merge still sees the same two runs as when all blocks go
 // width by width, so the order comes out the same; only the order of the
 // comparisons changes, which the shuffle cannot allow.
-// Scratch memory of one sort. A large list gets a mapping of its own,
-// which the page layer backs with huge pages: the first touch of tens of
-// megabytes of fresh small pages cost more than the sort itself. Below
-// that the heap, whose memory is mostly warm already, serves better.
-template <typename T>
+// Scratch memory of one sort, shared by its phases. A large list gets a
+// mapping of its own, which the page layer backs with huge pages: the
+// first touch of tens of megabytes of fresh small pages cost more than the
+// sort itself. Below that the heap, whose memory is mostly warm already,
+// serves better.
 struct sort_scratch {
     static constexpr size_t MAPPED_FROM = size_t(4) << 20;
-    T* data = nullptr;
+    void* data = nullptr;
     size_t bytes = 0;
 
-    explicit sort_scratch(size_t count) : bytes(count * sizeof(T))
+    explicit sort_scratch(size_t size) : bytes(size)
     {
-        void* p = bytes >= MAPPED_FROM ? upnp_pages_map(bytes) : malloc(bytes ? bytes : 1);
-        data = static_cast<T*>(p);
+        data = bytes >= MAPPED_FROM ? upnp_pages_map(bytes) : malloc(bytes ? bytes : 1);
     }
     ~sort_scratch()
     {
@@ -726,27 +725,31 @@ struct sort_scratch {
         else
             free(data);
     }
+    template <typename T>
+    T* as() const { return static_cast<T*>(data); }
     sort_scratch(const sort_scratch&) = delete;
     sort_scratch& operator=(const sort_scratch&) = delete;
 };
 
-template <typename T, typename Less>
-static int sort_merge(T* v, size_t n, Less before, size_t block)
+// The merge's spare run: half the list, rounded up to a power of two.
+static size_t sort_spare_count(size_t n)
 {
-    size_t spare_size = 1;
-    while (spare_size * 2 < n)
-        spare_size *= 2;
-    sort_scratch<T> spare(spare_size);
-    if (!spare.data)
-        return 0;
+    size_t spare = 1;
+    while (spare * 2 < n)
+        spare *= 2;
+    return spare;
+}
+
+template <typename T, typename Less>
+static void sort_merge(T* v, size_t n, Less before, size_t block, T* spare)
+{
     for (size_t lo = 0; block > 1 && lo < n; lo += block) {
         size_t len = n - lo < block ? n - lo : block;
         for (size_t w = 1; w < len; w *= 2)
-            sort_merge_pass(v + lo, len, w, spare.data, before);
+            sort_merge_pass(v + lo, len, w, spare, before);
     }
     for (size_t width = block > 1 ? block : 1; width < n; width *= 2)
-        sort_merge_pass(v, n, width, spare.data, before);
-    return 1;
+        sort_merge_pass(v, n, width, spare, before);
 }
 
 // What a sort needs of an object, fetched once: a large list then sorts a
@@ -862,20 +865,23 @@ static int sort_entries_compare(const sort_run& run, const sort_entry& a, const 
 // list's own order, as its coin tosses depend on it.
 static constexpr int32_t SORT_BY_HANDLE_FROM = 4096;
 
-static int sort_fill(db_object* const* objects, int32_t count, sort_entry* order)
+static bool sort_by_handle(int32_t count)
 {
-    if (count < SORT_BY_HANDLE_FROM || sort_shuffle) {
+    return count >= SORT_BY_HANDLE_FROM && !sort_shuffle;
+}
+
+// scratch: room for two arrays of count pairs when sorting by handle.
+static void sort_fill(db_object* const* objects, int32_t count, sort_entry* order, uint64_t* scratch)
+{
+    if (!sort_by_handle(count)) {
         for (int32_t i = 0; i < count; i++)
             order[i] = sort_entry_of(objects[i], uint32_t(i));
-        return 1;
+        return;
     }
-    sort_scratch<uint64_t> pairs{size_t(count)}, spare{size_t(count)};
-    if (!pairs.data || !spare.data)
-        return 0;
+    uint64_t* from = scratch;
+    uint64_t* to = scratch + count;
     for (int32_t i = 0; i < count; i++)
-        pairs.data[i] = uint64_t(db_arena_handle(objects[i])) << 32 | uint32_t(i);
-    uint64_t* from = pairs.data;
-    uint64_t* to = spare.data;
+        from[i] = uint64_t(db_arena_handle(objects[i])) << 32 | uint32_t(i);
     for (int shift = 32; shift < 64; shift += 11) {
         uint32_t starts[2048] = {};
         for (int32_t i = 0; i < count; i++)
@@ -892,7 +898,6 @@ static int sort_fill(db_object* const* objects, int32_t count, sort_entry* order
     // The pair holds the handle, so the list itself is not read out of order.
     for (int32_t k = 0; k < count; k++)
         order[k] = sort_entry_of(db_obj(uint32_t(from[k] >> 32)), uint32_t(from[k]));
-    return 1;
 }
 
 // Fills `order` with the objects' entries in sorted order; 0 when there
@@ -901,19 +906,24 @@ static int sort_order(db_object* const* objects, int32_t count, sort_entry* orde
 {
     sort_run run;
     sort_read_criteria(run);
-    if (!sort_fill(objects, count, order))
+    size_t n = size_t(count), spare_bytes = sort_spare_count(n) * sizeof(sort_entry);
+    size_t pair_bytes = sort_by_handle(count) ? 2 * n * sizeof(uint64_t) : 0;
+    sort_scratch scratch{spare_bytes > pair_bytes ? spare_bytes : pair_bytes};
+    if (!scratch.data)
         return 0;
+    sort_fill(objects, count, order, scratch.as<uint64_t>());
     auto before = [&run](const sort_entry& x, const sort_entry& y) {
         int r = sort_entries_compare(run, x, y);
         return r < 0 || (r == 0 && (x.place & SORT_POSITION) < (y.place & SORT_POSITION));
     };
     // 4096 entries and their copies fit a core's own cache.
-    return sort_merge(order, size_t(count), before, sort_shuffle ? 1 : 4096);
+    sort_merge(order, n, before, sort_shuffle ? 1 : 4096, scratch.as<sort_entry>());
+    return 1;
 }
 
-static bool sort_into(db_object* const* objects, int32_t count, sort_scratch<sort_entry>& order)
+static bool sort_into(db_object* const* objects, int32_t count, sort_scratch& order)
 {
-    if (count <= int32_t(SORT_POSITION) && order.data && sort_order(objects, count, order.data))
+    if (count <= int32_t(SORT_POSITION) && order.data && sort_order(objects, count, order.as<sort_entry>()))
         return true;
     upnp_log(UPNP_LOG_ERROR, UPNP_LOG_DB, "sort: no memory for %d objects\n", count);
     return false;
@@ -924,11 +934,11 @@ void db_sort_objects(db_object** objects, int32_t count)
     if (!objects || count < 2)
         return;
     db_lock_guard hold;
-    sort_scratch<sort_entry> order{size_t(count)};
+    sort_scratch order{size_t(count) * sizeof(sort_entry)};
     if (!sort_into(objects, count, order))
         return;
     for (int32_t i = 0; i < count; i++)
-        objects[i] = db_obj(order.data[i].handle);
+        objects[i] = db_obj(order.as<sort_entry>()[i].handle);
 }
 
 void db_container_sort(db_object* c)
@@ -941,12 +951,12 @@ void db_container_sort(db_object* c)
         std::vector<db_object*> children(static_cast<size_t>(k->child_count));
         for (size_t i = 0; i < children.size(); i++)
             children[i] = db_container_child(c, int32_t(i));
-        sort_scratch<sort_entry> order(children.size());
+        sort_scratch order{children.size() * sizeof(sort_entry)};
         if (!sort_into(children.data(), k->child_count, order))
             return;
         db_child_slot* slots = db_array_ptr(k->children);
         for (size_t i = 0; i < children.size(); i++)
-            slots[i].h = order.data[i].handle;
+            slots[i].h = order.as<sort_entry>()[i].handle;
     }
     k->state |= DB_STATE_SORTED;
 }
