@@ -699,11 +699,6 @@ static void sort_merge_pass(T* v, size_t n, size_t width, T* spare, Less& before
     }
 }
 
-// The narrow passes run one block at a time (block a power of two, or 1
-// for none) so that a large list is not streamed through memory once per
-// width. Every merge still sees the same two runs as when all blocks go
-// width by width, so the order comes out the same; only the order of the
-// comparisons changes, which the shuffle cannot allow.
 // Scratch memory of one sort, shared by its phases. A large list gets a
 // mapping of its own, which the page layer backs with huge pages: the
 // first touch of tens of megabytes of fresh small pages cost more than the
@@ -740,6 +735,11 @@ static size_t sort_spare_count(size_t n)
     return spare;
 }
 
+// The narrow passes run one block at a time (block a power of two, or 1
+// for none) so that a large list is not streamed through memory once per
+// width. Every merge still sees the same two runs as when all blocks go
+// width by width, so the order comes out the same; only the order of the
+// comparisons changes, which the shuffle cannot allow.
 template <typename T, typename Less>
 static void sort_merge(T* v, size_t n, Less before, size_t block, T* spare)
 {
