@@ -16,7 +16,6 @@
 #include "database/db_file.h"
 #include "database/db_object.h"
 #include "runtime/upnp_string.h"
-#include "upnp/upnp_cds.h"
 
 #include <sys/wait.h>
 #include <unistd.h>

@@ -1,8 +1,8 @@
 // Arbitrary bytes as clients.db: every entry walk, field copy and flag test
 // must stay inside the text, and the indexed answers must equal the plain
 // substring rules searched through the whole text.
+#include "config/upnp_client.h"
 #include "config/upnp_ini.h"
-#include "upnp/upnp_client.h"
 
 #include <cstdint>
 #include <cstdio>

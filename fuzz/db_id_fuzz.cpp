@@ -1,7 +1,6 @@
 // Id texts and sort criteria come from clients: any bytes must walk the
 // tree, hash as a path and order a list without a fault.
 #include "database/db_object.h"
-#include "upnp/upnp_cds.h"
 
 #include <cstddef>
 #include <cstdint>

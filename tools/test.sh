@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# Builds and passes every test: the whole suite with g++, again with clang
-# under AddressSanitizer and UndefinedBehaviorSanitizer, then each fuzz
-# target for a bounded time (VELMORA_FUZZ_SECONDS, default 30).
+# Builds and passes every test: the check that includes point down the
+# floors of src/, the whole suite with g++, again with clang under
+# AddressSanitizer and UndefinedBehaviorSanitizer, the integration tests
+# under ThreadSanitizer, then each fuzz target for a bounded time
+# (VELMORA_FUZZ_SECONDS, default 30).
 set -euo pipefail
 top="$(cd "$(dirname "$0")/.." && pwd)"
 . "$top/tools/deps.sh"
@@ -11,6 +13,9 @@ jobs="$(nproc)"
 fuzz_seconds="${VELMORA_FUZZ_SECONDS:-30}"
 
 step() { printf '\n==== %s\n' "$*"; }
+
+step "includes point down the floors of src/"
+python3 "$top/tools/check-floors.py"
 
 step "g++ build and tests"
 cmake -S "$top" -B "$top/build-test" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
@@ -24,6 +29,13 @@ cmake -S "$top" -B "$top/build-asan" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
 ninja -C "$top/build-asan"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     ctest --test-dir "$top/build-asan" --output-on-failure -j "$jobs" --timeout 600
+
+step "clang build with ThreadSanitizer, and the integration tests"
+cmake -S "$top" -B "$top/build-tsan" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+    -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DVELMORA_TSAN=ON >/dev/null
+ninja -C "$top/build-tsan"
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+    ctest --test-dir "$top/build-tsan" --output-on-failure -j "$jobs" --timeout 900 -L integration
 
 step "fuzz targets, ${fuzz_seconds} s each"
 cmake -S "$top" -B "$top/build-fuzz" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \

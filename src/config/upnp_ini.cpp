@@ -14,10 +14,9 @@
 // upnp_ini_get_string lives until the next set of that option.
 #include "config/upnp_ini.h"
 #include "config/upnp_nav.h"
-#include "control/upnp_control.h"
-#include "control/upnp_log.h"
-#include "media/upnp_filescan.h"
 #include "runtime/upnp_file.h"
+#include "runtime/upnp_log.h"
+#include "runtime/upnp_run.h"
 #include "runtime/upnp_string.h"
 
 #include <atomic>
@@ -134,6 +133,7 @@ static char ini_path[INI_PATH_SIZE];
 static int32_t ini_utf16 = 1;                    // encoding of the next write
 static std::atomic<int32_t> ini_restored;        // the default ini was copied in: stop writing
 static std::atomic<int32_t> restart_needed;
+static std::atomic<upnp_ini_folders_changed_fn> ini_folders_hook;
 
 // ---- Reading ----------------------------------------------------------
 
@@ -358,10 +358,16 @@ static int ini_set_refused(const ini_option* row, const char* value)
     return 0;
 }
 
+void upnp_ini_set_folders_hook(upnp_ini_folders_changed_fn hook)
+{
+    ini_folders_hook = hook;
+}
+
 static void ini_after_set(int32_t id, const char* value)
 {
-    if (id == UPNP_OPT_CONTENTDIR)
-        upnp_filescan_request_reload();
+    upnp_ini_folders_changed_fn folders_changed = ini_folders_hook.load();
+    if (id == UPNP_OPT_CONTENTDIR && folders_changed)
+        folders_changed();
     if (id == UPNP_OPT_LANGUAGE && upnp_lang_select(value))
         upnp_nav_options_rebuild();
     if (id == UPNP_OPT_AUTOTREE)
@@ -673,7 +679,7 @@ static void ini_take_argv0(int32_t count, char** arguments)
 
 static void ini_choose_path(int32_t count, char** arguments)
 {
-    const char* name = full_mode == 1 ? "velmora-mediaserver.ini" : "velmora-mediaserver-simple.ini";
+    const char* name = upnp_switches.full_mode == 1 ? "velmora-mediaserver.ini" : "velmora-mediaserver-simple.ini";
     int n = snprintf(ini_path, sizeof ini_path, "%s/%s", ini_base_dir(), name);
     if (n < 0 || size_t(n) >= sizeof ini_path)
         ini_path[0] = 0;
@@ -815,6 +821,7 @@ void upnp_ini_file_read_cmdline(int32_t count, char** arguments)
         count = 0;
     upnp_lang_forget_code();
     ini_take_argv0(count, arguments);
+    upnp_set_program_dir(ini_program_dir);
     ini_choose_path(count, arguments);
     for (const ini_default& d : ini_defaults)
         upnp_ini_set(d.id, d.value);

@@ -100,6 +100,10 @@ int32_t upnp_ini_find(const char* name);
 int32_t upnp_ini_set(int32_t id, const char* value);
 int32_t upnp_ini_set_by_name(const char* name, const char* value);
 void upnp_ini_note_change(int32_t id);
+// What a change of the shared folders sets off (the scanner's reload): the
+// scanner hands it down at start. Without one, nothing happens.
+typedef void (*upnp_ini_folders_changed_fn)();
+void upnp_ini_set_folders_hook(upnp_ini_folders_changed_fn hook);
 
 int32_t upnp_ini_get_restart_needed();
 const char* upnp_ini_get_program_dir();

@@ -7,7 +7,7 @@
 // No lock, like the options: the tables change only when "language" is set,
 // which happens at start and through the control API.
 #include "config/upnp_ini.h"
-#include "control/upnp_log.h"
+#include "runtime/upnp_log.h"
 #include "runtime/upnp_string.h"
 
 #include <cstdio>

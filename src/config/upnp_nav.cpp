@@ -6,10 +6,10 @@
 //
 // No state and no lock: it writes through upnp_ini_set on the thread that
 // changed "language" or "autotree", as every option write does.
-#include "config/upnp_nav.h"
 #include "config/upnp_ini.h"
-#include "control/upnp_control.h"
-#include "control/upnp_log.h"
+#include "config/upnp_nav.h"
+#include "runtime/upnp_log.h"
+#include "runtime/upnp_run.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -109,7 +109,7 @@ constexpr int32_t NAV_NAME_BUFFER = 1030;   // a translation of 1023 bytes and "
 static void nav_set_fixed_names()
 {
     for (const nav_fixed& f : nav_fixed_names) {
-        char* name = upnp_lang_text(tree_flat && f.flat_key ? f.flat_key : f.key);
+        char* name = upnp_lang_text(upnp_switches.tree_flat && f.flat_key ? f.flat_key : f.key);
         if (name && f.wrapped) {
             char wrapped[NAV_NAME_BUFFER];
             snprintf(wrapped, sizeof wrapped, "- %s -", name);

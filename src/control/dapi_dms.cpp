@@ -8,18 +8,18 @@
 // terminate undoes that in reverse.
 #include <velmora/dapi_dms.h>
 
+#include "admin/upnp_plugins.h"
+#include "config/upnp_client.h"
 #include "config/upnp_ini.h"
-#include "control/upnp_control.h"
-#include "control/upnp_log.h"
 #include "control/upnp_mediaserver.h"
 #include "database/db_file.h"
 #include "database/db_object.h"
 #include "media/upnp_filescan.h"
-#include "admin/upnp_plugins.h"
+#include "runtime/upnp_log.h"
 #include "runtime/upnp_os.h"
+#include "runtime/upnp_run.h"
 #include "runtime/upnp_string.h"
 #include "upnp/upnp_cds.h"
-#include "upnp/upnp_client.h"
 
 #include <atomic>
 #include <cstdio>
@@ -28,19 +28,6 @@
 #include <ctime>
 #include <mutex>
 #include <unistd.h>
-
-int32_t ssdp_enabled = 1;
-int32_t cgi_enabled = 1;
-int32_t scanner_enabled = 1;
-int32_t eventing_enabled = 1;
-int32_t scheduler_enabled = 1;
-int32_t rpc_enabled = 1;
-int32_t full_mode = 1;
-int32_t tree_flat = 1;
-int32_t document_root = 0;
-int32_t callback_enabled = 1;
-int32_t oid_seed = 0;
-static int32_t unused_switch = 0;      // set by flag 0x400, read by nobody
 
 static int32_t start_mode;
 static uint32_t start_flags;
@@ -52,48 +39,49 @@ static std::recursive_mutex host_lock;
 
 static const char DAPI_VERSION[] = "1.59.1.8";
 
-struct dapi_flag_rule { uint32_t bit; int32_t* target; int32_t value; };
+struct dapi_flag_rule { uint32_t bit; int32_t upnp_switch_set::*target; int32_t value; };
 
 // Applied in this order after the mode.
 static const dapi_flag_rule dapi_flag_rules[] = {
-    {DAPI_FLAG_NO_SSDP, &ssdp_enabled, 0},
-    {DAPI_FLAG_NO_CGI, &cgi_enabled, 0},
-    {DAPI_FLAG_NO_SCANNER, &scanner_enabled, 0},
-    {DAPI_FLAG_NO_EVENTING, &eventing_enabled, 0},
-    {DAPI_FLAG_NO_SCHEDULER, &scheduler_enabled, 0},
-    {DAPI_FLAG_NO_RPC, &rpc_enabled, 0},
-    {DAPI_FLAG_NESTED_TREE, &tree_flat, 0},
-    {DAPI_FLAG_DOCUMENT_ROOT, &document_root, 1},
-    {DAPI_FLAG_NO_CALLBACK, &callback_enabled, 0},
-    {DAPI_FLAG_RESERVED, &unused_switch, 1},
+    {DAPI_FLAG_NO_SSDP, &upnp_switch_set::ssdp_enabled, 0},
+    {DAPI_FLAG_NO_CGI, &upnp_switch_set::cgi_enabled, 0},
+    {DAPI_FLAG_NO_SCANNER, &upnp_switch_set::scanner_enabled, 0},
+    {DAPI_FLAG_NO_EVENTING, &upnp_switch_set::eventing_enabled, 0},
+    {DAPI_FLAG_NO_SCHEDULER, &upnp_switch_set::scheduler_enabled, 0},
+    {DAPI_FLAG_NO_RPC, &upnp_switch_set::rpc_enabled, 0},
+    {DAPI_FLAG_NESTED_TREE, &upnp_switch_set::tree_flat, 0},
+    {DAPI_FLAG_DOCUMENT_ROOT, &upnp_switch_set::document_root, 1},
+    {DAPI_FLAG_NO_CALLBACK, &upnp_switch_set::callback_enabled, 0},
+    {DAPI_FLAG_RESERVED, &upnp_switch_set::unused, 1},
 };
 
-static int32_t* const dapi_mode_switches[] = {
-    &ssdp_enabled, &scanner_enabled, &cgi_enabled, &eventing_enabled, &scheduler_enabled, &full_mode,
+static int32_t upnp_switch_set::*const dapi_mode_switches[] = {
+    &upnp_switch_set::ssdp_enabled,      &upnp_switch_set::scanner_enabled, &upnp_switch_set::cgi_enabled,
+    &upnp_switch_set::eventing_enabled,  &upnp_switch_set::scheduler_enabled, &upnp_switch_set::full_mode,
 };
 
 static void dapi_apply_mode(int32_t mode)
 {
     if (mode != DAPI_MODE_FULL && mode != DAPI_MODE_SIMPLE)
         return;
-    for (int32_t* sw : dapi_mode_switches)
-        *sw = mode == DAPI_MODE_FULL ? 1 : 0;
+    for (int32_t upnp_switch_set::*sw : dapi_mode_switches)
+        upnp_switches.*sw = mode == DAPI_MODE_FULL ? 1 : 0;
     if (mode == DAPI_MODE_FULL) {
-        oid_seed = 0;
+        upnp_switches.oid_seed = 0;
         return;
     }
     time_t now = time(nullptr);
     struct tm local;
     localtime_r(&now, &local);
-    oid_seed = local.tm_hour * 10000 + local.tm_min * 100 + local.tm_sec;
-    printf("oidseed : %d\n", oid_seed);
+    upnp_switches.oid_seed = local.tm_hour * 10000 + local.tm_min * 100 + local.tm_sec;
+    printf("oidseed : %d\n", upnp_switches.oid_seed);
 }
 
 static void dapi_apply_flags(uint32_t flags)
 {
     for (const dapi_flag_rule& rule : dapi_flag_rules)
         if (flags & rule.bit)
-            *rule.target = rule.value;
+            upnp_switches.*rule.target = rule.value;
 }
 
 // The working folder is read once per process: a host that changes its
@@ -301,13 +289,20 @@ int32_t dapi_dms_nicchange(void)
 int32_t dapi_dms_get_udn(char** udn)
 {
     if (udn)
-        *udn = const_cast<char*>(upnp_get_udn());
+        *udn = const_cast<char*>(upnp_get_udn(upnp_ini_get_string(UPNP_OPT_FRIENDLYNAME)));
     return 1;
+}
+
+static void dapi_event_sink(int32_t code, const char* text)
+{
+    if (dapi_dms_callback callback = event_callback.load())
+        callback(code, text);
 }
 
 int32_t dapi_dms_register_callback(dapi_dms_callback callback)
 {
     event_callback = callback;
+    upnp_set_event_sink(dapi_event_sink);
     return 0;
 }
 
@@ -360,13 +355,6 @@ int32_t dapi_dms_set_browsing_policy(uint8_t mask, uint32_t visible)
             result = db_set_browsing_policy(p.type, visible);
     // Hosts read the result as that of the document bit alone.
     return (mask & 0x08) ? result : 0;
-}
-
-void upnp_file_event(int32_t code, const char* text)
-{
-    dapi_dms_callback callback = event_callback.load();
-    if (callback_enabled && callback)
-        callback(code, text);
 }
 
 // Each passed step of dapi_dms_get_metadata leaves a trace on standard

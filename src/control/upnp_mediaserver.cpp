@@ -13,17 +13,19 @@
 
 #include <velmora/dapi_dms.h>
 
+#include "config/upnp_client.h"
 #include "config/upnp_ini.h"
-#include "control/upnp_control.h"
-#include "control/upnp_log.h"
 #include "database/db_file.h"
 #include "database/db_object.h"
 #include "http/http_client.h"
 #include "http/http_server.h"
+#include "media/upnp_albumart.h"
+#include "media/upnp_filescan.h"
+#include "runtime/upnp_log.h"
 #include "runtime/upnp_os.h"
+#include "runtime/upnp_run.h"
 #include "runtime/upnp_string.h"
 #include "upnp/ssdp.h"
-#include "upnp/upnp_client.h"
 #include "upnp/upnp_description.h"
 
 #include <atomic>
@@ -37,8 +39,6 @@
 #include <arpa/inet.h>
 #include <unistd.h>
 
-static std::atomic<int32_t> upnp_running;
-static std::atomic<int32_t> upnp_server_status;
 static std::atomic<int32_t> nic_change_requested;
 // Set while a stop is under way, so that the scheduler does not bring the
 // servers back up between the stop of the servers and its own end.
@@ -70,15 +70,6 @@ static int64_t upnp_now()
     return int64_t(time(nullptr));
 }
 
-int32_t upnp_server_get_status()
-{
-    return upnp_server_status.load();
-}
-
-int32_t upnp_is_running()
-{
-    return upnp_running.load();
-}
 
 int32_t upnp_nic_get_count()
 {
@@ -249,18 +240,18 @@ static void upnp_server_start_one(int32_t i)
     HTTP_accept_start(server);
     upnp_write_config_redirect(i, server->ip, server->port);
     ssdp_server_clear(&ssdp_servers[i], server);
-    if (ssdp_enabled && strcmp(server->ip, "127.0.0.1") != 0)
+    if (upnp_switches.ssdp_enabled && strcmp(server->ip, "127.0.0.1") != 0)
         upnp_server_start_ssdp(&ssdp_servers[i]);
 }
 
-static void upnp_server_start_all(std::atomic<int32_t>* status)
+static void upnp_server_start_all()
 {
     int32_t count = 0;
     upnp_nic_enumerate(&count, &upnp_nic_address[0][0], UPNP_MAX_NICS);
     upnp_nic_count = count;
     if (count == 0)
         return;
-    *status = 1;
+    upnp_server_set_status(1);
     for (int32_t i = 0; i < count; i++)
         upnp_server_start_one(i);
     upnp_get_mac_reset();
@@ -270,9 +261,9 @@ static void upnp_server_start_all(std::atomic<int32_t>* status)
 // Shut the listeners down first and close them only when every accept
 // thread has left: a descriptor closed under a running accept could be
 // reused by the next start and accepted on by the old thread.
-static void upnp_server_stop_all(std::atomic<int32_t>* status)
+static void upnp_server_stop_all()
 {
-    *status = -1;
+    upnp_server_set_status(-1);
     usleep(200 * 1000);
     for (int32_t i = 0; i < upnp_nic_count; i++) {
         upnp_log(UPNP_LOG_INFO, UPNP_LOG_SYSTEM, "Server stopping at %s\n", http_servers[i].ip);
@@ -300,7 +291,7 @@ static void upnp_server_stop_all(std::atomic<int32_t>* status)
     upnp_nic_publish(0);
     upnp_log(UPNP_LOG_INFO, UPNP_LOG_SYSTEM, "Server terminated\n");
     usleep(200 * 1000);
-    *status = 0;
+    upnp_server_set_status(0);
 }
 
 static void upnp_server_restart()
@@ -308,9 +299,9 @@ static void upnp_server_restart()
     std::lock_guard<std::recursive_mutex> hold(server_lock);
     if (upnp_stop_requested)
         return;
-    upnp_server_stop_all(&upnp_server_status);
+    upnp_server_stop_all();
     usleep(500 * 1000);
-    upnp_server_start_all(&upnp_server_status);
+    upnp_server_start_all();
 }
 
 void upnp_nic_request_change()
@@ -369,7 +360,7 @@ static void upnp_nic_check(int64_t now)
 // Sleeps up to ms, waking early when the background threads must end.
 static void upnp_sleep_while_running(int32_t ms)
 {
-    for (int32_t slept = 0; slept < ms && upnp_running; slept += 50)
+    for (int32_t slept = 0; slept < ms && upnp_is_running(); slept += 50)
         usleep(50 * 1000);
 }
 
@@ -379,10 +370,10 @@ static void upnp_mediaserver_scheduler(void*)
     for (int32_t i = 0; i < upnp_nic_count; i++)
         if (ssdp_servers[i].msearch_socket >= 0)
             ssdp_thread_spawn(upnp_server_startMSearch, &ssdp_servers[i], 0);
-    while (upnp_running) {
+    while (upnp_is_running()) {
         upnp_sleep_while_running(1000);
         int64_t now = upnp_now();
-        if (!upnp_running)
+        if (!upnp_is_running())
             break;
         upnp_nic_check(now);
         db_event_check(now);
@@ -430,7 +421,7 @@ static void upnp_register_routes()
                 HTTP_set_default_page("/MediaBrowser.html");
         }
     }
-    if (rpc_enabled)
+    if (upnp_switches.rpc_enabled)
         HTTP_register_handler(HTTP_send_file_not_found, 5, "/rpc", 1);
 }
 
@@ -477,15 +468,27 @@ static void upnp_lookup_external_address()
     upnp_string_free(page);
 }
 
+// The lower floors ask the upper ones through these functions, so that
+// each floor includes only the ones below it.
+static void upnp_mediaserver_hand_down()
+{
+    upnp_ini_set_folders_hook(upnp_filescan_request_reload);
+    db_file_set_rescan_request(upnp_filescan_request_rescan);
+    db_set_art_resolver(upnp_albumart_resolve);
+    db_set_client_flag_probe(HTTP_request_has_flag);
+    upnp_client_set_local_test(upnp_nic_is_local);
+}
+
 static void upnp_mediaserver_register()
 {
     if (upnp_ini_get_int(UPNP_OPT_ENABLEWEB) >= 3)
         upnp_lookup_external_address();
     upnp_register_routes();
-    if (ssdp_enabled) {
+    if (upnp_switches.ssdp_enabled) {
         ssdp_set_server_advertising();
         ssdp_register_handler(ssdp_search_handler, "M-Search");
     }
+    upnp_mediaserver_hand_down();
     db_create();
     upnp_client_db_load();
     db_file_open();
@@ -493,6 +496,7 @@ static void upnp_mediaserver_register()
 
 static void upnp_mediaserver_release()
 {
+    db_set_client_flag_probe(nullptr);
     ssdp_clear_handlers();
     db_destroy();
     upnp_client_db_free();
@@ -506,9 +510,9 @@ void upnp_mediaserver_start()
     upnp_stop_requested = 0;
     upnp_start_time = upnp_now();
     upnp_mediaserver_register();
-    upnp_running = 1;
-    upnp_server_start_all(&upnp_server_status);
-    if (scheduler_enabled)
+    upnp_set_running(1);
+    upnp_server_start_all();
+    if (upnp_switches.scheduler_enabled)
         upnp_thread_spawn(upnp_mediaserver_scheduler, nullptr, 0);
 }
 
@@ -519,8 +523,8 @@ void upnp_mediaserver_stop()
     upnp_stop_requested = 1;
     {
         std::lock_guard<std::recursive_mutex> hold(server_lock);
-        upnp_server_stop_all(&upnp_server_status);
-        upnp_running = 0;
+        upnp_server_stop_all();
+        upnp_set_running(0);
         upnp_mediaserver_release();
     }
     if (!upnp_thread_wait_idle(3000))

@@ -14,8 +14,6 @@ enum { UPNP_MAX_NICS = 5 };
 void upnp_mediaserver_start();
 void upnp_mediaserver_stop();
 
-int32_t upnp_server_get_status();      // 0 stopped, 1 running, -1 stopping
-int32_t upnp_is_running();             // the background threads' run flag
 
 int upnp_nic_enumerate(int32_t* count, char* addresses, int32_t max);
 void upnp_nic_request_change();

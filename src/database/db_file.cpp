@@ -16,13 +16,12 @@
 #include "database/db_file.h"
 
 #include "config/upnp_ini.h"
-#include "control/upnp_control.h"
-#include "control/upnp_log.h"
 #include "database/db_object.h"
 #include "database/db_record.h"
 #include "database/db_tree.h"
-#include "media/upnp_filescan.h"
 #include "runtime/upnp_file.h"
+#include "runtime/upnp_log.h"
+#include "runtime/upnp_run.h"
 #include "runtime/upnp_string.h"
 
 #include <atomic>
@@ -65,6 +64,7 @@ static int file_window_valid;               // file_lock
 static std::atomic<int> file_reset_flag;
 static std::atomic<db_playlist_import_fn> file_playlist_import;
 static std::atomic<db_playlist_reload_fn> file_playlist_reload;
+static std::atomic<db_rescan_request_fn> file_rescan_request;
 
 typedef std::lock_guard<std::recursive_mutex> file_hold;
 
@@ -597,7 +597,7 @@ struct file_names {
     const char* marker;           // the version marker beside them
 };
 
-// Index: full_mode (0 simple, 1 full).
+// Index: upnp_switches.full_mode (0 simple, 1 full).
 static constexpr file_names file_name_table[2] = {
     {{".simple.db", ".simple.playlists", ".simple.playlists.temp"}, "%s/%s_simple"},
     {{".main.db", ".main.playlists", ".main.playlists.temp"}, "%s/%s"},
@@ -613,7 +613,7 @@ char* db_file_path_of(int32_t kind)
     const char* dir = upnp_ini_get_string(UPNP_OPT_DBDIR);
     if (!dir || !*dir || kind < DB_FILE_DATABASE || kind > DB_FILE_MARKER)
         return nullptr;
-    const file_names& names = file_name_table[full_mode ? 1 : 0];
+    const file_names& names = file_name_table[upnp_switches.full_mode ? 1 : 0];
     if (kind == DB_FILE_MARKER)
         return file_format(names.marker, dir, DB_FILE_VERSION);
     return db_file_name(dir, names.suffix[kind]);
@@ -654,7 +654,8 @@ int db_file_check()
     }
     db_file_reset();
     upnp_log(UPNP_LOG_INFO, UPNP_LOG_DB, "invoking initial database build\n");
-    upnp_filescan_request_rescan();
+    if (db_rescan_request_fn request = file_rescan_request.load())
+        request();
     upnp_file_close(upnp_file_open_write(marker));
     free(marker);
     return 0;
@@ -864,6 +865,11 @@ uint32_t db_file_free_head()
 }
 
 // ---------------------------------------------------------------- loading and imports
+
+void db_file_set_rescan_request(db_rescan_request_fn request)
+{
+    file_rescan_request = request;
+}
 
 void db_file_set_playlist_handlers(db_playlist_import_fn import, db_playlist_reload_fn reload)
 {

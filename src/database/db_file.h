@@ -55,7 +55,7 @@ enum db_block_kind : uint8_t {
 
 inline constexpr char DB_FILE_VERSION[] = "1.59.1.8";
 
-// The files in dbdir, in the names of the running mode (full_mode).
+// The files in dbdir, in the names of the running mode (upnp_switches.full_mode).
 enum db_file_kind : int32_t {
     DB_FILE_DATABASE = 0,
     DB_FILE_PLAYLISTS = 1,
@@ -75,6 +75,10 @@ int db_file_open();
 // 1 when the version marker was found; else the initial build is started
 // (reset, full scan) and the marker made: 0.
 int db_file_check();
+// How the initial build asks for a full scan: the scanner hands its
+// request down at start. Without one, nothing is asked.
+typedef void (*db_rescan_request_fn)();
+void db_file_set_rescan_request(db_rescan_request_fn request);
 // Opens the block file of the running mode. A file of another version is
 // deleted and made anew. 1 when open.
 int upnp_cds_db_main_db_init();

@@ -13,8 +13,8 @@ struct HTTP_request;
 // ---- Id words -------------------------------------------------------------
 
 uint32_t db_next_id(int32_t type);                   // per-type counter, raised first
-uint32_t db_make_id(uint32_t block, int32_t type);   // (block + oid_seed) cut to 27 bits
-uint32_t db_id_to_block(uint32_t id);                // sequence - oid_seed
+uint32_t db_make_id(uint32_t block, int32_t type);   // (block + upnp_switches.oid_seed) cut to 27 bits
+uint32_t db_id_to_block(uint32_t id);                // sequence - upnp_switches.oid_seed
 
 inline constexpr int32_t DB_ID_TEXT_SIZE = 256;
 // "-1" for null, "0" for the root, else the words up from the object,
@@ -39,6 +39,11 @@ char* db_get_res_by_id(const char* text, const HTTP_request* request, int32_t* d
 // copy, or null), the offset and the length. A folder stands for its first
 // track that has a cover. A negative offset or length means none.
 char* db_get_album_art(const char* text, const HTTP_request* request, int64_t* offset, int64_t* length);
+// How a cover that stands beside the file rather than inside it is found
+// when it is served: the media floor hands its resolver down at start.
+// Without one, the stored pair is answered as it is.
+typedef void (*db_art_resolver)(char** path, int64_t* offset, int64_t* length);
+void db_set_art_resolver(db_art_resolver resolver);
 // DBK_DLNA_MANAGED of the object with that id text, -1 if none.
 int32_t db_get_dlna_managed(const char* text);
 // Empties DBK_MIME_OVERRIDE of the object with that id text.
@@ -55,8 +60,9 @@ uint32_t db_path_hash(const char* path);
 void db_path_index_add(uint32_t block, const char* path);
 void db_path_index_free();                           // when the database files close
 int32_t db_path_index_count();
-// upnp_cds_db_file_get_id_by_res (upnp/upnp_cds.h) answers the id word of
-// a path through this index, or 0.
+// The id word of the item whose record holds exactly this path, through
+// the index; 0 for none.
+uint32_t upnp_cds_db_file_get_id_by_res(const char* path);
 
 // ---- Lists ----------------------------------------------------------------
 

@@ -13,11 +13,10 @@
 #include "database/db_object.h"
 
 #include "config/upnp_ini.h"
-#include "control/upnp_log.h"
 #include "database/db_playlist.h"
 #include "database/db_store.h"
+#include "runtime/upnp_log.h"
 #include "runtime/upnp_string.h"
-#include "upnp/upnp_cds.h"
 
 #include <atomic>
 #include <cstdlib>

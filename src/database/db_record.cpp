@@ -10,9 +10,9 @@
 // and collect at most DB_FILE_RECORD_MAX bytes per record.
 #include "database/db_record.h"
 
-#include "control/upnp_log.h"
 #include "database/db_object.h"
 #include "runtime/upnp_file.h"
+#include "runtime/upnp_log.h"
 #include "runtime/upnp_string.h"
 
 #include <cstdio>

@@ -1,13 +1,18 @@
 // db_tree.cpp: the navigation tree's view of the files behind the items.
-// No state of its own; the shared folders come from the options each time,
-// so a changed folder list counts at once.
+// The shared folders come from the options each time, so a changed folder
+// list counts at once; the only state is the upload folder, under its own
+// small lock.
 #include "database/db_tree.h"
 
 #include "config/upnp_ini.h"
 #include "runtime/upnp_file.h"
-#include "upnp/upnp_upload.h"
 
+#include <cstdio>
 #include <cstring>
+#include <mutex>
+
+static char tree_upload_dir[1024];   // tree_upload_lock
+static std::mutex tree_upload_lock;
 
 // Which object types a shared folder's kind letter admits.
 static bool tree_kind_fits(char kind, int32_t type)
@@ -56,7 +61,18 @@ int32_t db_file_status(const char* path, int32_t type)
     }
     if (status)
         return status;
-    if (tree_starts_with(path, upnp_ini_get_string(UPNP_OPT_DBDIR)) || tree_starts_with(path, upnp_upload_dir))
+    char upload[sizeof tree_upload_dir];
+    {
+        std::lock_guard<std::mutex> hold(tree_upload_lock);
+        memcpy(upload, tree_upload_dir, sizeof upload);
+    }
+    if (tree_starts_with(path, upnp_ini_get_string(UPNP_OPT_DBDIR)) || tree_starts_with(path, upload))
         return DB_FILE_SHARED;
     return DB_FILE_GONE;
+}
+
+void db_set_upload_dir(const char* dir)
+{
+    std::lock_guard<std::mutex> hold(tree_upload_lock);
+    snprintf(tree_upload_dir, sizeof tree_upload_dir, "%s", dir ? dir : "");
 }

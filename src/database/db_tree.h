@@ -14,3 +14,6 @@ enum db_file_state : int32_t {
 // longest shared folder of a fitting kind that holds it decides; with none,
 // files in dbdir and in the upload folder count as shared.
 int32_t db_file_status(const char* path, int32_t type);
+// The folder that uploads go to, handed down by the upload service once it
+// has prepared it; empty (the default) for none.
+void db_set_upload_dir(const char* dir);

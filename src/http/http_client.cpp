@@ -9,7 +9,7 @@
 // on the bytes alone, so tests and the fuzzer can feed it directly.
 #include "http/http_client.h"
 
-#include "control/upnp_log.h"
+#include "runtime/upnp_log.h"
 #include "runtime/upnp_os.h"
 #include "runtime/upnp_string.h"
 

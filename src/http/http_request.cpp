@@ -9,7 +9,9 @@
 // before it sizes a read or an allocation.
 #include "http/http_server.h"
 
-#include "control/upnp_log.h"
+#include "config/upnp_client.h"
+
+#include "runtime/upnp_log.h"
 #include "runtime/upnp_os.h"
 #include "runtime/upnp_string.h"
 
@@ -462,4 +464,9 @@ int HTTP_parse_request_head(HTTP_request* r)
         r->dlna_version = 0;
     r->close = http_parse_close(head, r->version, r->dlna_version);
     return safe;
+}
+
+int HTTP_request_has_flag(const HTTP_request* request, const char* flag)
+{
+    return request ? upnp_client_has_flag(request->client_id, flag) : 0;
 }

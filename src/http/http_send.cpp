@@ -9,10 +9,10 @@
 // that it does not wait on the peer's delayed acknowledgement.
 #include "http/http_server.h"
 
-#include "control/upnp_log.h"
+#include "config/upnp_client.h"
+#include "runtime/upnp_log.h"
 #include "runtime/upnp_os.h"
 #include "runtime/upnp_string.h"
-#include "upnp/upnp_client.h"
 
 #include <cinttypes>
 #include <cmath>

@@ -16,12 +16,12 @@
 // and read without a lock. The limits are atomics.
 #include "http/http_server.h"
 
+#include "config/upnp_client.h"
 #include "config/upnp_ini.h"
-#include "control/upnp_log.h"
-#include "control/upnp_mediaserver.h"
+#include "runtime/upnp_log.h"
 #include "runtime/upnp_os.h"
+#include "runtime/upnp_run.h"
 #include "runtime/upnp_string.h"
-#include "upnp/upnp_client.h"
 
 #include <atomic>
 #include <cstdio>

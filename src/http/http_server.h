@@ -212,6 +212,9 @@ int32_t HTTP_url_decode(char* text);
 // version from the head already in the request; the client's flags are the
 // caller's. 0 when the URL must be refused (see HTTP_url_is_safe), else 1.
 int HTTP_parse_request_head(HTTP_request* request);
+// Whether the client that sent the request carries a quirk flag; the form
+// in which the store asks (db_set_client_flag_probe).
+int HTTP_request_has_flag(const HTTP_request* request, const char* flag);
 // 1 when the decoded URL may be served: no byte below 0x20 and no ".."
 // path segment.
 int HTTP_url_is_safe(const char* url, int32_t length);

@@ -11,7 +11,7 @@
 // to hold whole, and entries with impossible times, which leave a marker.
 #include "runtime/upnp_file.h"
 
-#include "control/upnp_log.h"
+#include "runtime/upnp_log.h"
 
 #include <cerrno>
 #include <cstdio>

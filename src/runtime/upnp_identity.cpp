@@ -12,7 +12,6 @@
 // is not cached, so the identity settles once a network appears.
 #include "runtime/upnp_string.h"
 
-#include "config/upnp_ini.h"
 
 #include <cstdio>
 #include <cstring>
@@ -90,21 +89,20 @@ void upnp_get_mac_reset()
 
 // Two servers on one machine told apart by a number in parentheses at the
 // end of their names get different identities from that character.
-static uint8_t udn_seed()
+static uint8_t udn_seed(const char* name)
 {
-    const char* name = upnp_ini_get_string(UPNP_OPT_FRIENDLYNAME);
     const char* open = name ? strrchr(name, '(') : nullptr;
     return open ? uint8_t(open[1]) : uint8_t('t');
 }
 
-const char* upnp_get_udn()
+const char* upnp_get_udn(const char* friendly_name)
 {
     // The host may keep this pointer, so the buffer lives for the process.
     // It is written only when the identity changes, so callers on several
     // threads read a settled text.
     static char udn[256];            // udn_lock for writes
     static std::mutex udn_lock;
-    uint8_t b[16] = {0x76, 0x65, 0x6C, 0x6D, 0x6F, 0x72, 0x10, 0x63, 0x80, udn_seed()};
+    uint8_t b[16] = {0x76, 0x65, 0x6C, 0x6D, 0x6F, 0x72, 0x10, 0x63, 0x80, udn_seed(friendly_name)};
     upnp_get_mac(b + 10);
     char text[sizeof udn];
     snprintf(text, sizeof text,

@@ -11,7 +11,7 @@
 // ever waited for: the host's own children are none of our business.
 #include "runtime/upnp_os.h"
 
-#include "control/upnp_log.h"
+#include "runtime/upnp_log.h"
 
 #include <fcntl.h>
 #include <signal.h>

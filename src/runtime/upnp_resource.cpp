@@ -6,10 +6,10 @@
 // Resource names arrive from URLs too, so a name that could leave the
 // program folder ("..", a leading '/', a '\') is refused before any path is
 // built, and only regular files are read (a FIFO would block the caller).
-// The temp counter is an atomic; nothing else holds state.
+// The program folder is handed down by the options at start, before any
+// thread reads it, and the temp counter is an atomic.
 #include "runtime/upnp_string.h"
 
-#include "config/upnp_ini.h"
 
 #include <atomic>
 #include <cerrno>
@@ -22,6 +22,7 @@
 #include <unistd.h>
 
 static std::atomic<int32_t> resource_temp_counter{0};
+static char resource_program_dir[1024];   // written at start only
 
 static int resource_name_ok(const char* name)
 {
@@ -60,14 +61,19 @@ static int resource_read_file(const char* path, int32_t* size, void** data)
     return 1;
 }
 
+void upnp_set_program_dir(const char* dir)
+{
+    snprintf(resource_program_dir, sizeof resource_program_dir, "%s", dir ? dir : "");
+}
+
 int upnp_read_resource(const char* name, int32_t* size, void** data)
 {
     if (!size || !data)
         return 0;
     *size = 0;
     *data = nullptr;
-    const char* dir = upnp_ini_get_program_dir();
-    if (!resource_name_ok(name) || !dir)
+    const char* dir = resource_program_dir;
+    if (!resource_name_ok(name))
         return 0;
     if (!*dir)
         dir = ".";
@@ -79,9 +85,8 @@ int upnp_read_resource(const char* name, int32_t* size, void** data)
     return n > 0 && size_t(n) < sizeof path && resource_read_file(path, size, data);
 }
 
-char* upnp_temp_file_name()
+char* upnp_temp_file_name(const char* dbdir)
 {
-    const char* dbdir = upnp_ini_get_string(UPNP_OPT_DBDIR);
     if (!dbdir || !*dbdir)
         dbdir = ".";
     char path[1024];

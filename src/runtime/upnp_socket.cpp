@@ -7,7 +7,7 @@
 // Linux a close alone does not wake a thread blocked in accept or recv.
 #include "runtime/upnp_os.h"
 
-#include "control/upnp_log.h"
+#include "runtime/upnp_log.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>

@@ -80,14 +80,18 @@ char* upnp_title_adapt(char* text, int enable);
 char* upnp_title_from_path(const char* path);
 
 // Files of the program: resources, temp names, the executable's folder.
+// The folder resources are read under; set at start, before any reader.
+void upnp_set_program_dir(const char* dir);
 int upnp_read_resource(const char* name, int32_t* size, void** data);
-char* upnp_temp_file_name();
+char* upnp_temp_file_name(const char* dbdir);   // a new name under dbdir/temp
 char* upnp_module_dir();
 
 // Device identity. The hardware address is cached until upnp_get_mac_reset.
 void upnp_get_mac(uint8_t out[6]);
 void upnp_get_mac_reset();
-const char* upnp_get_udn();            // static buffer, rebuilt at each call
+// A static buffer, rebuilt at each call from the hardware address and the
+// friendly name (which tells two servers on one machine apart).
+const char* upnp_get_udn(const char* friendly_name);
 
 // Dates. Both write at most size bytes, terminator included.
 void upnp_http_date(char* buffer, size_t size);

@@ -9,8 +9,6 @@
 // refuses anything but plain digits that fit.
 #include "runtime/upnp_string.h"
 
-#include "config/upnp_ini.h"
-
 #include <cctype>
 #include <cinttypes>
 #include <cstdio>
@@ -339,7 +337,7 @@ char* upnp_title_adapt(char* text, int enable)
 {
     if (!text)
         return nullptr;
-    if (!enable || !*text || !upnp_ini_get_int(UPNP_OPT_ADAPTCASE))
+    if (!enable || !*text)
         return strdup(text);
     text_adapt_case(text);
     return text_move_article(text);

@@ -16,7 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "control/upnp_log.h"
+#include "runtime/upnp_log.h"
 #include "runtime/upnp_string.h"
 
 struct xml_reader {

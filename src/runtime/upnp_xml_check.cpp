@@ -12,7 +12,7 @@
 #include <climits>
 #include <strings.h>
 
-#include "control/upnp_log.h"
+#include "runtime/upnp_log.h"
 #include "runtime/upnp_xml.h"
 
 enum xml_type_id {

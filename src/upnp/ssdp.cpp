@@ -23,13 +23,13 @@
 // detection gets the sender's address, from which alone it may fetch.
 #include "upnp/ssdp.h"
 
+#include "config/upnp_client.h"
 #include "config/upnp_ini.h"
-#include "control/upnp_log.h"
-#include "control/upnp_mediaserver.h"
 #include "http/http_server.h"
+#include "runtime/upnp_log.h"
 #include "runtime/upnp_os.h"
+#include "runtime/upnp_run.h"
 #include "runtime/upnp_string.h"
-#include "upnp/upnp_client.h"
 
 #include <atomic>
 #include <cerrno>
@@ -363,7 +363,7 @@ int ssdp_announce(int32_t socket, const char* local_ip, int32_t local_port, cons
     if (!target || !local_ip || !peer_ip)
         return 0;
     char udn[SSDP_TARGET_SIZE];
-    snprintf(udn, sizeof udn, "%s", upnp_get_udn());
+    snprintf(udn, sizeof udn, "%s", upnp_get_udn(upnp_ini_get_string(UPNP_OPT_FRIENDLYNAME)));
     int all = strcmp(target, "ssdp:all") == 0;
     int sent = 0;
     for (const ssdp_row& row : ssdp_rows) {
@@ -379,7 +379,7 @@ int ssdp_announce(int32_t socket, const char* local_ip, int32_t local_port, cons
 static int ssdp_target_announced(const char* target)
 {
     char udn[SSDP_TARGET_SIZE];
-    snprintf(udn, sizeof udn, "%s", upnp_get_udn());
+    snprintf(udn, sizeof udn, "%s", upnp_get_udn(upnp_ini_get_string(UPNP_OPT_FRIENDLYNAME)));
     if (strcmp(target, "ssdp:all") == 0)
         return 1;
     for (const ssdp_row& row : ssdp_rows) {
@@ -393,7 +393,7 @@ static int ssdp_target_announced(const char* target)
 void ssdp_byebye_all(int32_t socket, const char* group, int32_t port)
 {
     char udn[SSDP_TARGET_SIZE];
-    snprintf(udn, sizeof udn, "%s", upnp_get_udn());
+    snprintf(udn, sizeof udn, "%s", upnp_get_udn(upnp_ini_get_string(UPNP_OPT_FRIENDLYNAME)));
     for (const ssdp_row& row : ssdp_rows) {
         ssdp_names names;
         if (!ssdp_row_names(row, udn, &names))

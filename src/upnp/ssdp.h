@@ -124,3 +124,9 @@ const char* ssdp_find_url(const char* text, size_t length);
 int ssdp_parse_ip(const char* text, uint32_t* out);
 // 1 when peer lies in the subnet of local under mask (all dotted text).
 int ssdp_same_subnet(const char* local_ip, const char* mask, const char* peer_ip);
+
+// Starts the detection of a device from an announcement: text begins with
+// its description URL, source_ip is the address the announcement came
+// from. The description is fetched only from source_ip, on a short thread
+// of its own. 1 when the thread was started.
+int upnp_client_check(const char* text, const char* source_ip);

@@ -5,7 +5,6 @@
 struct db_object;
 struct upnp_string;
 
-uint32_t upnp_cds_db_file_get_id_by_res(const char* path);   // the object id of a file, or 0
 // Appends the DIDL-Lite element of one object, with all properties, as the
 // client of the given number would get it.
 upnp_string* upnp_cds_object_didl(upnp_string* out, db_object* object, const char* base_url, int32_t client_id);

@@ -222,7 +222,7 @@ int upnp_send_device_description(HTTP_request* request)
     char* document = static_cast<char*>(malloc(DESCRIPTION_OUT_SIZE));
     if (!document)
         return HTTP_send_status(request, 500);
-    request->content_length = upnp_description_render(text, sizeof text, upnp_get_udn(), name, document,
+    request->content_length = upnp_description_render(text, sizeof text, upnp_get_udn(upnp_ini_get_string(UPNP_OPT_FRIENDLYNAME)), name, document,
                                                       DESCRIPTION_OUT_SIZE);
     request->mime_type = DESCRIPTION_MIME;
     int result = HTTP_send_buffer(request, document);

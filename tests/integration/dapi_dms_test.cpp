@@ -3,10 +3,13 @@
 // sets up once, pinned to 127.0.0.1 and a free port.
 #include <velmora/dapi_dms.h>
 
+#include "config/upnp_client.h"
 #include "config/upnp_ini.h"
-#include "control/upnp_control.h"
-#include "control/upnp_log.h"
+#include "database/db_object.h"
+#include "http/http_server.h"
+#include "runtime/upnp_log.h"
 #include "runtime/upnp_os.h"
+#include "runtime/upnp_run.h"
 #include "support/test_net.h"
 #include "support/test_support.h"
 
@@ -92,10 +95,10 @@ TEST_F(Dapi, InitServesOnThePinnedAddressUntilTerminateAndRestartReusesTheLastAr
     EXPECT_NE(std::string::npos, log.find("***** LOG INIT *****"));
     EXPECT_NE(std::string::npos, log.find("HTTP Server starting at 127.0.0.1:" + std::to_string(work_port)));
 
-    scheduler_enabled = 1;
+    upnp_switches.scheduler_enabled = 1;
     EXPECT_EQ(1, dapi_dms_restart());
     EXPECT_EQ(1, dapi_dms_status());
-    EXPECT_EQ(0, scheduler_enabled);
+    EXPECT_EQ(0, upnp_switches.scheduler_enabled);
     dapi_dms_terminate();
     upnp_log_set_mode(0);
 }
@@ -105,40 +108,40 @@ TEST_F(Dapi, InitServesOnThePinnedAddressUntilTerminateAndRestartReusesTheLastAr
 TEST_F(Dapi, ModeAndFlagsSetTheServiceSwitches)
 {
     ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_SIMPLE, 0));
-    EXPECT_EQ(0, ssdp_enabled);
-    EXPECT_EQ(0, scanner_enabled);
-    EXPECT_EQ(0, scheduler_enabled);
-    EXPECT_EQ(0, full_mode);
-    EXPECT_LT(oid_seed, 240000);
+    EXPECT_EQ(0, upnp_switches.ssdp_enabled);
+    EXPECT_EQ(0, upnp_switches.scanner_enabled);
+    EXPECT_EQ(0, upnp_switches.scheduler_enabled);
+    EXPECT_EQ(0, upnp_switches.full_mode);
+    EXPECT_LT(upnp_switches.oid_seed, 240000);
     EXPECT_NE(nullptr, strstr(upnp_ini_get_path(), "velmora-mediaserver-simple.ini"));
     dapi_dms_terminate();
-    int32_t seed = oid_seed = 4242;
+    int32_t seed = upnp_switches.oid_seed = 4242;
     ASSERT_EQ(1, dapi_dms_init(2, 0));   // an unknown mode changes no switch
-    EXPECT_EQ(seed, oid_seed);
-    EXPECT_EQ(0, full_mode);
+    EXPECT_EQ(seed, upnp_switches.oid_seed);
+    EXPECT_EQ(0, upnp_switches.full_mode);
     dapi_dms_terminate();
 
-    const struct { uint32_t bit; int32_t* sw; int32_t value; } cases[] = {
-        {DAPI_FLAG_NO_SSDP, &ssdp_enabled, 0},         {DAPI_FLAG_NO_CGI, &cgi_enabled, 0},
-        {DAPI_FLAG_NO_SCANNER, &scanner_enabled, 0},   {DAPI_FLAG_NO_EVENTING, &eventing_enabled, 0},
-        {DAPI_FLAG_NO_SCHEDULER, &scheduler_enabled, 0}, {DAPI_FLAG_NO_RPC, &rpc_enabled, 0},
-        {DAPI_FLAG_NESTED_TREE, &tree_flat, 0},        {DAPI_FLAG_DOCUMENT_ROOT, &document_root, 1},
-        {DAPI_FLAG_NO_CALLBACK, &callback_enabled, 0},
+    const struct { uint32_t bit; int32_t upnp_switch_set::*sw; int32_t value; } cases[] = {
+        {DAPI_FLAG_NO_SSDP, &upnp_switch_set::ssdp_enabled, 0},         {DAPI_FLAG_NO_CGI, &upnp_switch_set::cgi_enabled, 0},
+        {DAPI_FLAG_NO_SCANNER, &upnp_switch_set::scanner_enabled, 0},   {DAPI_FLAG_NO_EVENTING, &upnp_switch_set::eventing_enabled, 0},
+        {DAPI_FLAG_NO_SCHEDULER, &upnp_switch_set::scheduler_enabled, 0}, {DAPI_FLAG_NO_RPC, &upnp_switch_set::rpc_enabled, 0},
+        {DAPI_FLAG_NESTED_TREE, &upnp_switch_set::tree_flat, 0},        {DAPI_FLAG_DOCUMENT_ROOT, &upnp_switch_set::document_root, 1},
+        {DAPI_FLAG_NO_CALLBACK, &upnp_switch_set::callback_enabled, 0},
     };
     uint32_t all = 0;
     for (const auto& c : cases)
         all |= c.bit;
     ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, all));
     for (const auto& c : cases)
-        EXPECT_EQ(c.value, *c.sw) << c.bit;
+        EXPECT_EQ(c.value, upnp_switches.*c.sw) << c.bit;
     dapi_dms_terminate();
     ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0));
-    EXPECT_EQ(0, rpc_enabled);
-    EXPECT_EQ(1, ssdp_enabled);
-    EXPECT_EQ(1, full_mode);
-    EXPECT_EQ(0, oid_seed);
-    rpc_enabled = tree_flat = callback_enabled = 1;
-    document_root = 0;
+    EXPECT_EQ(0, upnp_switches.rpc_enabled);
+    EXPECT_EQ(1, upnp_switches.ssdp_enabled);
+    EXPECT_EQ(1, upnp_switches.full_mode);
+    EXPECT_EQ(0, upnp_switches.oid_seed);
+    upnp_switches.rpc_enabled = upnp_switches.tree_flat = upnp_switches.callback_enabled = 1;
+    upnp_switches.document_root = 0;
 }
 
 static ino_t ini_inode()
@@ -224,9 +227,9 @@ TEST_F(Dapi, EventsPassOnlyTheOpenGateAndANicChangeRestartsEvenWithTheWatchOff)
     upnp_file_event(DAPI_EVENT_FILE_ADDED, "/a.mp3");
     EXPECT_EQ(1, events_seen.load());
     EXPECT_EQ("0:/a.mp3", last_event_text);
-    callback_enabled = 0;
+    upnp_switches.callback_enabled = 0;
     upnp_file_event(DAPI_EVENT_STREAM_STARTED, "GET /");
-    callback_enabled = 1;
+    upnp_switches.callback_enabled = 1;
     dapi_dms_register_callback(nullptr);
     upnp_file_event(DAPI_EVENT_STREAM_STARTED, "GET /");
     EXPECT_EQ(1, events_seen.load());
@@ -241,6 +244,29 @@ TEST_F(Dapi, EventsPassOnlyTheOpenGateAndANicChangeRestartsEvenWithTheWatchOff)
     EXPECT_TRUE(wait_until([] { return dapi_dms_status() == 1; }, 5000));
     EXPECT_TRUE(test_can_connect("127.0.0.1", work_port));
     dapi_dms_register_callback(nullptr);
+}
+
+// The lower floors ask the upper ones through functions handed down at
+// start: the store's flag questions reach the client table, and the table
+// knows the server's own address.
+TEST_F(Dapi, TheRunningServerAnswersTheStoresClientQuestions)
+{
+    ASSERT_EQ(0, mkdir(work->file("resources").c_str(), 0755));
+    test_write_file(work->file("resources/clients.db"), "ID:001\nNA:Any\nID:005\nNA:Box\nXM:DLNA15\nAV:M\n");
+    HTTP_request request{};
+    request.client_id = 5;
+    EXPECT_EQ(0, db_client_has_flag(&request, "AV:M"));   // not started: no probe
+    ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, DAPI_FLAG_NO_SCHEDULER));
+    EXPECT_EQ(1, db_client_has_flag(&request, "AV:M"));
+    EXPECT_EQ(0, db_client_has_flag(&request, "XM:IGNORESORT"));
+    const char* head = "GET / HTTP/1.1\r\nUser-Agent: x\r\n\r\n";
+    EXPECT_EQ(0, upnp_client_lookup("127.0.0.1", head));   // the server itself
+    EXPECT_EQ(1, upnp_client_lookup("127.0.0.5", head));
+    upnp_client_remove("127.0.0.5");
+    dapi_dms_terminate();
+    EXPECT_EQ(0, db_client_has_flag(&request, "AV:M"));
+    unlink(work->file("resources/clients.db").c_str());
+    rmdir(work->file("resources").c_str());
 }
 
 // With the watch off nothing rewrites a check time of 0; the first check

@@ -7,8 +7,8 @@
 // for the one write in flight, the old or the new text); freed records stay
 // gone, and nothing else appears but the record of a store in flight.
 #include "config/upnp_ini.h"
-#include "control/upnp_control.h"
 #include "database/db_file.h"
+#include "runtime/upnp_run.h"
 #include "runtime/upnp_string.h"
 #include "support/test_support.h"
 
@@ -205,8 +205,8 @@ void crash_check(crash_state* state, int round, const std::vector<crash_msg>& ms
 TEST(DbCrash, KilledWritersLeaveEveryFinishedRecordLoadable)
 {
     test_dir dir;
-    int32_t saved_full_mode = full_mode;
-    full_mode = 1;
+    int32_t saved_full_mode = upnp_switches.full_mode;
+    upnp_switches.full_mode = 1;
     upnp_ini_set(UPNP_OPT_DBDIR, dir.path.c_str());
     crash_state state;
     std::mt19937 rng(20240607);
@@ -234,7 +234,7 @@ TEST(DbCrash, KilledWritersLeaveEveryFinishedRecordLoadable)
         db_file_close();
     }
     upnp_ini_set(UPNP_OPT_DBDIR, "");
-    full_mode = saved_full_mode;
+    upnp_switches.full_mode = saved_full_mode;
     // Most kills must meet the writer at work, not before it began.
     EXPECT_GT(rounds_with_writes, CRASH_ROUNDS / 2);
 }

@@ -4,14 +4,14 @@
 // source in 127.0.0.0/8. Every read has a timeout and every loop a bound.
 #include <velmora/dapi_dms.h>
 
+#include "config/upnp_client.h"
 #include "config/upnp_ini.h"
-#include "control/upnp_control.h"
 #include "control/upnp_mediaserver.h"
 #include "http/http_server.h"
 #include "runtime/upnp_os.h"
+#include "runtime/upnp_run.h"
 #include "runtime/upnp_string.h"
 #include "support/test_net.h"
-#include "upnp/upnp_client.h"
 
 #include <gtest/gtest.h>
 
@@ -180,7 +180,7 @@ struct HttpServer : ::testing::Test {
     void SetUp() override
     {
         HTTP_set_limits(nullptr);
-        ssdp_enabled = scanner_enabled = scheduler_enabled = rpc_enabled = 0;
+        upnp_switches.ssdp_enabled = upnp_switches.scanner_enabled = upnp_switches.scheduler_enabled = upnp_switches.rpc_enabled = 0;
         upnp_ini_set(UPNP_OPT_IP, "127.0.0.1");
         upnp_ini_set(UPNP_OPT_HTTPPORT, std::to_string(test_free_port()).c_str());
         upnp_ini_set(UPNP_OPT_STARTUPMB, "0");

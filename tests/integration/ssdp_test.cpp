@@ -5,9 +5,9 @@
 // leaves the machine. The clients are a GSSDP control point and plain
 // sockets that the test opens inside the client namespace.
 #include "config/upnp_ini.h"
-#include "control/upnp_control.h"
 #include "control/upnp_mediaserver.h"
 #include "runtime/upnp_os.h"
+#include "runtime/upnp_run.h"
 #include "support/test_host.h"
 #include "support/test_netns.h"
 #include "support/test_support.h"
@@ -430,8 +430,8 @@ TEST(SsdpInProcess, ManyStartsAndStopsLeaveNothingBehind)
     upnp_ini_set(UPNP_OPT_IP, server_ip);
     upnp_ini_set(UPNP_OPT_HTTPPORT, "9000");
     upnp_ini_set(UPNP_OPT_NICRESTART, "0");
-    ssdp_enabled = scheduler_enabled = 1;
-    scanner_enabled = 0;
+    upnp_switches.ssdp_enabled = upnp_switches.scheduler_enabled = 1;
+    upnp_switches.scanner_enabled = 0;
     auto cycle = [&] {
         ASSERT_TRUE(inside(ns.server, [] { upnp_mediaserver_start(); }));
         EXPECT_EQ(1, upnp_server_get_status());
@@ -451,7 +451,7 @@ TEST(SsdpInProcess, ManyStartsAndStopsLeaveNothingBehind)
     EXPECT_EQ(threads, test_count_threads());
     EXPECT_EQ(sockets, upnp_socket_open_count());
     upnp_ini_set(UPNP_OPT_IP, "");
-    scanner_enabled = 1;
+    upnp_switches.scanner_enabled = 1;
 }
 
 }  // namespace

@@ -4,8 +4,8 @@
 // language variables pinned to "C", and a log file to read back.
 #pragma once
 #include "config/upnp_ini.h"
-#include "control/upnp_control.h"
-#include "control/upnp_log.h"
+#include "runtime/upnp_log.h"
+#include "runtime/upnp_run.h"
 #include "runtime/upnp_string.h"
 #include "support/test_support.h"
 
@@ -83,13 +83,13 @@ struct ConfigStart : ::testing::Test {
     std::string argv0 = dir.file("velmora");
     std::string ini = dir.file("velmora-mediaserver.ini");
     std::string log_path = dir.file("test.log");
-    int32_t saved_full_mode = full_mode, saved_tree_flat = tree_flat;
+    int32_t saved_full_mode = upnp_switches.full_mode, saved_tree_flat = upnp_switches.tree_flat;
 
     void SetUp() override
     {
         pin_language("C");
-        full_mode = 1;
-        tree_flat = 0;
+        upnp_switches.full_mode = 1;
+        upnp_switches.tree_flat = 0;
         mkdir(dir.file("resources").c_str(), 0755);
         for (const char* name : {"strings-en.txt", "strings-de.txt"})
             ASSERT_TRUE(test_write_file(dir.file("resources/") + name,
@@ -101,8 +101,8 @@ struct ConfigStart : ::testing::Test {
         upnp_log_set_mode(0);
         upnp_log_set_level(15);
         upnp_log_init(nullptr);
-        full_mode = saved_full_mode;
-        tree_flat = saved_tree_flat;
+        upnp_switches.full_mode = saved_full_mode;
+        upnp_switches.tree_flat = saved_tree_flat;
     }
     static void pin_language(const char* lang) { config_locale::set(nullptr, nullptr, lang); }
 

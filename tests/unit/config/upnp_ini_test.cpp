@@ -195,7 +195,7 @@ TEST_F(IniStart, AFirstStartTakesTheDefaultsOrTheDefaultIniAndWritesTheRealOne)
     size_t name_at = named.find("\r\nfriendlyname=\r\n");
     ASSERT_NE(std::string::npos, name_at);
     named.replace(name_at, 17, "\r\nfriendlyname=From Default\r\n");
-    tree_flat = 1;     // as the host starts by default
+    upnp_switches.tree_flat = 1;     // as the host starts by default
     start();
     EXPECT_EQ(argv0, upnp_ini_get_argv0());
     EXPECT_EQ(dir.path, upnp_ini_get_program_dir());

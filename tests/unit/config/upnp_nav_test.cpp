@@ -1,7 +1,7 @@
 // Tests of the navigation presets: the fixed folder names per language and
 // tree shape, the node definitions of each preset, and what survives.
-#include "config/upnp_nav.h"
 #include "config/upnp_ini.h"
+#include "config/upnp_nav.h"
 #include "config_test_support.h"
 
 #include <gtest/gtest.h>
@@ -122,7 +122,7 @@ TEST_F(NavStart, FixedFolderNamesAndPresetsFollowLanguageAndTreeShape)
 {
     start();
     for (const auto& c : fixed_cases) {
-        tree_flat = c.tree_flat;
+        upnp_switches.tree_flat = c.tree_flat;
         upnp_ini_set(UPNP_OPT_LANGUAGE, c.language);
         upnp_nav_options_rebuild();
         for (const auto& [id, name] : c.names)

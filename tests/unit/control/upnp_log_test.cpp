@@ -1,5 +1,5 @@
 // Tests of the logger: the two masks, the line layout, and the file's life.
-#include "control/upnp_log.h"
+#include "runtime/upnp_log.h"
 #include "support/test_support.h"
 
 #include <gtest/gtest.h>

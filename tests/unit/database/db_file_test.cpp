@@ -3,12 +3,12 @@
 #include "database/db_file.h"
 
 #include "config/upnp_ini.h"
-#include "control/upnp_control.h"
-#include "control/upnp_log.h"
 #include "database/db_object.h"
 #include "database/db_record.h"
 #include "database/db_tree.h"
 #include "runtime/upnp_file.h"
+#include "runtime/upnp_log.h"
+#include "runtime/upnp_run.h"
 #include "runtime/upnp_string.h"
 #include "support/test_support.h"
 #include "unit/database/db_test_support.h"
@@ -124,11 +124,11 @@ using DbFileDamage = DbFileMemory;
 struct DbFileDir : ::testing::Test {
     test_dir dir;
     std::string dbdir = dir.file("db");
-    int32_t saved_full_mode = full_mode;
+    int32_t saved_full_mode = upnp_switches.full_mode;
 
     void SetUp() override
     {
-        full_mode = 1;
+        upnp_switches.full_mode = 1;
         mkdir(dbdir.c_str(), 0755);
         upnp_ini_set(UPNP_OPT_DBDIR, dbdir.c_str());
     }
@@ -138,7 +138,7 @@ struct DbFileDir : ::testing::Test {
         upnp_ini_set(UPNP_OPT_DBDIR, "");
         upnp_log_set_mode(0);
         upnp_log_init(nullptr);
-        full_mode = saved_full_mode;
+        upnp_switches.full_mode = saved_full_mode;
     }
 };
 
@@ -409,7 +409,7 @@ TEST_F(DbFileDir, MarkerAndResetDecideWhenTheWatchFolderIsEmptied)
 
 TEST_F(DbFileDir, SimpleModeUsesItsOwnNames)
 {
-    full_mode = 0;
+    upnp_switches.full_mode = 0;
     ASSERT_TRUE(db_file_open());
     EXPECT_TRUE(db_exists(dbdir + "/velmoramedia.simple.db"));
     EXPECT_TRUE(db_exists(dbdir + "/1.59.1.8_simple"));
@@ -472,10 +472,10 @@ TEST_F(DbFileMemory, PruneDropsFoldersNoLongerSharedAndFreesTheirBlocks)
 // The store over a block file in memory, and a dbdir for import files.
 struct DbFileStore : DbStoreTest {
     test_dir dir;
-    int32_t saved_full_mode = full_mode;
+    int32_t saved_full_mode = upnp_switches.full_mode;
     void SetUp() override
     {
-        full_mode = 1;
+        upnp_switches.full_mode = 1;
         DbStoreTest::SetUp();
         upnp_ini_set(UPNP_OPT_DBDIR, dir.path.c_str());
         ASSERT_TRUE(db_file_open_memory(nullptr, 0));
@@ -486,7 +486,7 @@ struct DbFileStore : DbStoreTest {
         DbStoreTest::TearDown();
         db_file_close();
         upnp_ini_set(UPNP_OPT_DBDIR, "");
-        full_mode = saved_full_mode;
+        upnp_switches.full_mode = saved_full_mode;
     }
     // Drops the tree and builds it again over the same file.
     void restart()

@@ -3,7 +3,6 @@
 #include "database/db_id.h"
 
 #include "config/upnp_ini.h"
-#include "upnp/upnp_cds.h"
 #include "unit/database/db_test_support.h"
 
 #include <gtest/gtest.h>
@@ -30,7 +29,7 @@ static int probe_flags(const HTTP_request*, const char* flag)
 TEST_F(DbId, WordsHoldTypeAndBlockAndCountersRiseBeforeUseAndNeverRestart)
 {
     EXPECT_EQ(1744830471u, db_make_id(7, DB_OBJ_PHOTO));
-    oid_seed = 120000;
+    upnp_switches.oid_seed = 120000;
     uint32_t id = db_make_id(7, DB_OBJ_PHOTO);
     EXPECT_EQ(120007u, id & DB_ID_SEQ_MASK);
     EXPECT_EQ(uint32_t(DB_OBJ_PHOTO), id >> DB_ID_TYPE_SHIFT);
@@ -164,7 +163,7 @@ TEST_F(DbId, ADeletedItemLeavesAStalePairThatFindsNothingAndSeededIdsLeadBack)
     db_object* again = add("/m/stale.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "s"}});
     ASSERT_NE(nullptr, again);
     EXPECT_EQ(again->id, upnp_cds_db_file_get_id_by_res("/m/stale.mp3"));
-    oid_seed = 120000;
+    upnp_switches.oid_seed = 120000;
     db_object* seeded = add("/p/seed.jpg", DB_OBJ_PHOTO, {{DBK_TITLE, "s"}});
     ASSERT_NE(nullptr, seeded);
     EXPECT_EQ(120000u + files.next_block - 1, db_object_seq(seeded));

@@ -3,9 +3,9 @@
 // record store held in memory that counts what it was asked to do, and
 // small builders for items, folders and metadata lists.
 #pragma once
-#include "control/upnp_control.h"
 #include "database/db_object.h"
 #include "database/db_record.h"
+#include "runtime/upnp_run.h"
 
 #include <gtest/gtest.h>
 
@@ -83,7 +83,7 @@ protected:
 
     void SetUp() override
     {
-        oid_seed = 0;
+        upnp_switches.oid_seed = 0;
         db_test_files = &files;
         db_create();
         db_record_store store = {db_test_store, db_test_rewrite, db_test_free_chain, db_test_read_path};
@@ -105,7 +105,7 @@ protected:
         db_path_index_free();
         db_destroy();
         g_db_max_mem = -1;
-        oid_seed = 0;
+        upnp_switches.oid_seed = 0;
         db_test_files = nullptr;
     }
 

@@ -5,7 +5,6 @@
 #include "config/upnp_ini.h"
 #include "database/db_object.h"
 #include "support/test_support.h"
-#include "upnp/upnp_upload.h"
 
 #include <gtest/gtest.h>
 
@@ -26,7 +25,7 @@ TEST(DbTree, FileStatusFollowsTheLongestFittingSharedFolder)
     std::string folders = "+M|" + dir.file("music") + ",-A|" + dir.file("music/hidden") + ",+P|" + dir.file("pics");
     upnp_ini_set(UPNP_OPT_CONTENTDIR, folders.c_str());
     upnp_ini_set(UPNP_OPT_DBDIR, dir.file("db").c_str());
-    snprintf(upnp_upload_dir, sizeof upnp_upload_dir, "%s", dir.file("up").c_str());
+    db_set_upload_dir(dir.file("up").c_str());
     struct { const char* name; std::string path; int32_t type; int32_t status; } cases[] = {
         {"shared music", dir.file("music/a.mp3"), DB_OBJ_AUDIO, DB_FILE_SHARED},
         {"disabled folder inside it wins", dir.file("music/hidden/b.mp3"), DB_OBJ_AUDIO, DB_FILE_EXCLUDED},
@@ -46,7 +45,7 @@ TEST(DbTree, FileStatusFollowsTheLongestFittingSharedFolder)
     }
     EXPECT_EQ(db_file_status(nullptr, DB_OBJ_AUDIO), DB_FILE_GONE);
     // An empty upload folder and dbdir admit nothing.
-    upnp_upload_dir[0] = 0;
+    db_set_upload_dir(nullptr);
     upnp_ini_set(UPNP_OPT_DBDIR, "");
     upnp_ini_set(UPNP_OPT_CONTENTDIR, "");
     EXPECT_EQ(db_file_status(dir.file("up/f.mp3").c_str(), DB_OBJ_AUDIO), DB_FILE_GONE);

@@ -2,9 +2,9 @@
 // DLNA refusals, replies from memory with Range, the error pages and the
 // chunked reply. Each sender writes into one end of a socket pair and the
 // test reads the other.
+#include "config/upnp_client.h"
 #include "http/http_server.h"
 #include "runtime/upnp_string.h"
-#include "upnp/upnp_client.h"
 
 #include <gtest/gtest.h>
 

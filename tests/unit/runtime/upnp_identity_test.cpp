@@ -23,7 +23,6 @@ TEST(UpnpIdentity, UdnTakesItsSeedFromTheLastParenthesisOfTheName)
         char expected[64];
         snprintf(expected, sizeof expected, "uuid:76656c6d-6f72-1063-80%02x-%02x%02x%02x%02x%02x%02x",
                  uint8_t(c.seed), mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
-        upnp_ini_set(UPNP_OPT_FRIENDLYNAME, c.friendly_name);
-        EXPECT_STREQ(expected, upnp_get_udn());
+        EXPECT_STREQ(expected, upnp_get_udn(c.friendly_name));
     }
 }

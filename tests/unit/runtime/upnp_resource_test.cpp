@@ -72,9 +72,8 @@ TEST_F(UpnpResource, RefusesNamesThatLeaveTheProgramFolderAndWhatIsNoRegularFile
 
 TEST_F(UpnpResource, TempNamesCountUpUnderTheDatabaseFolder)
 {
-    upnp_ini_set(UPNP_OPT_DBDIR, dir.path.c_str());
-    char* first = upnp_temp_file_name();
-    char* second = upnp_temp_file_name();
+    char* first = upnp_temp_file_name(dir.path.c_str());
+    char* second = upnp_temp_file_name(dir.path.c_str());
     std::string prefix = dir.path + "/temp/tempfile";
     ASSERT_EQ(0u, std::string(first ? first : "").find(prefix));
     ASSERT_EQ(0u, std::string(second ? second : "").find(prefix));

@@ -2,6 +2,7 @@
 // handler table, and the messages as a receiver on 127.0.0.1 sees them.
 #include "upnp/ssdp.h"
 
+#include "config/upnp_ini.h"
 #include "runtime/upnp_os.h"
 #include "runtime/upnp_string.h"
 
@@ -173,7 +174,7 @@ std::string header(const std::string& message, const std::string& name)
     return message.substr(at, message.find("\r\n", at) - at);
 }
 
-std::string udn() { return upnp_get_udn(); }
+std::string udn() { return upnp_get_udn(upnp_ini_get_string(UPNP_OPT_FRIENDLYNAME)); }
 
 const char* const server_rows[] = {"urn:schemas-upnp-org:device:MediaServer:1",
                                    "urn:schemas-upnp-org:service:ContentDirectory:1",

@@ -3,7 +3,7 @@
 // output) as prefix, level tag, channel tag and text, flushed, and echoed to
 // standard output. No lock of its own: the C library's stream lock keeps
 // each piece whole, and the masks are plain words read by every thread.
-#include "control/upnp_log.h"
+#include "runtime/upnp_log.h"
 
 #include <atomic>
 #include <cstdarg>

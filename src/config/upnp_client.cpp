@@ -11,15 +11,15 @@
 // The client lock guards the list in the option "clients" and takes nothing
 // but the option store. The host is told of a new client after the lock
 // has been given up, so that its callback may call back into the server.
-// Detection from a device description runs on its own short thread.
-#include "upnp/upnp_client.h"
+// Which addresses are the server's own is asked of the test that the
+// lifecycle registers at start; the detection from a device description
+// lives beside SSDP, which hears the announcements.
+#include "config/upnp_client.h"
 
 #include "config/upnp_ini.h"
-#include "control/upnp_control.h"
-#include "control/upnp_log.h"
-#include "control/upnp_mediaserver.h"
-#include "http/http_client.h"
+#include "runtime/upnp_log.h"
 #include "runtime/upnp_os.h"
+#include "runtime/upnp_run.h"
 #include "runtime/upnp_string.h"
 #include "velmora/dapi_dms.h"
 
@@ -38,9 +38,8 @@
 
 static const size_t CLIENT_LIST_SIZE = 1024;
 static const int32_t CLIENT_PATTERN_SIZE = 128;     // HH: and DD: texts, 127 bytes
-static const size_t CLIENT_URL_MAX = 1023;
-static const HTTP_client_limits CLIENT_FETCH_LIMITS = {3000, 5000, 64 * 1024};
 static const size_t CLIENT_NO_NEXT = SIZE_MAX;
+static std::atomic<upnp_client_local_test> client_local_test;
 
 struct client_db {
     char* text = nullptr;
@@ -323,7 +322,7 @@ static int32_t client_match(const char* key, const char* text, size_t length)
 
 // Addresses enter the list as dotted IPv4 text only: a ',' or '|' would
 // break the items, and anything else is not an address.
-static int client_ip_ok(const char* ip)
+int upnp_client_ip_ok(const char* ip)
 {
     if (!ip || !*ip || strlen(ip) >= size_t(UPNP_IP_TEXT_SIZE))
         return 0;
@@ -426,7 +425,7 @@ static std::string client_list_entered(const char* ip, int32_t number)
 
 int upnp_client_set(const char* ip, int32_t number)
 {
-    if (!client_ip_ok(ip))
+    if (!upnp_client_ip_ok(ip))
         return 0;
     std::string list;
     {
@@ -464,115 +463,19 @@ int32_t upnp_client_lookup(const char* ip, const char* head)
         upnp_client_set(ip, number);
         return number;
     }
-    if (!ip || upnp_nic_is_local(ip))
+    upnp_client_local_test is_local = client_local_test.load();
+    if (!ip || (is_local && is_local(ip)))
         return 0;
     upnp_client_set(ip, 1);
     return 1;
 }
 
-// ---- Detection from a device description --------------------------------
-
-struct client_check_job {
-    char* url;
-    char source[UPNP_IP_TEXT_SIZE];
-};
-
-// A renderer announces each of its services in a burst of NOTIFYs, and a
-// flood of them must not become a flood of threads: one check per address
-// at a time, and at most CLIENT_CHECKS_MAX at once.
-static const int CLIENT_CHECKS_MAX = 16;
-static std::mutex client_checks_lock;
-static char client_checks[CLIENT_CHECKS_MAX][UPNP_IP_TEXT_SIZE];
-
-static int client_check_claim(const char* source)
+int32_t upnp_client_match_description(const char* text, size_t length)
 {
-    std::lock_guard<std::mutex> hold(client_checks_lock);
-    char* free_slot = nullptr;
-    for (char* slot : client_checks) {
-        if (strcmp(slot, source) == 0)
-            return 0;
-        if (!*slot && !free_slot)
-            free_slot = slot;
-    }
-    if (free_slot)
-        snprintf(free_slot, UPNP_IP_TEXT_SIZE, "%s", source);
-    return free_slot != nullptr;
+    return client_match("DD:", text, length);
 }
 
-static void client_check_release(const char* source)
+void upnp_client_set_local_test(upnp_client_local_test test)
 {
-    std::lock_guard<std::mutex> hold(client_checks_lock);
-    for (char* slot : client_checks)
-        if (strcmp(slot, source) == 0)
-            slot[0] = 0;
-}
-
-// The announcement's own address must be the URL's host, so that nobody
-// can make the server fetch from a third machine (or from itself).
-static int client_url_is_source(const char* url, const char* host, const char* source)
-{
-    char target[256];
-    int32_t port = 0;
-    return strcmp(host, source) == 0 && HTTP_url_target(url, target, sizeof target, &port) &&
-           strcmp(target, source) == 0;
-}
-
-static void client_check_run(char* url, const char* source)
-{
-    if (strlen(url) < 7)
-        return;
-    char host[20];
-    snprintf(host, sizeof host, "%s", url + 7);
-    host[strcspn(host, ":/")] = 0;
-    for (char* p = url; *p; p++)
-        if (uint8_t(*p) <= 32) {
-            *p = 0;
-            break;
-        }
-    if (!client_url_is_source(url, host, source)) {
-        upnp_log(UPNP_LOG_PROBLEM, UPNP_LOG_CLIENT_DB, "description %s not fetched: announced by %s\n", url, source);
-        return;
-    }
-    int32_t current = upnp_client_get_id(host);
-    if (current >= 3 && !upnp_client_has_flag(current, "DB:AUTO"))
-        return;    // numbers 1 and 2 are general kinds that a better match may replace
-    upnp_string* reply = HTTP_talk_limited(HTTP_KIND_GET, url, nullptr, nullptr, &CLIENT_FETCH_LIMITS);
-    if (!reply) {
-        upnp_log(UPNP_LOG_INFO, UPNP_LOG_CLIENT_DB, "no description from %s\n", url);
-        return;
-    }
-    int32_t number = client_match("DD:", reply->text, size_t(reply->length));
-    upnp_string_free(reply);
-    if (number >= 0)
-        upnp_client_set(host, number);
-}
-
-static void upnp_client_db_check_client(void* argument)
-{
-    client_check_job* job = static_cast<client_check_job*>(argument);
-    upnp_thread_set_name("client_check");
-    client_check_run(job->url, job->source);
-    client_check_release(job->source);
-    free(job->url);
-    free(job);
-}
-
-int upnp_client_check(const char* text, const char* source_ip)
-{
-    if (!text || !client_ip_ok(source_ip))
-        return 0;
-    if (!client_check_claim(source_ip)) {
-        upnp_log(UPNP_LOG_INFO, UPNP_LOG_CLIENT_DB, "client check for %s not started: one is running\n", source_ip);
-        return 0;
-    }
-    client_check_job* job = static_cast<client_check_job*>(calloc(1, sizeof(client_check_job)));
-    if (job && (job->url = strndup(text, CLIENT_URL_MAX))) {
-        snprintf(job->source, sizeof job->source, "%s", source_ip);
-        if (upnp_thread_spawn(upnp_client_db_check_client, job, 0))
-            return 1;
-        free(job->url);
-    }
-    free(job);
-    client_check_release(source_ip);
-    return 0;
+    client_local_test = test;
 }

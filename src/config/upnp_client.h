@@ -39,11 +39,15 @@ int upnp_client_set(const char* ip, int32_t number);
 void upnp_client_remove(const char* ip);
 // Whether ip may use the server: its enable digit, else clientautoenable.
 int upnp_client_allowed(const char* ip);
-// Starts the detection of a device from an announcement: text begins with
-// its description URL, source_ip is the address the announcement came
-// from. The description is fetched only from source_ip, on a short thread
-// of its own. 1 when the thread was started.
-int upnp_client_check(const char* text, const char* source_ip);
+// 1 when ip is dotted IPv4 text that fits an address buffer.
+int upnp_client_ip_ok(const char* ip);
+// The number of the first entry whose DD: text occurs in a device
+// description, -1 for none.
+int32_t upnp_client_match_description(const char* text, size_t length);
+// How the table tells the server's own addresses, which never become
+// clients; registered at start (none: no address is the server's).
+typedef int (*upnp_client_local_test)(const char* ip);
+void upnp_client_set_local_test(upnp_client_local_test test);
 
 // ---- Entries and flags (no lock: the text is read-only once loaded) ------
 

@@ -2,11 +2,12 @@
 // the client list in option "clients" with its event, allowed and denied
 // clients, detection from a device description served on 127.0.0.1, and
 // the shipped clients.db.
-#include "upnp/upnp_client.h"
+#include "config/upnp_client.h"
 
 #include "config/upnp_ini.h"
-#include "control/upnp_control.h"
 #include "runtime/upnp_os.h"
+#include "runtime/upnp_run.h"
+#include "upnp/ssdp.h"
 #include "support/test_support.h"
 #include "velmora/dapi_dms.h"
 
@@ -83,13 +84,13 @@ std::string announcement(const std::string& url)
 }
 
 struct ClientDb : ::testing::Test {
-    int32_t saved_callback_enabled = callback_enabled;
+    int32_t saved_callback_enabled = upnp_switches.callback_enabled;
 
     void SetUp() override
     {
         upnp_ini_set(UPNP_OPT_CLIENTS, "");
         upnp_ini_set(UPNP_OPT_CLIENTAUTOENABLE, "1");
-        callback_enabled = 1;
+        upnp_switches.callback_enabled = 1;
         dapi_dms_register_callback(record_event);
         take_events();
     }
@@ -97,7 +98,7 @@ struct ClientDb : ::testing::Test {
     {
         upnp_thread_wait_idle(5000);
         dapi_dms_register_callback(nullptr);
-        callback_enabled = saved_callback_enabled;
+        upnp_switches.callback_enabled = saved_callback_enabled;
         upnp_client_db_free();
         upnp_ini_set(UPNP_OPT_CLIENTS, "");
     }
