@@ -14,16 +14,15 @@ enum { UPNP_MAX_NICS = 5 };
 void upnp_mediaserver_start();
 void upnp_mediaserver_stop();
 
-
 int upnp_nic_enumerate(int32_t* count, char* addresses, int32_t max);
 void upnp_nic_request_change();
 int upnp_nic_is_local(const char* ip);
 uint32_t upnp_nic_table(nic_entry** out);   // the number of entries
 int32_t upnp_nic_get_count();
-int64_t upnp_mediaserver_start_time();
+int64_t upnp_mediaserver_start_time();   // seconds since 1970 of the last start
 
 // The public address found at start when enableweb is 3 or more, else "".
 const char* upnp_get_external_address();
 // Digits and dots behind the page's title, at most size - 1 of them. 1 when
 // an address was found.
-int upnp_external_address_parse(const char* page, char* out, size_t size);   // seconds since 1970 of the last start
+int upnp_external_address_parse(const char* page, char* out, size_t size);
