@@ -97,13 +97,15 @@ static const id_alias id_aliases[] = {
     {"0\\Document\\", &db_document_root},
 };
 
-// The leading decimal digits as a word; no digits give 0.
+// The leading decimal digits as a word; no digits give 0, and a number
+// past 32 bits gives the largest word, which names no object.
 static uint32_t id_word_at(const char* p)
 {
-    uint32_t v = 0;
-    while (*p >= '0' && *p <= '9')
-        v = v * 10 + uint32_t(*p++ - '0');
-    return v;
+    size_t digits = upnp_digit_run(p, SIZE_MAX);
+    uint64_t v = 0;
+    if (digits && !upnp_parse_u64(p, digits, &v))
+        v = UINT32_MAX;
+    return v > UINT32_MAX ? UINT32_MAX : uint32_t(v);
 }
 
 static db_object* id_walk(const char* text)
@@ -518,9 +520,10 @@ void db_sort_prepare(const char* criteria, int32_t container_type, const HTTP_re
     sort_no_utf8 = db_client_has_flag(request, "XM:NOUTF8SORT");
     if (criteria && *criteria) {
         if (strstr(criteria, "Philips:shuffle")) {
-            // The seed is the text from the last ':' on, which reads as 0:
-            // the player gets the same shuffle every time.
-            srand(unsigned(atoi(strrchr(criteria, ':'))));
+            // The seed has always been read from the text at the last ':',
+            // which is no number, so it is 0: the player gets the same
+            // shuffle every time.
+            srand(0u);
             sort_shuffle = 1;
         }
     } else {

@@ -868,16 +868,29 @@ static int32_t parse_duration(const char* text)
     int64_t ms = 0;
     const char* p = text;
     for (int field = 0; field < 4 && *p; field++) {
-        int64_t v = 0;
-        while (*p >= '0' && *p <= '9' && v < 100000000)
-            v = v * 10 + (*p++ - '0');
-        ms += v * scale[field];
-        while (*p && *p != ':')
-            p++;                    // the fraction, or anything else in the field
+        size_t digits = upnp_digit_run(p, SIZE_MAX);
+        uint64_t v = 0;
+        if (digits && (!upnp_parse_u64(p, digits, &v) || v > INT32_MAX))
+            return INT32_MAX;       // one field alone is past the range
+        ms += int64_t(v) * scale[field];
+        p += digits;
+        p += strcspn(p, ":");       // the fraction, or anything else in the field
         if (*p == ':')
             p++;
     }
     return ms > INT32_MAX ? INT32_MAX : int32_t(ms);
+}
+
+// Whole-number metadata is read as strtoll reads it (blanks, a sign, the
+// digits, anything behind them ignored), clamped to the 32 bits it is kept in.
+static int32_t parse_meta_int(const char* text)
+{
+    const char* start = nullptr;
+    size_t n = upnp_atoi_field(text, &start);
+    int64_t v = 0;
+    if (n && !upnp_parse_i64(start, n, &v))
+        v = *start == '-' ? INT64_MIN : INT64_MAX;
+    return v > INT32_MAX ? INT32_MAX : v < INT32_MIN ? INT32_MIN : int32_t(v);
 }
 
 static int apply_text(db_object* o, int32_t key, const char* value)
@@ -908,7 +921,7 @@ int db_object_apply_meta(db_object* o, const db_meta_list* list)
             break;
         case DB_CLASS_INT:
             changed |= db_object_set_int(o, n->key, n->key == DBK_DURATION ? parse_duration(n->value)
-                                                                            : int32_t(strtoll(n->value, nullptr, 10)));
+                                                                            : parse_meta_int(n->value));
             break;
         case DB_CLASS_CHAR:
             changed |= db_object_set_char(o, n->key, n->value[0]);
