@@ -77,21 +77,33 @@ static thread_local int32_t db_lock_depth;
 
 static constexpr int32_t DB_MAX_SLOTS = 1001;
 
+// The class of every key, ten keys a row. Some keys without a name still
+// have a class: records written by older versions carry them.
+static constexpr db_meta_class meta_key_classes[] = {
+#define N DB_CLASS_NONE
+#define T DB_CLASS_TEXT
+#define I DB_CLASS_INT
+#define C DB_CLASS_CHAR
+    N, N, N, N, N, N, N, N, N, N,   //  0
+    N, N, T, I, N, N, N, N, N, N,   // 10
+    T, T, T, T, T, T, T, T, T, T,   // 20
+    I, I, I, T, I, I, I, I, T, T,   // 30
+    I, T, I, N, N, N, N, N, N, N,   // 40
+    N, N, N, N, N, N, N, N, N, N,   // 50
+    T, T, I, I, I, I, I, T, I, C,   // 60
+    N, I, T, I, I, I, N, I, I, N,   // 70
+    N, N, T, I,                     // 80
+#undef N
+#undef T
+#undef I
+#undef C
+};
+static_assert(sizeof meta_key_classes / sizeof meta_key_classes[0] == DBK_KEY_COUNT,
+              "one class for every key");
+
 db_meta_class db_meta_key_class(int32_t key)
 {
-    switch (key) {
-    case 12: case 20: case 21: case 22: case 23: case 24: case 25: case 26: case 27: case 28: case 29:
-    case 33: case 38: case 39: case 41: case 60: case 61: case 67: case 72: case 82:
-        return DB_CLASS_TEXT;
-    case 13: case 30: case 31: case 32: case 34: case 35: case 36: case 37: case 40: case 42:
-    case 62: case 63: case 64: case 65: case 66: case 68: case 71: case 73: case 74: case 75:
-    case 77: case 78: case 83:
-        return DB_CLASS_INT;
-    case 69:
-        return DB_CLASS_CHAR;
-    default:
-        return DB_CLASS_NONE;
-    }
+    return key >= 0 && key < DBK_KEY_COUNT ? meta_key_classes[key] : DB_CLASS_NONE;
 }
 
 // Slots of text keys hold pool handles; the setter also stores texts under
