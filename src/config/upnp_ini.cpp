@@ -28,10 +28,6 @@
 #include <cstring>
 #include <strings.h>
 
-#ifndef VELMORA_VERSION
-#define VELMORA_VERSION "0"
-#endif
-
 namespace {
 
 struct ini_option {
