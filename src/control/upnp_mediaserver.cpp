@@ -439,8 +439,6 @@ static void upnp_register_routes()
         HTTP_register_handler(HTTP_send_file_not_found, HTTP_METHOD_GET | HTTP_METHOD_POST, "/rpc", 1);
 }
 
-// Brings up the subsystems that the servers need: routes, store, client
-// database, database files, root tree, as each of them is built.
 // A public page whose text shows the caller's address; its title is
 // followed by the address in the body.
 static const char UPNP_EXTERNAL_ADDRESS_URL[] = "http://checkip.dyndns.org/";
@@ -482,6 +480,8 @@ static void upnp_lookup_external_address()
     upnp_string_free(page);
 }
 
+// Brings up the subsystems that the servers need: routes, store, client
+// database, database files, root tree, as each of them is built.
 static void upnp_mediaserver_register()
 {
     if (upnp_ini_get_int(UPNP_OPT_ENABLEWEB) >= 3)
