@@ -23,6 +23,9 @@ static void fuzz_text(const char* text)
     upnp_time_to_ms(text);
     upnp_atoi64(text);
     upnp_atou(text);
+    const char* start = nullptr;
+    int64_t field = 0;
+    upnp_parse_i64(start, upnp_atoi_field(text, &start), &field);
     upnp_hex8_to_i64(text);
     upnp_strcmp_folded(text, "M\xC3\x85nchen");
     upnp_stristr(text, "\nhost");
@@ -69,6 +72,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     free(upnp_string_utf8_to_utf16_n(bare.data(), bare.size()));
     uint64_t value;
     upnp_parse_u64(bare.data(), bare.size(), &value);
+    int64_t signed_value;
+    upnp_parse_i64(bare.data(), bare.size(), &signed_value);
+    upnp_digit_run(bare.data(), bare.size());
     upnp_string_free(upnp_string_append_bytes(nullptr, bare.data(), int32_t(bare.size())));
 
     fuzz_units(data, size);

@@ -25,7 +25,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -78,18 +77,15 @@ struct client_read {
     client_read& operator=(const client_read&) = delete;
 };
 
-// atoi's reading (blanks, a sign, digits), saturated instead of wrapping.
+// atoi's reading (blanks, a sign, digits, text behind them ignored), as the
+// client file has always been read, saturated instead of wrapping.
 static int32_t client_atoi(const char* p)
 {
-    while (*p == ' ' || (*p >= '\t' && *p <= '\r'))
-        p++;
-    int negative = *p == '-';
-    if (*p == '-' || *p == '+')
-        p++;
+    const char* start = nullptr;
+    size_t n = upnp_atoi_field(p, &start);
     int64_t value = 0;
-    for (; *p >= '0' && *p <= '9'; p++)
-        value = std::min<int64_t>(value * 10 + (*p - '0'), int64_t(INT32_MAX) + 1);
-    value = negative ? -value : value;
+    if (n && !upnp_parse_i64(start, n, &value))
+        value = *start == '-' ? INT64_MIN : INT64_MAX;
     return int32_t(std::clamp<int64_t>(value, INT32_MIN, INT32_MAX));
 }
 
@@ -100,8 +96,8 @@ static void client_db_index(client_db* db)
     std::fill(std::begin(db->first), std::end(db->first), -1);
     for (const char* p = db->text; (p = strstr(p, "ID:")); p += 3) {
         db->ids.push_back(uint32_t(p - db->text));
-        if (isdigit(uint8_t(p[3])) && isdigit(uint8_t(p[4])) && isdigit(uint8_t(p[5]))) {
-            int n = (p[3] - '0') * 100 + (p[4] - '0') * 10 + (p[5] - '0');
+        uint64_t n = 0;
+        if (upnp_digit_run(p + 3, 3) == 3 && upnp_parse_u64(p + 3, 3, &n)) {
             if (db->first[n] < 0)
                 db->first[n] = int32_t(db->ids.size() - 1);
         }

@@ -27,10 +27,6 @@
 #include <cstring>
 #include <strings.h>
 
-#ifndef VELMORA_VERSION
-#define VELMORA_VERSION "0"
-#endif
-
 namespace {
 
 struct ini_option {
@@ -151,14 +147,16 @@ const char* upnp_ini_get_string(int32_t id)
     return row ? row->value : nullptr;
 }
 
-// atoi's result, without its undefined overflow.
+// atoi's reading, as ini files have always been read ("12abc" is 12), but
+// a value past the range clamps to its end instead of overflowing.
 int32_t upnp_ini_get_int(int32_t id)
 {
-    const char* value = upnp_ini_get_string(id);
-    if (!value)
-        return 0;
-    long n = strtol(value, nullptr, 10);
-    return n > INT32_MAX ? INT32_MAX : n < INT32_MIN ? INT32_MIN : int32_t(n);
+    const char* start = nullptr;
+    size_t n = upnp_atoi_field(upnp_ini_get_string(id), &start);
+    int64_t v = 0;
+    if (n && !upnp_parse_i64(start, n, &v))
+        v = *start == '-' ? INT64_MIN : INT64_MAX;
+    return v > INT32_MAX ? INT32_MAX : v < INT32_MIN ? INT32_MIN : int32_t(v);
 }
 
 int32_t upnp_ini_get_bool(int32_t id)

@@ -37,7 +37,7 @@ static int32_t work_dir_known;
 static std::atomic<dapi_dms_callback> event_callback;
 static std::recursive_mutex host_lock;
 
-static const char DAPI_VERSION[] = "1.59.1.8";
+static const char DAPI_VERSION[] = VELMORA_VERSION;     // the build's project version
 
 struct dapi_flag_rule { uint32_t bit; int32_t upnp_switch_set::*target; int32_t value; };
 

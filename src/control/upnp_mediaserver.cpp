@@ -387,28 +387,33 @@ struct upnp_route {
     HTTP_handler_function run;
 };
 
+// The method sets of the routes: pages and files are read, the pages with
+// forms also take a POST.
+static constexpr int32_t ROUTE_READ = HTTP_METHOD_GET | HTTP_METHOD_HEAD;
+static constexpr int32_t ROUTE_FORM = HTTP_METHOD_GET | HTTP_METHOD_HEAD | HTTP_METHOD_POST;
+
 // The first entry that fits wins, so the order matters. Routes whose
 // handlers are not built yet answer with the 404 page.
 static const upnp_route upnp_routes[] = {
-    {"/DeviceDescription.xml", 3, 0, upnp_send_device_description},
-    {"/ConnectionManager.xml", 3, 0, upnp_send_cms_xml},
-    {"/ConnectionManager/Control", 4, 1, HTTP_send_file_not_found},
-    {"/ContentDirectory.xml", 3, 0, upnp_send_cds_xml},
-    {"/ContentDirectory/Control", 4, 1, HTTP_send_file_not_found},
-    {"/MediaReceiverRegistrar.xml", 3, 0, upnp_send_msreg_xml},
-    {"/MediaReceiverRegistrar/Control", 4, 1, HTTP_send_file_not_found},
-    {nullptr, 8, 1, HTTP_send_file_not_found},        // SUBSCRIBE
-    {nullptr, 16, 1, HTTP_send_file_not_found},       // UNSUBSCRIBE
-    {"/disk", 3, 0, HTTP_send_file_not_found},
-    {"/albumart", 3, 0, HTTP_send_file_not_found},
-    {"/configpage", 7, 1, HTTP_send_file_not_found},
-    {"/setup", 7, 1, HTTP_send_file_not_found},
-    {"/index", 7, 1, HTTP_send_file_not_found},
-    {"/images", 7, 1, upnp_send_device_icon},
-    {"/MediaBrowser", 7, 1, HTTP_send_file_not_found},
-    {"/cgi-bin", 7, 1, HTTP_send_file_not_found},
-    {"/subtitle", 1, 0, HTTP_send_file_not_found},
-    {"/createobject", 7, 0, HTTP_send_file_not_found},
+    {"/DeviceDescription.xml", ROUTE_READ, 0, upnp_send_device_description},
+    {"/ConnectionManager.xml", ROUTE_READ, 0, upnp_send_cms_xml},
+    {"/ConnectionManager/Control", HTTP_METHOD_POST, 1, HTTP_send_file_not_found},
+    {"/ContentDirectory.xml", ROUTE_READ, 0, upnp_send_cds_xml},
+    {"/ContentDirectory/Control", HTTP_METHOD_POST, 1, HTTP_send_file_not_found},
+    {"/MediaReceiverRegistrar.xml", ROUTE_READ, 0, upnp_send_msreg_xml},
+    {"/MediaReceiverRegistrar/Control", HTTP_METHOD_POST, 1, HTTP_send_file_not_found},
+    {nullptr, HTTP_METHOD_SUBSCRIBE, 1, HTTP_send_file_not_found},
+    {nullptr, HTTP_METHOD_UNSUBSCRIBE, 1, HTTP_send_file_not_found},
+    {"/disk", ROUTE_READ, 0, HTTP_send_file_not_found},
+    {"/albumart", ROUTE_READ, 0, HTTP_send_file_not_found},
+    {"/configpage", ROUTE_FORM, 1, HTTP_send_file_not_found},
+    {"/setup", ROUTE_FORM, 1, HTTP_send_file_not_found},
+    {"/index", ROUTE_FORM, 1, HTTP_send_file_not_found},
+    {"/images", ROUTE_FORM, 1, upnp_send_device_icon},
+    {"/MediaBrowser", ROUTE_FORM, 1, HTTP_send_file_not_found},
+    {"/cgi-bin", ROUTE_FORM, 1, HTTP_send_file_not_found},
+    {"/subtitle", HTTP_METHOD_GET, 0, HTTP_send_file_not_found},
+    {"/createobject", ROUTE_FORM, 0, HTTP_send_file_not_found},
 };
 
 static void upnp_register_routes()
@@ -422,11 +427,9 @@ static void upnp_register_routes()
         }
     }
     if (upnp_switches.rpc_enabled)
-        HTTP_register_handler(HTTP_send_file_not_found, 5, "/rpc", 1);
+        HTTP_register_handler(HTTP_send_file_not_found, HTTP_METHOD_GET | HTTP_METHOD_POST, "/rpc", 1);
 }
 
-// Brings up the subsystems that the servers need: routes, store, client
-// database, database files, root tree, as each of them is built.
 // A public page whose text shows the caller's address; its title is
 // followed by the address in the body.
 static const char UPNP_EXTERNAL_ADDRESS_URL[] = "http://checkip.dyndns.org/";
@@ -479,6 +482,8 @@ static void upnp_mediaserver_hand_down()
     upnp_client_set_local_test(upnp_nic_is_local);
 }
 
+// Brings up the subsystems that the servers need: routes, store, client
+// database, database files, root tree, as each of them is built.
 static void upnp_mediaserver_register()
 {
     if (upnp_ini_get_int(UPNP_OPT_ENABLEWEB) >= 3)

@@ -33,6 +33,9 @@
 #include <thread>
 #include <vector>
 
+// The build gives the version, so a new version starts a new database.
+const char DB_FILE_VERSION[] = VELMORA_VERSION;
+
 static constexpr uint32_t FILE_FREE_HEAD_AT = 16;
 static constexpr uint32_t FILE_FOLDERS_AT = 20;
 static constexpr uint32_t FILE_FOLDER_TIME_AT = 10;

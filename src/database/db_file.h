@@ -53,7 +53,8 @@ enum db_block_kind : uint8_t {
     DB_BLOCK_FOLDER_NEW = 'd',      // a folder-time block before its record is written
 };
 
-inline constexpr char DB_FILE_VERSION[] = "1.59.1.8";
+// The program's version, which names the files and marks block 0.
+extern const char DB_FILE_VERSION[];
 
 // The files in dbdir, in the names of the running mode (upnp_switches.full_mode).
 enum db_file_kind : int32_t {

@@ -98,13 +98,15 @@ static const id_alias id_aliases[] = {
     {"0\\Document\\", &db_document_root},
 };
 
-// The leading decimal digits as a word; no digits give 0.
+// The leading decimal digits as a word; no digits give 0, and a number
+// past 32 bits gives the largest word, which names no object.
 static uint32_t id_word_at(const char* p)
 {
-    uint32_t v = 0;
-    while (*p >= '0' && *p <= '9')
-        v = v * 10 + uint32_t(*p++ - '0');
-    return v;
+    size_t digits = upnp_digit_run(p, SIZE_MAX);
+    uint64_t v = 0;
+    if (digits && !upnp_parse_u64(p, digits, &v))
+        v = UINT32_MAX;
+    return v > UINT32_MAX ? UINT32_MAX : uint32_t(v);
 }
 
 static db_object* id_walk(const char* text)

@@ -76,21 +76,33 @@ static thread_local int32_t db_lock_depth;
 
 static constexpr int32_t DB_MAX_SLOTS = 1001;
 
+// The class of every key, ten keys a row. Some keys without a name still
+// have a class: records written by older versions carry them.
+static constexpr db_meta_class meta_key_classes[] = {
+#define N DB_CLASS_NONE
+#define T DB_CLASS_TEXT
+#define I DB_CLASS_INT
+#define C DB_CLASS_CHAR
+    N, N, N, N, N, N, N, N, N, N,   //  0
+    N, N, T, I, N, N, N, N, N, N,   // 10
+    T, T, T, T, T, T, T, T, T, T,   // 20
+    I, I, I, T, I, I, I, I, T, T,   // 30
+    I, T, I, N, N, N, N, N, N, N,   // 40
+    N, N, N, N, N, N, N, N, N, N,   // 50
+    T, T, I, I, I, I, I, T, I, C,   // 60
+    N, I, T, I, I, I, N, I, I, N,   // 70
+    N, N, T, I,                     // 80
+#undef N
+#undef T
+#undef I
+#undef C
+};
+static_assert(sizeof meta_key_classes / sizeof meta_key_classes[0] == DBK_KEY_COUNT,
+              "one class for every key");
+
 db_meta_class db_meta_key_class(int32_t key)
 {
-    switch (key) {
-    case 12: case 20: case 21: case 22: case 23: case 24: case 25: case 26: case 27: case 28: case 29:
-    case 33: case 38: case 39: case 41: case 60: case 61: case 67: case 72: case 82:
-        return DB_CLASS_TEXT;
-    case 13: case 30: case 31: case 32: case 34: case 35: case 36: case 37: case 40: case 42:
-    case 62: case 63: case 64: case 65: case 66: case 68: case 71: case 73: case 74: case 75:
-    case 77: case 78: case 83:
-        return DB_CLASS_INT;
-    case 69:
-        return DB_CLASS_CHAR;
-    default:
-        return DB_CLASS_NONE;
-    }
+    return key >= 0 && key < DBK_KEY_COUNT ? meta_key_classes[key] : DB_CLASS_NONE;
 }
 
 // Slots of text keys hold pool handles; the setter also stores texts under
@@ -867,16 +879,29 @@ static int32_t parse_duration(const char* text)
     int64_t ms = 0;
     const char* p = text;
     for (int field = 0; field < 4 && *p; field++) {
-        int64_t v = 0;
-        while (*p >= '0' && *p <= '9' && v < 100000000)
-            v = v * 10 + (*p++ - '0');
-        ms += v * scale[field];
-        while (*p && *p != ':')
-            p++;                    // the fraction, or anything else in the field
+        size_t digits = upnp_digit_run(p, SIZE_MAX);
+        uint64_t v = 0;
+        if (digits && (!upnp_parse_u64(p, digits, &v) || v > INT32_MAX))
+            return INT32_MAX;       // one field alone is past the range
+        ms += int64_t(v) * scale[field];
+        p += digits;
+        p += strcspn(p, ":");       // the fraction, or anything else in the field
         if (*p == ':')
             p++;
     }
     return ms > INT32_MAX ? INT32_MAX : int32_t(ms);
+}
+
+// Whole-number metadata is read as strtoll reads it (blanks, a sign, the
+// digits, anything behind them ignored), clamped to the 32 bits it is kept in.
+static int32_t parse_meta_int(const char* text)
+{
+    const char* start = nullptr;
+    size_t n = upnp_atoi_field(text, &start);
+    int64_t v = 0;
+    if (n && !upnp_parse_i64(start, n, &v))
+        v = *start == '-' ? INT64_MIN : INT64_MAX;
+    return v > INT32_MAX ? INT32_MAX : v < INT32_MIN ? INT32_MIN : int32_t(v);
 }
 
 static int apply_text(db_object* o, int32_t key, const char* value)
@@ -907,7 +932,7 @@ int db_object_apply_meta(db_object* o, const db_meta_list* list)
             break;
         case DB_CLASS_INT:
             changed |= db_object_set_int(o, n->key, n->key == DBK_DURATION ? parse_duration(n->value)
-                                                                            : int32_t(strtoll(n->value, nullptr, 10)));
+                                                                            : parse_meta_int(n->value));
             break;
         case DB_CLASS_CHAR:
             changed |= db_object_set_char(o, n->key, n->value[0]);

@@ -111,6 +111,7 @@ enum db_meta_key : uint16_t {
     DBK_SUBTITLES = 71,
     DBK_DLNA_PROFILE = 82,
     DBK_DLNA_MANAGED = 83,
+    DBK_KEY_COUNT = 84,             // one past the last key: the length of tables by key
 };
 
 // How a key is stored in a slot and printed in a record. Keys of class

@@ -66,12 +66,14 @@ static int record_next(record_cursor* c, uint32_t* key, const char** value, uint
     return 1;
 }
 
-// Decimal digits at the start of the value, as atoi reads the type.
+// Decimal digits at the start of the value, as atoi reads the type; a
+// number past the range reads as the largest.
 static int32_t record_number(const char* v, uint32_t n)
 {
-    int64_t x = 0;
-    for (uint32_t i = 0; i < n && v[i] >= '0' && v[i] <= '9' && x < INT32_MAX; i++)
-        x = x * 10 + (v[i] - '0');
+    size_t digits = upnp_digit_run(v, n);
+    uint64_t x = 0;
+    if (digits && !upnp_parse_u64(v, digits, &x))
+        x = INT32_MAX;
     return x > INT32_MAX ? INT32_MAX : int32_t(x);
 }
 

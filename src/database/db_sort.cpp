@@ -37,9 +37,10 @@ void db_sort_prepare(const char* criteria, int32_t container_type, const HTTP_re
     sort_no_utf8 = db_client_has_flag(request, "XM:NOUTF8SORT");
     if (criteria && *criteria) {
         if (strstr(criteria, "Philips:shuffle")) {
-            // The seed is the text from the last ':' on, which reads as 0:
-            // the player gets the same shuffle every time.
-            srand(unsigned(atoi(strrchr(criteria, ':'))));
+            // The seed has always been read from the text at the last ':',
+            // which is no number, so it is 0: the player gets the same
+            // shuffle every time.
+            srand(0u);
             sort_shuffle = 1;
         }
     } else {

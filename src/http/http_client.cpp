@@ -77,12 +77,14 @@ static int32_t http_scheme(const char* url, size_t* skip)
     return 0;
 }
 
-// Digits behind the colon; any number, masked to 16 bits as a port.
+// Digits behind the colon; any number that fits 64 bits, masked to 16 bits
+// as a port. A longer one gives 0, which no connection reaches.
 static int32_t http_port_digits(const char* p, const char* end)
 {
-    uint32_t value = 0;
-    for (; p < end && *p >= '0' && *p <= '9'; p++)
-        value = (value * 10 + uint32_t(*p - '0')) & 0xFFFFF;   // only the low 16 bits matter
+    size_t digits = upnp_digit_run(p, size_t(end - p));
+    uint64_t value = 0;
+    if (digits && !upnp_parse_u64(p, digits, &value))
+        return 0;
     return int32_t(value & 0xFFFF);
 }
 
@@ -265,13 +267,11 @@ static uint64_t http_content_length(const char* head, size_t size)
     const char* end = head + size;
     while (p < end && (*p == ' ' || *p == '\t'))
         p++;
-    const char* digits = p;
-    while (p < end && http_is_digit(*p))
-        p++;
+    size_t digits = upnp_digit_run(p, size_t(end - p));
     uint64_t value = 0;
-    if (p == digits)
+    if (digits == 0)
         return 0;
-    return upnp_parse_u64(digits, size_t(p - digits), &value) ? value : UINT64_MAX;
+    return upnp_parse_u64(p, digits, &value) ? value : UINT64_MAX;
 }
 
 // A chunk size line: hexadecimal digits from its start, saturating.

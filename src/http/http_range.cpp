@@ -17,9 +17,7 @@ static int range_signed(const char* p, int64_t* value, const char** next)
 {
     int negative = *p == '-';
     p += negative;
-    size_t n = 0;
-    while (p[n] >= '0' && p[n] <= '9')
-        n++;
+    size_t n = upnp_digit_run(p, SIZE_MAX);
     uint64_t v = 0;
     if (!upnp_parse_u64(p, n, &v) || v > uint64_t(INT64_MAX))
         return 0;

@@ -183,9 +183,7 @@ int HTTP_is_chunked(const char* head)
 // The digits of a decimal field: its value, or -1 when it does not fit.
 static int64_t http_digits_value(const char* p)
 {
-    size_t n = 0;
-    while (p[n] >= '0' && p[n] <= '9')
-        n++;
+    size_t n = upnp_digit_run(p, SIZE_MAX);
     uint64_t v = 0;
     if (n == 0)
         return 0;

@@ -166,9 +166,7 @@ static int32_t http_url_number(const char* url, const char* word)
     if (!at)
         return 0;
     const char* p = at + strlen(word);
-    size_t n = 0;
-    while (p[n] >= '0' && p[n] <= '9')
-        n++;
+    size_t n = upnp_digit_run(p, SIZE_MAX);
     uint64_t v = 0;
     return upnp_parse_u64(p, n, &v) && v <= INT32_MAX ? int32_t(v) : 0;
 }

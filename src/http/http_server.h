@@ -38,7 +38,8 @@ enum {
     HTTP_DEFAULT_PAGE_SIZE = 1024,
 };
 
-enum {
+// A request's method, and as bits or-ed together, the methods of a route.
+enum HTTP_method : int32_t {
     HTTP_METHOD_GET = 1,
     HTTP_METHOD_HEAD = 2,
     HTTP_METHOD_POST = 4,

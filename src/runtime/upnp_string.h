@@ -65,9 +65,24 @@ int upnp_hex_digit(int ch);
 int upnp_hex_digit0(int ch);
 int64_t upnp_hex_to_i64(const char* text, int digits);
 int64_t upnp_hex8_to_i64(const char* text);
-// The one reader of numeric fields from the wire or a file: decimal digits
-// only, at least one, no sign, no overflow. 1 and *out set, else 0.
+// The one reader of numbers from a request, a datagram or a file. Both read
+// exactly length bytes as a whole decimal field: at least one digit and
+// nothing else, no blanks. The unsigned form takes no sign; the signed form
+// takes one '+' or '-' before the digits. A value outside the type fails.
+// 1 and *out set, else 0 and *out untouched. Narrower ranges are the
+// caller's check.
 int upnp_parse_u64(const char* text, size_t length, uint64_t* out);
+int upnp_parse_i64(const char* text, size_t length, int64_t* out);
+// How many decimal digits text starts with, looking at most limit bytes; a
+// NUL ends the run like any other byte, so a terminated text may pass
+// SIZE_MAX. A caller that reads a number followed by other text measures the
+// field with this and parses exactly that.
+size_t upnp_digit_run(const char* text, size_t limit);
+// The field atoi would read from a terminated text: blanks skipped, then one
+// optional sign and the digit run. *start is set to the sign or the first
+// digit; the result is the field's length, 0 when no digit follows. For the
+// readers that must stay as lenient as they always were.
+size_t upnp_atoi_field(const char* text, const char** start);
 
 // Durations as the res element writes them: "H:MM:SS" or "H:MM:SS.mmm".
 char* upnp_time_from_ms(int64_t ms);

@@ -3,10 +3,11 @@
 // Base64 and the adaptation of titles. No lock, no globals; the only option
 // read is `adaptcase`, through the option store.
 //
-// The lenient readers (upnp_atoi64, upnp_atou, upnp_time_to_ms) keep their
-// historic forgiving forms for trusted text and wrap instead of overflowing;
-// numbers from the wire or from files go through upnp_parse_u64, which
-// refuses anything but plain digits that fit.
+// Every decimal number goes through upnp_parse_u64 or upnp_parse_i64, which
+// read a whole field and refuse anything but digits that fit. The lenient
+// readers (upnp_atoi64, upnp_atou, upnp_time_to_ms) keep their historic
+// forgiving forms by measuring the field first, and clamp where the old
+// arithmetic wrapped.
 #include "runtime/upnp_string.h"
 
 #include <cctype>
@@ -85,25 +86,40 @@ int upnp_strcmp_folded(const char* a, const char* b)
 
 // ---- numbers ---------------------------------------------------------------
 
-static uint64_t text_digits(const char** p)
+size_t upnp_digit_run(const char* text, size_t limit)
 {
-    uint64_t v = 0;
-    while (**p >= '0' && **p <= '9')
-        v = v * 10 + uint64_t(*(*p)++ - '0');
-    return v;
+    size_t n = 0;
+    if (text)
+        while (n < limit && text[n] >= '0' && text[n] <= '9')
+            n++;
+    return n;
 }
 
+size_t upnp_atoi_field(const char* text, const char** start)
+{
+    if (!text)
+        text = "";
+    text += strspn(text, " \t\n\v\f\r");
+    *start = text;
+    size_t sign = *text == '-' || *text == '+';
+    size_t digits = upnp_digit_run(text + sign, SIZE_MAX);
+    return digits ? sign + digits : 0;
+}
+
+// The historic form has no blanks and takes a '+' before the '-'; a value
+// past the range clamps rather than wrapping.
 int64_t upnp_atoi64(const char* text)
 {
     if (!text)
         return 0;
     if (*text == '+')
         text++;
-    int negative = *text == '-';
-    if (negative)
-        text++;
-    uint64_t v = text_digits(&text);
-    return int64_t(negative ? 0 - v : v);
+    size_t sign = *text == '-';
+    size_t digits = upnp_digit_run(text + sign, SIZE_MAX);
+    int64_t v = 0;
+    if (digits && !upnp_parse_i64(text, sign + digits, &v))
+        v = sign ? INT64_MIN : INT64_MAX;
+    return v;
 }
 
 int32_t upnp_i64_to_string(int64_t value, char* buffer, int32_t size)
@@ -116,9 +132,11 @@ int32_t upnp_i64_to_string(int64_t value, char* buffer, int32_t size)
 
 uint32_t upnp_atou(const char* text)
 {
-    if (!text)
-        return 0;
-    return uint32_t(text_digits(&text));
+    size_t digits = upnp_digit_run(text, SIZE_MAX);
+    uint64_t v = 0;
+    if (digits && !upnp_parse_u64(text, digits, &v))
+        v = UINT32_MAX;
+    return v > UINT32_MAX ? UINT32_MAX : uint32_t(v);
 }
 
 int32_t upnp_wcslen(const uint16_t* wide)
@@ -184,6 +202,22 @@ int upnp_parse_u64(const char* text, size_t length, uint64_t* out)
     return 1;
 }
 
+int upnp_parse_i64(const char* text, size_t length, int64_t* out)
+{
+    if (!text || length == 0 || !out)
+        return 0;
+    int negative = text[0] == '-';
+    size_t sign = negative || text[0] == '+';
+    uint64_t v = 0;
+    if (!upnp_parse_u64(text + sign, length - sign, &v))
+        return 0;
+    if (v > uint64_t(INT64_MAX) + uint64_t(negative))
+        return 0;
+    // Negated as v - 1 so that the magnitude of INT64_MIN never has to fit.
+    *out = negative ? (v ? -int64_t(v - 1) - 1 : 0) : int64_t(v);
+    return 1;
+}
+
 // ---- durations -------------------------------------------------------------
 
 char* upnp_time_from_ms(int64_t ms)
@@ -202,32 +236,45 @@ char* upnp_time_from_ms(int64_t ms)
     return strndup(text, 14);
 }
 
-// atoi's form: blanks, a sign, digits; wraps instead of overflowing.
-static uint64_t text_field(const char* p)
+// atoi's form of a field: blanks, a sign, the digits; a field past the
+// range clamps.
+static int64_t text_field(const char* p)
 {
-    while (*p == ' ' || (*p >= '\t' && *p <= '\r'))
-        p++;
-    int negative = *p == '-';
-    if (*p == '-' || *p == '+')
-        p++;
-    uint64_t v = text_digits(&p);
-    return negative ? 0 - v : v;
+    const char* start = nullptr;
+    size_t n = upnp_atoi_field(p, &start);
+    int64_t v = 0;
+    if (n && !upnp_parse_i64(start, n, &v))
+        v = *start == '-' ? INT64_MIN : INT64_MAX;
+    return v;
+}
+
+// A sum or product past the range clamps to the side it overflowed on.
+static int64_t text_clamped_add(int64_t a, int64_t b)
+{
+    int64_t r;
+    return __builtin_add_overflow(a, b, &r) ? (b < 0 ? INT64_MIN : INT64_MAX) : r;
+}
+
+static int64_t text_clamped_scale(int64_t a, int64_t scale)
+{
+    int64_t r;
+    return __builtin_mul_overflow(a, scale, &r) ? (a < 0 ? INT64_MIN : INT64_MAX) : r;
 }
 
 int64_t upnp_time_to_ms(const char* text)
 {
     if (!text)
         return 0;
-    static constexpr uint64_t scale[4] = {3600000, 60000, 1000, 1};
-    uint64_t total = 0;
+    static constexpr int64_t scale[4] = {3600000, 60000, 1000, 1};
+    int64_t total = 0;
     const char* p = text;
     for (int i = 0; i < 4 && p; i++) {
-        total += text_field(p) * scale[i];
+        total = text_clamped_add(total, text_clamped_scale(text_field(p), scale[i]));
         p = strchr(p, ':');
         if (p)
             p++;
     }
-    return int64_t(total);
+    return total;
 }
 
 // ---- Base64 ----------------------------------------------------------------

@@ -326,10 +326,16 @@ const char* upnp_xml_get_value(upnp_xml_node* node, const char* name)
     return hit ? hit->value : nullptr;
 }
 
+// atoi's reading, kept for what clients send: blanks before the number and
+// text behind it are allowed. A value past int's range clamps to its end.
 int upnp_xml_get_int(upnp_xml_node* node, const char* name)
 {
-    const char* v = upnp_xml_get_value(node, name);
-    return v ? atoi(v) : 0;
+    const char* start = nullptr;
+    size_t n = upnp_atoi_field(upnp_xml_get_value(node, name), &start);
+    int64_t v = 0;
+    if (n && !upnp_parse_i64(start, n, &v))
+        v = *start == '-' ? INT64_MIN : INT64_MAX;
+    return v < INT32_MIN ? INT32_MIN : v > INT32_MAX ? INT32_MAX : int(v);
 }
 
 struct xml_entity {
@@ -342,6 +348,18 @@ static constexpr xml_entity xml_entities[] = {
     {"&amp;", 5, '&'}, {"&nbsp;", 6, ' '}, {"&lt;", 4, '<'},
     {"&gt;", 4, '>'},  {"&apos;", 6, '\''}, {"&quot;", 6, '"'},
 };
+
+// The decimal number of a reference, read as atoi reads it; the ';' within
+// 5 characters keeps the field short enough to fit.
+static int64_t xml_decimal_reference(const char* text)
+{
+    const char* start = nullptr;
+    size_t n = upnp_atoi_field(text, &start);
+    int64_t v = 0;
+    if (n)
+        upnp_parse_i64(start, n, &v);
+    return v;
+}
 
 // A "&#" reference is taken only when its ';' comes within 5 characters;
 // the number is kept as one byte. Length of the reference, or 0.
@@ -358,7 +376,7 @@ static size_t xml_numeric_reference(const char* p, char* out)
     if (p[2] == 'x')
         *out = char(upnp_hex_to_i64(p + 3, int(semi - p - 3)));
     else
-        *out = char(atoi(p + 2));
+        *out = char(xml_decimal_reference(p + 2));
     return size_t(semi - p + 1);
 }
 

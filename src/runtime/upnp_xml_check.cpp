@@ -13,6 +13,7 @@
 #include <strings.h>
 
 #include "runtime/upnp_log.h"
+#include "runtime/upnp_string.h"
 #include "runtime/upnp_xml.h"
 
 enum xml_type_id {
@@ -162,11 +163,16 @@ static char* xml_cut(char** rest, const char* delimiters)
     return s;
 }
 
-// atoi without its overflow: huge fields saturate, so they fail the limits.
+// atoi's reading of a field, blanks and trailing text allowed; huge fields
+// saturate, so they fail the limits.
 static long xml_number(const char* text)
 {
-    long v = strtol(text, nullptr, 10);
-    return v > INT_MAX ? INT_MAX : v < INT_MIN ? INT_MIN : v;
+    const char* start = nullptr;
+    size_t n = upnp_atoi_field(text, &start);
+    int64_t v = 0;
+    if (n && !upnp_parse_i64(start, n, &v))
+        v = *start == '-' ? INT64_MIN : INT64_MAX;
+    return v > INT_MAX ? INT_MAX : v < INT_MIN ? INT_MIN : long(v);
 }
 
 static bool xml_between(const char* field, long low, long high)

@@ -10,6 +10,7 @@
 
 #include "runtime/upnp_string.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string_view>
 
@@ -62,9 +63,7 @@ static std::string_view ssdp_value(std::string_view text, std::string_view name)
 static int32_t ssdp_mx(std::string_view head)
 {
     std::string_view value = ssdp_value(head, "\nMX:");
-    size_t digits = 0;
-    while (digits < value.size() && value[digits] >= '0' && value[digits] <= '9')
-        digits++;
+    size_t digits = upnp_digit_run(value.data(), value.size());
     uint64_t mx = 0;
     if (!upnp_parse_u64(value.data(), digits, &mx))
         return 0;
@@ -146,9 +145,7 @@ int ssdp_parse_ip(const char* text, uint32_t* out)
     std::string_view rest(text, strnlen(text, 16));
     uint32_t value = 0;
     for (int part = 0; part < 4; part++) {
-        size_t digits = 0;
-        while (digits < rest.size() && digits < 4 && rest[digits] >= '0' && rest[digits] <= '9')
-            digits++;
+        size_t digits = upnp_digit_run(rest.data(), std::min<size_t>(rest.size(), 4));
         uint64_t number = 0;
         if (digits > 3 || !upnp_parse_u64(rest.data(), digits, &number) || number > 255)
             return 0;

@@ -25,7 +25,7 @@
 // The header keeps the free list head at 16 and folder slots from 20 on.
 struct db_image {
     std::string bytes = std::string(512, '\0');
-    db_image() { memcpy(&bytes[0], DB_FILE_VERSION, sizeof DB_FILE_VERSION); }
+    db_image() { memcpy(&bytes[0], DB_FILE_VERSION, strlen(DB_FILE_VERSION) + 1); }
 
     void put32(size_t at, uint32_t v)
     {
@@ -390,7 +390,7 @@ TEST_F(DbFileDir, MarkerAndResetDecideWhenTheWatchFolderIsEmptied)
     mkdir((dbdir + "/watch").c_str(), 0755);
     ASSERT_TRUE(test_write_file(dbdir + "/watch/change1", "x"));
     ASSERT_TRUE(db_file_open());
-    EXPECT_TRUE(db_exists(dbdir + "/1.59.1.8"));
+    EXPECT_TRUE(db_exists(dbdir + "/" + DB_FILE_VERSION));
     EXPECT_FALSE(db_exists(dbdir + "/watch/change1"));
     EXPECT_NE(std::string::npos, test_read_file(log).find("invoking initial database build"));
     uint32_t block = db_store(db_text(800, 1));
@@ -412,7 +412,7 @@ TEST_F(DbFileDir, SimpleModeUsesItsOwnNames)
     upnp_switches.full_mode = 0;
     ASSERT_TRUE(db_file_open());
     EXPECT_TRUE(db_exists(dbdir + "/velmoramedia.simple.db"));
-    EXPECT_TRUE(db_exists(dbdir + "/1.59.1.8_simple"));
+    EXPECT_TRUE(db_exists(dbdir + "/" + DB_FILE_VERSION + "_simple"));
     EXPECT_FALSE(db_exists(dbdir + "/velmoramedia.main.db"));
     char* playlists = db_file_path_of(DB_FILE_PLAYLISTS_TEMP);
     EXPECT_EQ(dbdir + "/velmoramedia.simple.playlists.temp", playlists);

@@ -319,6 +319,24 @@ TEST_F(DbObject, ApplyMetaStoresEachKeyByItsClass)
     db_meta_list_free(l);
 }
 
+// Numbers past 32 bits clamp rather than keep their low bits.
+TEST_F(DbObject, ApplyMetaReadsLeadingNumbersAndClampsThemTo32Bits)
+{
+    struct meta_case { int32_t key; const char* text; int32_t value; };
+    static const meta_case cases[] = {
+        {DBK_BITRATE, " 128kbps", 128}, {DBK_BITRATE, "4294967297", INT32_MAX}, {DBK_BITRATE, "-4294967297", INT32_MIN},
+        {DBK_DURATION, "0:00:05:250", 5250}, {DBK_DURATION, "0:0:0:99999999999", INT32_MAX},
+    };
+    db_object* item = add("/m/clamp.mp3", DB_OBJ_AUDIO, {});
+    for (const meta_case& c : cases) {
+        SCOPED_TRACE(c.text);
+        db_meta_list* l = db_test_list({{c.key, c.text}});
+        db_object_apply_meta(item, l);
+        EXPECT_EQ(c.value, db_object_get_int(item, c.key));
+        db_meta_list_free(l);
+    }
+}
+
 TEST_F(DbObject, AddEntersTheItemInItsAllContainerAndWritesOnlyANewRecord)
 {
     db_object* item = add("/m/new.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "New"}});

@@ -61,7 +61,10 @@ TEST(UpnpText, LenientNumberReadersAndTheBoundedWriter)
     EXPECT_EQ(0, upnp_atoi64("-+1"));
     EXPECT_EQ(INT64_MAX, upnp_atoi64("9223372036854775807"));
     EXPECT_EQ(0, upnp_atoi64(nullptr));
+    EXPECT_EQ(INT64_MIN, upnp_atoi64("-99999999999999999999"));   // past the range: clamped, not wrapped
+    EXPECT_EQ(INT64_MAX, upnp_atoi64("99999999999999999999"));
     EXPECT_EQ(4000000000u, upnp_atou("4000000000 bytes"));
+    EXPECT_EQ(UINT32_MAX, upnp_atou("4294967296"));
     EXPECT_EQ(0u, upnp_atou(nullptr));
     const uint16_t wide[] = {'a', 0xD83D, 0xDE00, 0};
     EXPECT_EQ(std::make_tuple(3, 0), std::make_tuple(upnp_wcslen(wide), upnp_wcslen(nullptr)));
@@ -96,6 +99,41 @@ TEST(UpnpText, ParseU64RefusesAllButPlainDigitsThatFit)
     }
 }
 
+TEST(UpnpText, ParseI64TakesOneSignAndRefusesAllElse)
+{
+    struct parse_case { const char* text; size_t length; int ok; int64_t value; };
+    static const parse_case cases[] = {
+        {"0", 1, 1, 0}, {"-0", 2, 1, 0}, {"+7", 2, 1, 7}, {"-42", 3, 1, -42},
+        {"9223372036854775807", 19, 1, INT64_MAX}, {"-9223372036854775808", 20, 1, INT64_MIN},
+        {"9223372036854775808", 19, 0, 0}, {"-9223372036854775809", 20, 0, 0},   // one past each end
+        {"", 0, 0, 0}, {"-", 1, 0, 0}, {"+", 1, 0, 0}, {"--1", 3, 0, 0}, {"+-1", 3, 0, 0},
+        {" 1", 2, 0, 0}, {"1 ", 2, 0, 0}, {"1x", 2, 0, 0}, {"-1x", 2, 1, -1}, {nullptr, 2, 0, 0},
+    };
+    for (const parse_case& c : cases) {
+        SCOPED_TRACE(c.text ? std::string(c.text, c.length) : "(null)");
+        int64_t value = 12345;
+        EXPECT_EQ(c.ok, upnp_parse_i64(c.text, c.length, &value));
+        EXPECT_EQ(c.ok ? c.value : 12345, value);
+    }
+}
+
+TEST(UpnpText, FieldMeasuresCountOnlyTheLeadingNumber)
+{
+    struct run_case { const char* text; size_t limit; size_t digits; size_t field; size_t skipped; };
+    static const run_case cases[] = {
+        {"123abc", SIZE_MAX, 3, 3, 0}, {"123", 2, 2, 3, 0}, {"", SIZE_MAX, 0, 0, 0}, {"x1", SIZE_MAX, 0, 0, 0},
+        {" \t-12:", SIZE_MAX, 0, 3, 2}, {"+5", SIZE_MAX, 0, 2, 0}, {"- 5", SIZE_MAX, 0, 0, 0},
+        {nullptr, SIZE_MAX, 0, 0, 0},
+    };
+    for (const run_case& c : cases) {
+        SCOPED_TRACE(c.text ? c.text : "(null)");
+        EXPECT_EQ(c.digits, upnp_digit_run(c.text, c.limit));
+        const char* start = nullptr;
+        EXPECT_EQ(c.field, upnp_atoi_field(c.text, &start));
+        EXPECT_EQ(c.skipped, c.text ? size_t(start - c.text) : 0);
+    }
+}
+
 TEST(UpnpText, DurationsUseTheShortFormAndReadColonSeparatedFields)
 {
     EXPECT_EQ("1:02:03", take(upnp_time_from_ms(3723000)));
@@ -107,6 +145,7 @@ TEST(UpnpText, DurationsUseTheShortFormAndReadColonSeparatedFields)
     static const duration_case cases[] = {
         {"1:02:03", 3723000}, {"1:02:03.500", 3723000},   // a fraction of the seconds is dropped
         {"0:00:01:250", 1250}, {"2", 7200000}, {"0:5", 300000}, {"", 0}, {nullptr, 0},
+        {"99999999999999999", INT64_MAX}, {"-99999999999999999999:0:0:1", INT64_MIN + 1},   // clamped
     };
     for (const duration_case& c : cases) {
         SCOPED_TRACE(c.text ? c.text : "(null)");

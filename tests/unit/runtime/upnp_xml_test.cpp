@@ -163,6 +163,22 @@ TEST(Xml, LookupsTakeWholeNamesDepthFirstInDocumentOrder)
     EXPECT_EQ(r.root, upnp_xml_find(r.root, "r"));
 }
 
+// StartingIndex and RequestedCount are read this way.
+TEST(Xml, GetIntReadsTheLeadingNumberAndClampsPastTheRange)
+{
+    struct int_case { const char* value; int expected; };
+    static const int_case cases[] = {
+        {"25", 25}, {"-3", -3}, {"+7", 7}, {"12abc", 12}, {"abc", 0}, {"2147483647", INT32_MAX},
+        {"2147483648", INT32_MAX}, {"-2147483649", INT32_MIN}, {"99999999999999999999", INT32_MAX},
+    };
+    for (const int_case& c : cases) {
+        SCOPED_TRACE(c.value);
+        xml_tree t(upnp_xml_parse(("<r><n>" + std::string(c.value) + "</n></r>").c_str()));
+        ASSERT_NE(nullptr, t.root);
+        EXPECT_EQ(c.expected, upnp_xml_get_int(t.root, "n"));
+    }
+}
+
 TEST(Xml, NestingBeyondTheCapIsRefusedAndLongSiblingListsAreNot)
 {
     quiet_stdout quiet;
