@@ -364,12 +364,22 @@ static void upnp_sleep_while_running(int32_t ms)
         usleep(50 * 1000);
 }
 
-static void upnp_mediaserver_scheduler(void*)
+// The server records change under server_lock, and a stop may be under way
+// already when the scheduler first runs.
+static void upnp_server_start_msearch_all()
 {
-    upnp_thread_set_name("upnp_mediaserver_scheduler");
+    std::lock_guard<std::recursive_mutex> hold(server_lock);
+    if (upnp_stop_requested)
+        return;
     for (int32_t i = 0; i < upnp_nic_count; i++)
         if (ssdp_servers[i].msearch_socket >= 0)
             ssdp_thread_spawn(upnp_server_startMSearch, &ssdp_servers[i], 0);
+}
+
+static void upnp_mediaserver_scheduler(void*)
+{
+    upnp_thread_set_name("upnp_mediaserver_scheduler");
+    upnp_server_start_msearch_all();
     while (upnp_is_running()) {
         upnp_sleep_while_running(1000);
         int64_t now = upnp_now();
