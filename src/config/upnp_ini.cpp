@@ -1,6 +1,7 @@
-// upnp_ini.cpp: the option store. Owns the fixed table of named options
-// (each value a heap text owned by its row, lists split once at set time),
-// the paths of the program and of the ini file, and the ini file itself.
+// upnp_ini.cpp: the option store. Owns the fixed table of named options,
+// one value slot per row (each value an immutable heap block holding the
+// text and, for lists, its items split once at set time), the paths of the
+// program and of the ini file, and the ini file itself.
 //
 // Order of work at start (upnp_ini_file_read_cmdline): built-in defaults,
 // navigation presets, the ini file (or the shipped default ini), the system
@@ -9,9 +10,23 @@
 // mark and CRLF lines, through a temporary file renamed over the old one,
 // so a crash leaves the old file or the new one, never none.
 //
-// No lock: options are set at start, by the control API, the RPC and the
-// client check, and read by every thread. A value returned by
-// upnp_ini_get_string lives until the next set of that option.
+// Options are set at start, by the control API, the RPC, the web pages and
+// the client check, and read by every thread without a lock. So a value,
+// once published, never changes and is never freed while the store runs:
+// a set builds the new block, publishes it into the row's slot (release;
+// readers load with acquire) and puts the old block on a retired list that
+// upnp_ini_release frees at stop, when no reader is left. The memory held
+// thus grows with the number of sets, never with reads; that is bounded in
+// practice, as sets come from the start, from people changing settings and
+// from newly seen clients, and most of them rewrite the whole ini file
+// besides. Integers and flags are parsed from the same immutable text, so
+// they are never torn either.
+//
+// Writers take ini_write_lock (recursive: a set of "language" or
+// "autotree" rebuilds the navigation options, which sets others) for the
+// whole set, including what follows it, so the language tables and the
+// navigation options change in the order of the sets. Whole ini writes
+// take ini_file_lock, so the last write renders after every earlier one.
 #include "config/upnp_ini.h"
 #include "config/upnp_nav.h"
 #include "runtime/upnp_file.h"
@@ -25,6 +40,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <strings.h>
 
 namespace {
@@ -34,9 +50,17 @@ struct ini_option {
     const char* name;
     int32_t is_list;
     int32_t restart;        // a change through the control API needs a restart
-    char* value;            // heap, null when unset
-    int32_t item_count;
-    char** items;           // items[0] is the one copy the others point into
+};
+
+// One malloc block: this head, the item pointers, the text, and for lists
+// a second copy of the text cut at the commas, which the items point into.
+// Nothing in it changes after it is published, except retired_next, which
+// only writers touch once the block is off its slot.
+struct ini_value {
+    ini_value* retired_next;   // ini_write_lock
+    const char* text;
+    int32_t item_count;        // 0 and no items for options that are no list
+    char** items;
 };
 
 constexpr size_t INI_PATH_SIZE = 1024;
@@ -46,94 +70,100 @@ constexpr size_t INI_CONTENTDIR_MAX = 1023;
 }  // namespace
 
 // In the order of the ini file; numbers are stable and not row indices.
-static ini_option ini_table[] = {
-    {0, "accessuser", 0, 0, nullptr, 0, nullptr},
-    {1, "accesspwd", 0, 0, nullptr, 0, nullptr},
-    {2, "adaptcase", 0, 1, nullptr, 0, nullptr},
-    {3, "autotree", 0, 1, nullptr, 0, nullptr},
-    {4, "allname", 1, 1, nullptr, 0, nullptr},
-    {5, "playlistnumentries", 0, 1, nullptr, 0, nullptr},
-    {6, "cachedir", 0, 0, nullptr, 0, nullptr},
-    {7, "cachemaxsize", 0, 1, nullptr, 0, nullptr},
-    {8, "clients", 1, 0, nullptr, 0, nullptr},
-    {9, "clientautoenable", 0, 0, nullptr, 0, nullptr},
-    {10, "compilationsdir", 1, 1, nullptr, 0, nullptr},
-    {12, "contentdir", 1, 0, nullptr, 0, nullptr},
-    {13, "dbdir", 0, 1, nullptr, 0, nullptr},
-    {14, "enableweb", 0, 0, nullptr, 0, nullptr},
-    {15, "folderprefix", 0, 1, nullptr, 0, nullptr},
-    {18, "friendlyname", 0, 1, nullptr, 0, nullptr},
-    {19, "httpport", 0, 1, nullptr, 0, nullptr},
-    {20, "ignoredir", 1, 1, nullptr, 0, nullptr},
-    {21, "ip", 0, 1, nullptr, 0, nullptr},
-    {22, "language", 0, 1, nullptr, 0, nullptr},
-    {24, "musicnode1", 1, 1, nullptr, 0, nullptr},
-    {26, "musicnode2", 1, 1, nullptr, 0, nullptr},
-    {27, "musicnode3", 1, 1, nullptr, 0, nullptr},
-    {28, "musicnode4", 1, 1, nullptr, 0, nullptr},
-    {29, "musicnode5", 1, 1, nullptr, 0, nullptr},
-    {30, "musicnode6", 1, 1, nullptr, 0, nullptr},
-    {31, "musicnode7", 1, 1, nullptr, 0, nullptr},
-    {32, "musicnode8", 1, 1, nullptr, 0, nullptr},
-    {33, "musicnode9", 1, 1, nullptr, 0, nullptr},
-    {25, "musicnode10", 1, 1, nullptr, 0, nullptr},
-    {34, "alltracks", 0, 1, nullptr, 0, nullptr},
-    {35, "playlistlastplayed", 0, 0, nullptr, 0, nullptr},
-    {36, "playlistmostplayed", 0, 1, nullptr, 0, nullptr},
-    {37, "playlists", 0, 1, nullptr, 0, nullptr},
-    {38, "rootmusic", 0, 1, nullptr, 0, nullptr},
-    {39, "newobjectdir", 0, 1, nullptr, 0, nullptr},
-    {40, "nicrestart", 0, 0, nullptr, 0, nullptr},
-    {41, "norescale", 0, 0, nullptr, 0, nullptr},
-    {42, "nosearch", 0, 0, nullptr, 0, nullptr},
-    {43, "picturenode1", 1, 1, nullptr, 0, nullptr},
-    {44, "picturenode2", 1, 1, nullptr, 0, nullptr},
-    {45, "picturenode3", 1, 1, nullptr, 0, nullptr},
-    {46, "picturenode4", 1, 1, nullptr, 0, nullptr},
-    {47, "picturenode5", 1, 1, nullptr, 0, nullptr},
-    {48, "allpictures", 0, 1, nullptr, 0, nullptr},
-    {49, "rootpicture", 0, 1, nullptr, 0, nullptr},
-    {50, "tagspicture", 0, 1, nullptr, 0, nullptr},
-    {51, "platform", 0, 0, nullptr, 0, nullptr},
-    {52, "randomizeplaylists", 0, 1, nullptr, 0, nullptr},
-    {53, "scantime", 0, 1, nullptr, 0, nullptr},
-    {54, "startupmb", 0, 1, nullptr, 0, nullptr},
-    {55, "streambuffer", 0, 0, nullptr, 0, nullptr},
-    {56, "upnptimeout", 0, 1, nullptr, 0, nullptr},
-    {57, "username", 0, 0, nullptr, 0, nullptr},
-    {58, "userpwd", 0, 0, nullptr, 0, nullptr},
-    {59, "userkey", 0, 0, nullptr, 0, nullptr},
-    {60, "videonode1", 1, 1, nullptr, 0, nullptr},
-    {61, "videonode2", 1, 1, nullptr, 0, nullptr},
-    {62, "videonode3", 1, 1, nullptr, 0, nullptr},
-    {63, "videonode4", 1, 1, nullptr, 0, nullptr},
-    {64, "videonode5", 1, 1, nullptr, 0, nullptr},
-    {65, "allvideos", 0, 1, nullptr, 0, nullptr},
-    {66, "rootvideo", 0, 1, nullptr, 0, nullptr},
-    {67, "networkinterface", 0, 0, nullptr, 0, nullptr},
-    {68, "nicchecktime", 0, 1, nullptr, 0, nullptr},
-    {69, "v", 1, 0, nullptr, 0, nullptr},
-    {70, "logfile", 0, 0, nullptr, 0, nullptr},
-    {71, "logsource", 0, 0, nullptr, 0, nullptr},
-    {72, "loglevel", 0, 0, nullptr, 0, nullptr},
-    {73, "alldocument", 0, 1, nullptr, 0, nullptr},
-    {UPNP_OPT_END, "", 0, 0, nullptr, 0, nullptr},
+static constexpr ini_option ini_table[] = {
+    {0, "accessuser", 0, 0},
+    {1, "accesspwd", 0, 0},
+    {2, "adaptcase", 0, 1},
+    {3, "autotree", 0, 1},
+    {4, "allname", 1, 1},
+    {5, "playlistnumentries", 0, 1},
+    {6, "cachedir", 0, 0},
+    {7, "cachemaxsize", 0, 1},
+    {8, "clients", 1, 0},
+    {9, "clientautoenable", 0, 0},
+    {10, "compilationsdir", 1, 1},
+    {12, "contentdir", 1, 0},
+    {13, "dbdir", 0, 1},
+    {14, "enableweb", 0, 0},
+    {15, "folderprefix", 0, 1},
+    {18, "friendlyname", 0, 1},
+    {19, "httpport", 0, 1},
+    {20, "ignoredir", 1, 1},
+    {21, "ip", 0, 1},
+    {22, "language", 0, 1},
+    {24, "musicnode1", 1, 1},
+    {26, "musicnode2", 1, 1},
+    {27, "musicnode3", 1, 1},
+    {28, "musicnode4", 1, 1},
+    {29, "musicnode5", 1, 1},
+    {30, "musicnode6", 1, 1},
+    {31, "musicnode7", 1, 1},
+    {32, "musicnode8", 1, 1},
+    {33, "musicnode9", 1, 1},
+    {25, "musicnode10", 1, 1},
+    {34, "alltracks", 0, 1},
+    {35, "playlistlastplayed", 0, 0},
+    {36, "playlistmostplayed", 0, 1},
+    {37, "playlists", 0, 1},
+    {38, "rootmusic", 0, 1},
+    {39, "newobjectdir", 0, 1},
+    {40, "nicrestart", 0, 0},
+    {41, "norescale", 0, 0},
+    {42, "nosearch", 0, 0},
+    {43, "picturenode1", 1, 1},
+    {44, "picturenode2", 1, 1},
+    {45, "picturenode3", 1, 1},
+    {46, "picturenode4", 1, 1},
+    {47, "picturenode5", 1, 1},
+    {48, "allpictures", 0, 1},
+    {49, "rootpicture", 0, 1},
+    {50, "tagspicture", 0, 1},
+    {51, "platform", 0, 0},
+    {52, "randomizeplaylists", 0, 1},
+    {53, "scantime", 0, 1},
+    {54, "startupmb", 0, 1},
+    {55, "streambuffer", 0, 0},
+    {56, "upnptimeout", 0, 1},
+    {57, "username", 0, 0},
+    {58, "userpwd", 0, 0},
+    {59, "userkey", 0, 0},
+    {60, "videonode1", 1, 1},
+    {61, "videonode2", 1, 1},
+    {62, "videonode3", 1, 1},
+    {63, "videonode4", 1, 1},
+    {64, "videonode5", 1, 1},
+    {65, "allvideos", 0, 1},
+    {66, "rootvideo", 0, 1},
+    {67, "networkinterface", 0, 0},
+    {68, "nicchecktime", 0, 1},
+    {69, "v", 1, 0},
+    {70, "logfile", 0, 0},
+    {71, "logsource", 0, 0},
+    {72, "loglevel", 0, 0},
+    {73, "alldocument", 0, 1},
+    {UPNP_OPT_END, "", 0, 0},
 };
 static constexpr size_t INI_ROWS = sizeof ini_table / sizeof ini_table[0] - 1;
+
+// By row index; null when unset. Written under ini_write_lock, read anywhere.
+static std::atomic<const ini_value*> ini_values[INI_ROWS];
+static ini_value* ini_retired;                   // ini_write_lock; freed at release
+static std::recursive_mutex ini_write_lock;
+static std::mutex ini_file_lock;                 // one whole write of the ini at a time
 
 // Written at start only, before any thread reads them.
 static char ini_argv0[INI_PATH_SIZE];
 static char ini_program_dir[INI_PATH_SIZE];
 static char ini_path[INI_PATH_SIZE];
 
-static int32_t ini_utf16 = 1;                    // encoding of the next write
+static int32_t ini_utf16 = 1;                    // encoding of the next write; set at start
 static std::atomic<int32_t> ini_restored;        // the default ini was copied in: stop writing
 static std::atomic<int32_t> restart_needed;
 static std::atomic<upnp_ini_folders_changed_fn> ini_folders_hook;
 
 // ---- Reading ----------------------------------------------------------
 
-static ini_option* ini_row(int32_t id)
+static const ini_option* ini_row(int32_t id)
 {
     for (size_t i = 0; i < INI_ROWS; i++)
         if (ini_table[i].id == id)
@@ -141,10 +171,21 @@ static ini_option* ini_row(int32_t id)
     return nullptr;
 }
 
-const char* upnp_ini_get_string(int32_t id)
+static std::atomic<const ini_value*>& ini_slot(const ini_option* row)
+{
+    return ini_values[row - ini_table];
+}
+
+static const ini_value* ini_value_of(int32_t id)
 {
     const ini_option* row = ini_row(id);
-    return row ? row->value : nullptr;
+    return row ? ini_slot(row).load(std::memory_order_acquire) : nullptr;
+}
+
+const char* upnp_ini_get_string(int32_t id)
+{
+    const ini_value* v = ini_value_of(id);
+    return v ? v->text : nullptr;
 }
 
 // atoi's reading, as ini files have always been read ("12abc" is 12), but
@@ -164,18 +205,21 @@ int32_t upnp_ini_get_bool(int32_t id)
     return upnp_ini_get_int(id) != 0;
 }
 
+// Count and items come from one block, so an index is checked against the
+// list it reads. A loop over the count that meets a set on the way may mix
+// two lists, but every item it gets stays readable until stop.
 const char* upnp_ini_get_item(int32_t id, int32_t index)
 {
-    const ini_option* row = ini_row(id);
-    if (!row || !row->items || index < 0 || index >= row->item_count)
+    const ini_value* v = ini_value_of(id);
+    if (!v || index < 0 || index >= v->item_count)
         return nullptr;
-    return row->items[index];
+    return v->items[index];
 }
 
 int32_t upnp_ini_get_item_count(int32_t id)
 {
-    const ini_option* row = ini_row(id);
-    return row ? row->item_count : 0;
+    const ini_value* v = ini_value_of(id);
+    return v ? v->item_count : 0;
 }
 
 const char* upnp_ini_get_name(int32_t id)
@@ -298,31 +342,10 @@ static int ini_stored_form(int32_t id, const char* value, char** out)
     return 1;
 }
 
-static void ini_clear(ini_option* row)
-{
-    free(row->value);
-    row->value = nullptr;
-    if (row->items)
-        free(row->items[0]);
-    free(row->items);
-    row->items = nullptr;
-    row->item_count = 0;
-}
-
-// items[0] is one copy of the value cut at the commas; blanks after a
+// items[0] is the copy of the text cut at the commas; blanks after a
 // comma are skipped.
-static void ini_split(ini_option* row)
+static void ini_split(ini_value* v, char** items, char* copy)
 {
-    size_t commas = 0;
-    for (const char* p = row->value; *p; p++)
-        commas += *p == ',';
-    char** items = static_cast<char**>(calloc(commas + 1, sizeof(char*)));
-    char* copy = strdup(row->value);
-    if (!items || !copy) {
-        free(items);
-        free(copy);
-        return;
-    }
     int32_t count = 0;
     items[count++] = copy;
     for (char* p = copy; *p; p++) {
@@ -335,16 +358,70 @@ static void ini_split(ini_option* row)
         items[count++] = next;
         p = next - 1;
     }
-    row->items = items;
-    row->item_count = count;
+    v->items = items;
+    v->item_count = count;
+}
+
+// The block of a stored text; null when memory ran out.
+static ini_value* ini_value_make(const char* text, int32_t is_list)
+{
+    size_t length = strlen(text);
+    size_t slots = 0;
+    if (is_list) {
+        slots = 1;
+        for (const char* p = text; *p; p++)
+            slots += *p == ',';
+    }
+    size_t copies = is_list ? 2 : 1;
+    char* block = static_cast<char*>(malloc(sizeof(ini_value) + slots * sizeof(char*) + copies * (length + 1)));
+    if (!block)
+        return nullptr;
+    ini_value* v = reinterpret_cast<ini_value*>(block);
+    char** items = reinterpret_cast<char**>(block + sizeof(ini_value));
+    char* own = reinterpret_cast<char*>(items + slots);
+    memcpy(own, text, length + 1);
+    *v = ini_value{nullptr, own, 0, nullptr};
+    if (is_list) {
+        char* copy = own + length + 1;
+        memcpy(copy, text, length + 1);
+        ini_split(v, items, copy);
+    }
+    return v;
+}
+
+// A reader may still hold the old block or an item of it.
+static void ini_retire(const ini_value* old)
+{
+    if (!old)
+        return;
+    ini_value* v = const_cast<ini_value*>(old);
+    v->retired_next = ini_retired;
+    ini_retired = v;
+}
+
+// Both with ini_write_lock held.
+static void ini_unset_all()
+{
+    for (std::atomic<const ini_value*>& slot : ini_values)
+        ini_retire(slot.exchange(nullptr, std::memory_order_acq_rel));
+}
+
+// Only at stop, when no thread reads options any more.
+static void ini_free_all()
+{
+    ini_unset_all();
+    while (ini_value* v = ini_retired) {
+        ini_retired = v->retired_next;
+        free(v);
+    }
 }
 
 // Checks that leave the old value in place.
-static int ini_set_refused(const ini_option* row, const char* value)
+static int ini_set_refused(const ini_option* row, const ini_value* old, const char* value)
 {
     if (row->id == UPNP_OPT_ENABLEWEB && (!value || !*value))
         return 1;
-    if (row->value && value && strcmp(row->value, value) == 0)
+    if (old && value && strcmp(old->text, value) == 0)
         return 1;
     if (ini_is_node(row->id) && value && *value && !ini_node_is_valid(value))
         return 1;
@@ -374,22 +451,26 @@ static void ini_after_set(int32_t id, const char* value)
 
 int32_t upnp_ini_set(int32_t id, const char* value)
 {
-    ini_option* row = ini_row(id);
-    if (!row || ini_set_refused(row, value))
+    const ini_option* row = ini_row(id);
+    if (!row)
+        return 0;
+    std::lock_guard<std::recursive_mutex> hold(ini_write_lock);
+    std::atomic<const ini_value*>& slot = ini_slot(row);
+    const ini_value* old = slot.load(std::memory_order_relaxed);   // only writers store, under the lock
+    if (ini_set_refused(row, old, value))
         return 0;
     int empty = !value || !*value;
     char* stored = nullptr;
     if (!empty && !ini_stored_form(id, value, &stored))
         return 0;
-    // Clearing with "" unsets too, but only null counts as a change.
-    int32_t changed = row->value && !value;
-    ini_clear(row);    // value may point into the old items: not read after this
-    if (empty || !stored)
-        return changed;
-    row->value = stored;
-    if (row->is_list)
-        ini_split(row);
-    ini_after_set(id, row->value);
+    const ini_value* fresh = stored ? ini_value_make(stored, row->is_list) : nullptr;
+    free(stored);
+    slot.store(fresh, std::memory_order_release);
+    // value may point into the old block, which is why it only retires.
+    ini_retire(old);
+    if (!fresh)
+        return old && !value;    // clearing with "" unsets too, but only null counts as a change
+    ini_after_set(id, fresh->text);
     return 1;
 }
 
@@ -563,7 +644,8 @@ static upnp_string* ini_render()
         free(comment);
         put(ini_table[i].name);
         put("=");
-        put(ini_table[i].value ? ini_table[i].value : "");
+        const ini_value* v = ini_values[i].load(std::memory_order_acquire);
+        put(v ? v->text : "");
         put("\r\n\r\n");
     }
     if (s && size_t(s->length) == expected)
@@ -602,6 +684,7 @@ static uint8_t* ini_encode(const upnp_string* s, size_t* size)
 
 void upnp_ini_file_write()
 {
+    std::lock_guard<std::mutex> hold(ini_file_lock);
     upnp_string* text = ini_render();
     size_t size = 0;
     uint8_t* bytes = text ? ini_encode(text, &size) : nullptr;
@@ -623,6 +706,7 @@ void upnp_ini_file_restore_default()
     size_t size = 0;
     if (n < 0 || size_t(n) >= sizeof path || !upnp_file_read_all(path, INI_FILE_MAX, &data, &size))
         return;
+    std::lock_guard<std::mutex> hold(ini_file_lock);
     if (!ini_path[0] || upnp_file_replace(ini_path, data, size) != 0)
         upnp_log(UPNP_LOG_ERROR, UPNP_LOG_SYSTEM, "\nini file \"%s\" not writable! ***\n\n", ini_path);
     free(data);
@@ -633,8 +717,8 @@ void upnp_ini_release()
 {
     if (!ini_restored)
         upnp_ini_file_write();
-    for (size_t i = 0; i < INI_ROWS; i++)
-        ini_clear(&ini_table[i]);
+    std::lock_guard<std::recursive_mutex> hold(ini_write_lock);
+    ini_free_all();
     upnp_lang_release();
 }
 
@@ -813,11 +897,13 @@ void upnp_ini_file_read_cmdline(int32_t count, char** arguments)
 {
     // After upnp_ini_release the table is empty already; a start without
     // one must not inherit values the files no longer hold either.
-    for (size_t i = 0; i < INI_ROWS; i++)
-        ini_clear(&ini_table[i]);
+    {
+        std::lock_guard<std::recursive_mutex> hold(ini_write_lock);
+        ini_unset_all();
+        upnp_lang_forget_code();
+    }
     if (!arguments)
         count = 0;
-    upnp_lang_forget_code();
     ini_take_argv0(count, arguments);
     upnp_set_program_dir(ini_program_dir);
     ini_choose_path(count, arguments);

@@ -5,8 +5,10 @@
 // control API and at stop. The language string tables live here too,
 // because the ini comments and the navigation names come from them.
 //
-// No lock: options change rarely, and the value returned by
-// upnp_ini_get_string dies at the next set of that option.
+// Any thread may read options without a lock while others set them: a text
+// or list item returned by the readers never changes and stays readable
+// until upnp_ini_release, whatever sets follow. Sets are serialized among
+// themselves. The language tables follow the same rules.
 #pragma once
 #include <cstddef>
 #include <cstdint>

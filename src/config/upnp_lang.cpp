@@ -4,19 +4,32 @@
 // searches the local table, then the English one, then gives the key back,
 // so a missing file or line never leaves a caller without text.
 //
-// No lock, like the options: the tables change only when "language" is set,
-// which happens at start and through the control API.
+// Readers take no lock, like the options: any thread may look a text up
+// while "language" is set through the control API or the RPC. A select
+// loads the new table before it publishes it (release; readers load with
+// acquire), and the table it replaces goes on a retired list that
+// upnp_lang_release frees at stop, so a lookup never searches freed text.
+// Selects, forgets and the release come only from the option store, under
+// its write lock, which is the lock of everything here that only writers
+// touch.
 #include "config/upnp_ini.h"
 #include "runtime/upnp_log.h"
 #include "runtime/upnp_string.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-static char* lang_code;         // code of the tables below; null before the first select
-static char* strings_local;     // null for "en" and when the file is missing
-static char* strings_en;        // loaded once, at the first select of "en"
+struct lang_retired {
+    char* table;
+    lang_retired* next;
+};
+
+static char* lang_code;                     // writers; code of the tables below, null before the first select
+static std::atomic<char*> strings_local;    // null for "en" and when the file is missing
+static std::atomic<char*> strings_en;       // loaded once, at the first select of "en"
+static lang_retired* lang_retired_list;     // writers; freed at release
 
 static constexpr size_t LANG_TEXT_MAX = 1023;
 static constexpr size_t LANG_CODE_MAX = 15;
@@ -98,6 +111,19 @@ static char* lang_load(const char* code)
     return text;
 }
 
+// Without memory for the note the table stays allocated for good: a leak
+// of one table is better than a reader searching freed text.
+static void lang_retire(char* table)
+{
+    if (!table)
+        return;
+    lang_retired* note = static_cast<lang_retired*>(malloc(sizeof(lang_retired)));
+    if (!note)
+        return;
+    *note = lang_retired{table, lang_retired_list};
+    lang_retired_list = note;
+}
+
 int32_t upnp_lang_select(const char* code)
 {
     if (!code || (lang_code && strcmp(lang_code, code) == 0))
@@ -107,12 +133,11 @@ int32_t upnp_lang_select(const char* code)
         return 0;
     free(lang_code);
     lang_code = copy;
-    free(strings_local);
-    strings_local = nullptr;
-    if (strcmp(code, "en") != 0)
-        strings_local = lang_load(code);
-    else if (!strings_en)
-        strings_en = lang_load("en");
+    int english = strcmp(code, "en") == 0;
+    char* local = english ? nullptr : lang_load(code);
+    lang_retire(strings_local.exchange(local, std::memory_order_acq_rel));
+    if (english && !strings_en.load(std::memory_order_relaxed))
+        strings_en.store(lang_load("en"), std::memory_order_release);
     return 1;
 }
 
@@ -122,23 +147,27 @@ void upnp_lang_forget_code()
     lang_code = nullptr;
 }
 
+// At stop, when no thread looks texts up any more.
 void upnp_lang_release()
 {
     upnp_lang_forget_code();
-    free(strings_local);
-    free(strings_en);
-    strings_local = nullptr;
-    strings_en = nullptr;
+    free(strings_local.exchange(nullptr, std::memory_order_acq_rel));
+    free(strings_en.exchange(nullptr, std::memory_order_acq_rel));
+    while (lang_retired* note = lang_retired_list) {
+        lang_retired_list = note->next;
+        free(note->table);
+        free(note);
+    }
 }
 
 const char* upnp_lang_get_local()
 {
-    return strings_local;
+    return strings_local.load(std::memory_order_acquire);
 }
 
 const char* upnp_lang_get_en()
 {
-    return strings_en;
+    return strings_en.load(std::memory_order_acquire);
 }
 
 // The text behind "|key" and the mark, up to the first control character.
@@ -152,9 +181,11 @@ static char* lang_find(const char* key, char mark)
     memcpy(needle + 1, key, n);
     needle[n + 1] = mark;
     needle[n + 2] = 0;
-    const char* hit = strings_local ? strstr(strings_local, needle) : nullptr;
-    if (!hit && strings_en)
-        hit = strstr(strings_en, needle);
+    const char* local = upnp_lang_get_local();
+    const char* en = upnp_lang_get_en();
+    const char* hit = local ? strstr(local, needle) : nullptr;
+    if (!hit && en)
+        hit = strstr(en, needle);
     free(needle);
     if (!hit)
         return nullptr;

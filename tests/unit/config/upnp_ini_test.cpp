@@ -6,9 +6,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <map>
 #include <string>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -439,6 +442,40 @@ TEST_F(IniStart, OnlyALaterStartEmptiesTheDatabaseFolderOfPlainFiles)
     struct stat st;
     EXPECT_EQ(0, lstat((db + "/link").c_str(), &st));
     EXPECT_TRUE(S_ISLNK(st.st_mode));
+}
+
+// Each reader sees only whole values that were set, never a freed one (the
+// sanitizer builds catch the latter), while one thread keeps setting.
+TEST_F(IniStart, ReadersOnOtherThreadsSeeOnlyWholeValuesWhileOneThreadSets)
+{
+    start();
+    const std::string long_first(300, 'x'), long_name = long_first + ",y";
+    const char* values[] = {"Compilations,Sampler", long_name.c_str(), "a,b,c"};
+    const char* firsts[] = {"Compilations", long_first.c_str(), "a"};
+    ASSERT_EQ(1, upnp_ini_set(UPNP_OPT_COMPILATIONSDIR, values[2]));
+    auto known = [](const char* const* texts, const char* seen) {
+        for (int i = 0; i < 3; i++)
+            if (seen && strcmp(texts[i], seen) == 0)
+                return true;
+        return false;
+    };
+    std::vector<int> strange(4, 0);
+    std::vector<std::thread> readers;
+    for (int r = 0; r < 4; r++)
+        readers.emplace_back([&, r] {
+            for (int n = 0; n < 100000; n++) {
+                strange[r] += !known(values, upnp_ini_get_string(UPNP_OPT_COMPILATIONSDIR));
+                strange[r] += !known(firsts, upnp_ini_get_item(UPNP_OPT_COMPILATIONSDIR, 0));
+            }
+        });
+    int refused = 0;
+    for (int n = 0; n < 100000; n++)
+        refused += upnp_ini_set(UPNP_OPT_COMPILATIONSDIR, values[n % 3]) != 1;
+    for (std::thread& t : readers)
+        t.join();
+    EXPECT_EQ(0, refused);
+    EXPECT_EQ(std::vector<int>(4, 0), strange);
+    EXPECT_STREQ(values[99999 % 3], upnp_ini_get_string(UPNP_OPT_COMPILATIONSDIR));
 }
 
 }  // namespace
