@@ -339,32 +339,6 @@ TEST_F(DbFileDamage, FileCutAnywhereLoadsTheRecordsBeforeTheCut)
     }
 }
 
-TEST_F(DbFileDamage, ArbitraryBytesOpenLoadAndTakeWrites)
-{
-    uint32_t seed = 12345;
-    for (int round = 0; round < 60; round++) {
-        SCOPED_TRACE(round);
-        db_image image;
-        size_t size = 512 + (round * 997) % 9000;
-        image.bytes.resize(size);
-        for (size_t i = round % 2 ? 16 : 9; i < size; i++) {
-            seed = seed * 1103515245 + 12345;
-            uint8_t b = uint8_t(seed >> 16);
-            // Mostly small numbers and kind letters, so that chains form.
-            image.bytes[i] = char(b < 128 ? b % 24 : b < 192 ? "scxd"[b % 4] : b);
-        }
-        ASSERT_TRUE(db_file_open_memory(image.bytes.data(), image.bytes.size()));
-        db_records();
-        uint32_t block = db_store(db_text(700, 1));
-        ASSERT_NE(0u, block);
-        EXPECT_EQ(db_text(700, 1), db_read(block));
-        db_file_set_folder_time("A|/x", 5);
-        db_file_get_folder_time("A|/x");
-        db_file_prune_folders();
-        EXPECT_EQ(db_text(700, 1), db_read(block));
-    }
-}
-
 TEST_F(DbFileDir, FileOfAnotherVersionIsDeletedAndMadeAnew)
 {
     db_image image = db_three_records();
