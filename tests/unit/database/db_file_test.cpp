@@ -214,42 +214,6 @@ TEST_F(DbFileMemory, RewriteKeepsTheFirstBlockAndFreesTheRestOrLeavesTheOldRecor
     EXPECT_EQ(3u, db_records().size());
 }
 
-// Stores, rewrites and frees of every length, each read back at once, then
-// all of it, the free list and a folder time again after a reopen.
-TEST_F(DbFileDir, EveryWriteReadsBackAtOnceAndAfterAReopen)
-{
-    ASSERT_TRUE(db_file_open());
-    db_file_set_folder_time("A|/music", 1234567890123);
-    std::map<uint32_t, std::string> expected;
-    for (int i = 0; i < 120; i++) {
-        std::string text = db_text(size_t(2 + (i * 389) % 2500), char(i));
-        if ((text.size() - 1) % 502 == 0)
-            text += "z";            // keep the first piece above one byte
-        uint32_t block = i % 4 == 3 && !expected.empty() ? expected.begin()->first : 0;
-        if (block)
-            ASSERT_TRUE(db_rewrite(block, text));
-        else
-            block = db_store(text);
-        ASSERT_NE(0u, block);
-        expected[block] = text;
-        ASSERT_EQ(text, db_read(block)) << i;
-        if (i % 5 == 4) {
-            auto last = std::prev(expected.end());
-            db_file_free_chain(last->first);
-            ASSERT_EQ("", db_read(last->first));
-            expected.erase(last);
-        }
-    }
-    uint32_t free_head = db_file_free_head();
-    EXPECT_NE(0u, free_head);
-    EXPECT_EQ(expected, db_records());
-    db_file_close();
-    ASSERT_TRUE(db_file_open());
-    EXPECT_EQ(expected, db_records());
-    EXPECT_EQ(1234567890123, db_file_get_folder_time("A|/music"));
-    EXPECT_EQ(free_head, db_file_free_head());
-}
-
 // Three records: block 1 (two blocks, 1-2), block 3 (the victim, 3-4), block 5.
 static db_image db_three_records()
 {

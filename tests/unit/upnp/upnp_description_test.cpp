@@ -84,29 +84,6 @@ std::string field(const std::string& document, const char* element)
     return value;
 }
 
-const char* const defaults[][2] = {
-    {"manufacturer", "Velmora Electronics Co., Ltd."}, {"manufacturerURL", "http://www.velmora.org/"},
-    {"modelName", "VelmoraMobile Server"}, {"modelNumber", "1.0"}, {"modelURL", "http://www.velmora.org/"},
-    {"modelDescription", "VelmoraMobile Server"}, {"serialNumber", ""},
-};
-
-// The shipped description.txt names the defaults, so a renamed key in it
-// shows here too.
-TEST(UpnpDescription, WithoutDescriptionTextOrWithTheShippedOneEveryFieldHasItsDefault)
-{
-    std::string shipped = test_read_file(VELMORA_SOURCE_DIR "/resources/description.txt");
-    ASSERT_FALSE(shipped.empty());
-    ASSERT_LT(shipped.size(), 1024u);
-    std::vector<char> out(8192);
-    EXPECT_LT(0, upnp_description_render(nullptr, 0, "uuid:1", "Den", out.data(), out.size()));
-    for (const std::string& document : {render(""), render(shipped), std::string(out.data())}) {
-        for (const auto& row : defaults) {
-            SCOPED_TRACE(row[0]);
-            EXPECT_EQ(row[1], field(document, row[0]));
-        }
-    }
-}
-
 struct field_case { const char* why; std::string text; const char *element, *value; };
 
 TEST(UpnpDescription, FieldsComeFromTheirKeysInTheDescriptionText)
