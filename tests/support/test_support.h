@@ -23,12 +23,17 @@ bool test_write_file(const std::string& path, const std::string& bytes);
 int test_count_fds();        // entries of /proc/self/fd
 int test_count_threads(pid_t pid = 0);   // entries of /proc/<pid or self>/task; -1 without one
 
-// Polls every 10 ms until done() holds or timeout_ms pass; done()'s last answer.
+// Polls every 10 ms until done() holds or timeout_ms pass; done()'s last
+// answer. done() runs once per round, so it may take what it finds.
 template <typename F> bool test_eventually(F done, int timeout_ms = 5000)
 {
-    for (int waited = 0; !done() && waited < timeout_ms; waited += 10)
+    for (int waited = 0;; waited += 10) {
+        if (done())
+            return true;
+        if (waited >= timeout_ms)
+            return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    return done();
+    }
 }
 
 // The value of header "name: " in a message head; missing when it has none.
