@@ -61,14 +61,6 @@ int32_t count_event(int32_t code, const char* text)
     return 0;
 }
 
-// Polls every 10 ms until done() holds or timeout_ms pass.
-template <typename F> bool wait_until(F done, int timeout_ms)
-{
-    for (int waited = 0; !done() && waited < timeout_ms; waited += 10)
-        usleep(10 * 1000);
-    return done();
-}
-
 TEST_F(Dapi, InitServesOnThePinnedAddressUntilTerminateAndRestartReusesTheLastArguments)
 {
     EXPECT_EQ(0, dapi_dms_status());
@@ -239,9 +231,9 @@ TEST_F(Dapi, EventsPassOnlyTheOpenGateAndANicChangeRestartsEvenWithTheWatchOff)
     events_seen = 0;
     dapi_dms_register_callback(count_event);
     EXPECT_EQ(1, dapi_dms_nicchange());
-    EXPECT_TRUE(wait_until([] { return events_seen >= 1; }, 5000));
+    EXPECT_TRUE(test_eventually([] { return events_seen >= 1; }, 5000));
     EXPECT_EQ("6:(null)", last_event_text);
-    EXPECT_TRUE(wait_until([] { return dapi_dms_status() == 1; }, 5000));
+    EXPECT_TRUE(test_eventually([] { return dapi_dms_status() == 1; }, 5000));
     EXPECT_TRUE(test_can_connect("127.0.0.1", work_port));
     dapi_dms_register_callback(nullptr);
 }
@@ -278,33 +270,13 @@ TEST_F(Dapi, TheWatchMakesANonPositiveCheckTimeFiveAndComparesOnlyThePinnedAddre
     usleep(1500 * 1000);
     EXPECT_EQ(0, upnp_ini_get_int(UPNP_OPT_NICCHECKTIME));
     upnp_ini_set(UPNP_OPT_NICRESTART, "1");
-    EXPECT_TRUE(wait_until([] { return upnp_ini_get_int(UPNP_OPT_NICCHECKTIME) == 5; }, 3000));
+    EXPECT_TRUE(test_eventually([] { return upnp_ini_get_int(UPNP_OPT_NICCHECKTIME) == 5; }, 3000));
     upnp_ini_set(UPNP_OPT_NICCHECKTIME, "1");
     events_seen = 0;
     dapi_dms_register_callback(count_event);
-    EXPECT_FALSE(wait_until([] { return events_seen > 0; }, 2500));
+    EXPECT_FALSE(test_eventually([] { return events_seen > 0; }, 2500));
     dapi_dms_register_callback(nullptr);
     upnp_ini_set(UPNP_OPT_NICRESTART, "0");
-}
-
-// About 75 s: each stop waits about 0.7 s in the library for its threads
-// and peers to settle.
-TEST_F(Dapi, ManyStartsAndStopsLeaveNoThreadSocketOrChildBehind)
-{
-    // The first cycle opens what lives for the process (log stream, caches).
-    ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0));
-    ASSERT_EQ(1, dapi_dms_terminate());
-    int fds = test_count_fds();
-    int threads = test_count_threads();
-    int32_t sockets = upnp_socket_open_count();
-    for (int i = 0; i < 100; i++) {
-        ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0)) << "cycle " << i;
-        ASSERT_EQ(1, dapi_dms_terminate()) << "cycle " << i;
-    }
-    EXPECT_EQ(fds, test_count_fds());
-    EXPECT_EQ(threads, test_count_threads());
-    EXPECT_EQ(sockets, upnp_socket_open_count());
-    EXPECT_EQ(0, upnp_process_count());
 }
 
 }  // namespace

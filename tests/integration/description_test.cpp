@@ -36,15 +36,6 @@ reply fetch(int port, const std::string& url)
     return r;
 }
 
-std::string header(const reply& r, const std::string& name)
-{
-    size_t at = r.head.find("\r\n" + name + ":");
-    if (at == std::string::npos)
-        return "<none>";
-    at += name.size() + 3;
-    return r.head.substr(at, r.head.find("\r\n", at) - at);
-}
-
 std::string hostname()
 {
     char name[257] = "";
@@ -57,14 +48,9 @@ std::string xmllint_complaints(const test_dir& dir, const std::string& text)
 {
     std::string file = dir.file("document.xml");
     test_write_file(file, text);
-    FILE* p = popen(("/usr/bin/xmllint --noout " + file + " 2>&1").c_str(), "r");
-    if (!p)
-        return "xmllint did not start";
-    std::string said;
-    char line[512];
-    while (fgets(line, sizeof line, p))
-        said += line;
-    return pclose(p) == 0 ? "" : said.empty() ? "xmllint failed" : said;
+    int status = 0;
+    std::string said = test_output("/usr/bin/xmllint --noout " + file, &status);
+    return status == 0 ? "" : said.empty() ? "xmllint failed" : said;
 }
 
 uint32_t be16(const std::string& b, size_t at) { return uint32_t(uint8_t(b[at])) << 8 | uint8_t(b[at + 1]); }
@@ -120,8 +106,8 @@ TEST_F(Description, EveryDocumentIsWellFormedAndTheDescriptionNamesTheProgramAsI
         SCOPED_TRACE(url);
         reply r = fetch(port, url);
         ASSERT_EQ(200, r.status) << r.head;
-        EXPECT_EQ("  text/xml; charset=\"utf-8\"", header(r, "Content-Type"));
-        EXPECT_EQ(" " + std::to_string(r.body.size()), header(r, "Content-Length"));
+        EXPECT_EQ(" text/xml; charset=\"utf-8\"", test_header(r.head, "Content-Type"));
+        EXPECT_EQ(std::to_string(r.body.size()), test_header(r.head, "Content-Length"));
         ASSERT_FALSE(r.body.empty());
         EXPECT_EQ("", xmllint_complaints(scratch, r.body));
     }
@@ -143,7 +129,7 @@ TEST_F(Description, TheIconsAreServedAsTheyLieInTheResourcesAndNothingElseUnderI
         SCOPED_TRACE(c.name);
         reply r = fetch(port, std::string("/images/") + c.name);
         ASSERT_EQ(200, r.status) << r.head;
-        EXPECT_EQ(std::string(" ") + c.mime, header(r, "Content-Type"));
+        EXPECT_EQ(c.mime, test_header(r.head, "Content-Type"));
         EXPECT_EQ(test_read_file(std::string(VELMORA_SOURCE_DIR "/resources/") + c.name), r.body);
         EXPECT_EQ(uint32_t(c.size), image_side(r.body));
     }
@@ -197,15 +183,10 @@ TEST(DescriptionNetns, GupnpControlPointBuildsTheDeviceAndIntrospectsEveryServic
 
     std::string command = "ip netns exec " + ns.client + " /usr/bin/python3 " VELMORA_SOURCE_DIR
                           "/tests/integration/upnp_inspect.py --interface " + ns.client_link +
-                          " --address 192.0.2.2 --timeout 20 2>&1";
-    FILE* inspector = popen(command.c_str(), "r");
-    ASSERT_NE(nullptr, inspector);
-    std::string output;
-    char buffer[4096];
-    while (fgets(buffer, sizeof buffer, inspector))
-        output += buffer;
-    EXPECT_EQ(0, pclose(inspector)) << output;
-    output = "\n" + output;
+                          " --address 192.0.2.2 --timeout 20";
+    int status = -1;
+    std::string output = "\n" + test_output(command, &status);
+    EXPECT_EQ(0, status) << output;
     EXPECT_NE(std::string::npos, output.find("\ndone\n")) << output;
     for (const char* failure : {"\nfailed", "\nmissing", "\nunrelated"})
         EXPECT_EQ(std::string::npos, output.find(failure)) << output;

@@ -9,7 +9,7 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
+#include <sstream>
 #include <set>
 #include <string>
 
@@ -84,19 +84,14 @@ TEST(Host, RefusesWhatItCannotServeWithOneLine)
 // The library shows the control API and nothing else of ours.
 TEST(Library, ExportsExactlyTheControlApi)
 {
-    FILE* nm = popen((std::string("nm -D --defined-only ") + VELMORA_SHARED_LIBRARY).c_str(), "r");
-    ASSERT_NE(nullptr, nm);
     std::set<std::string> exported, dapi;
-    char line[512];
-    while (fgets(line, sizeof line, nm)) {
-        std::string name = line;
-        name = name.substr(name.rfind(' ') + 1);
-        name.erase(name.find_last_not_of("\r\n") + 1);
+    std::istringstream nm(test_output(std::string("nm -D --defined-only ") + VELMORA_SHARED_LIBRARY));
+    for (std::string line; std::getline(nm, line);) {
+        std::string name = line.substr(line.rfind(' ') + 1);
         exported.insert(name);
         if (name.rfind("dapi_dms_", 0) == 0)
             dapi.insert(name);
     }
-    pclose(nm);
     EXPECT_EQ(26u, dapi.size());
     EXPECT_EQ(dapi, exported);
 }

@@ -12,21 +12,16 @@
 #include "runtime/upnp_run.h"
 #include "runtime/upnp_string.h"
 #include "support/test_net.h"
+#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -82,88 +77,7 @@ int port_in_use;
 
 int connect_from(const char* source, int timeout_ms = 5000)
 {
-    int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{}, to{};
-    a.sin_family = to.sin_family = AF_INET;
-    inet_pton(AF_INET, source, &a.sin_addr);
-    timeval tv{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
-    setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-    to.sin_port = htons(uint16_t(port_in_use));
-    inet_pton(AF_INET, "127.0.0.1", &to.sin_addr);
-    if (s >= 0 && (bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
-                   connect(s, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0)) {
-        close(s);
-        return -1;
-    }
-    return s;
-}
-
-bool send_text(int s, const std::string& text)
-{
-    return send(s, text.data(), text.size(), MSG_NOSIGNAL) == ssize_t(text.size());
-}
-
-// One response: its head and, by its Content-Length, its body; without a
-// length, everything until the peer closes. "" when nothing came within
-// the socket's timeout.
-std::string read_response(int s)
-{
-    std::string got;
-    char c;
-    while (got.size() < 64 * 1024 && got.find("\r\n\r\n") == std::string::npos && recv(s, &c, 1, 0) == 1)
-        got += c;
-    size_t at = got.find("Content-Length: ");
-    size_t length = at == std::string::npos ? 1024 * 1024 : std::stoul(got.substr(at + 16));
-    char buffer[4096];
-    for (size_t have = 0; have < length;) {
-        ssize_t n = recv(s, buffer, std::min(sizeof buffer, length - have), 0);
-        if (n <= 0)
-            break;
-        got.append(buffer, size_t(n));
-        have += size_t(n);
-    }
-    return got;
-}
-
-// True when the peer closed (not a timeout) before timeout_ms.
-bool closed_by_server(int s, int timeout_ms)
-{
-    pollfd p{s, POLLIN, 0};
-    char buffer[4096];
-    for (auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-         std::chrono::steady_clock::now() < until;) {
-        ssize_t n = poll(&p, 1, 50) == 1 ? recv(s, buffer, sizeof buffer, MSG_DONTWAIT) : 1;
-        if (n == 0 || (n < 0 && errno == ECONNRESET))
-            return true;
-    }
-    return false;
-}
-
-std::string body_of(const std::string& response)
-{
-    size_t end = response.find("\r\n\r\n");
-    return end == std::string::npos ? "" : response.substr(end + 4);
-}
-
-std::string curl(const std::string& arguments)
-{
-    std::string out;
-    if (FILE* p = popen(("curl -s --max-time 10 " + arguments + " 2>&1").c_str(), "r")) {
-        char buffer[4096];
-        for (size_t n; (n = fread(buffer, 1, sizeof buffer, p)) > 0;)
-            out.append(buffer, n);
-        pclose(p);
-    }
-    return out;
-}
-
-template <typename F>
-bool eventually(F cond, int timeout_ms = 5000)
-{
-    for (int waited = 0; waited < timeout_ms && !cond(); waited += 10)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    return cond();
+    return test_connect_from(source, port_in_use, timeout_ms);
 }
 
 void shrink_receive_buffer(int s)
@@ -216,11 +130,11 @@ struct HttpServer : ::testing::Test {
     static void still_serves(const char* source = "127.0.0.1")
     {
         int s = connect_from(source);
-        send_text(s, GOOD);
-        std::string got = read_response(s);
+        test_send_text(s, GOOD);
+        std::string got = test_read_response(s);
         close(s);
         EXPECT_EQ(0u, got.find("HTTP/1.1 200 OK\r\n")) << got;
-        EXPECT_EQ(info("/t/info"), body_of(got));
+        EXPECT_EQ(info("/t/info"), test_body(got));
     }
 };
 
@@ -239,7 +153,7 @@ TEST_F(HttpServer, CurlGetsTheDefaultPageAndALargeBodyReusesItsConnectionAndSend
     };
     for (const curl_case& c : cases) {
         SCOPED_TRACE(c.arguments);
-        std::string got = curl(c.arguments);
+        std::string got = test_output("curl -s --max-time 10 " + c.arguments);
         EXPECT_EQ(c.whole ? c.want : got, got);
         EXPECT_NE(std::string::npos, got.find(c.want)) << got;
     }
@@ -282,15 +196,15 @@ TEST_F(HttpServer, KeepAlivePipelinedHttp10ExpectAndChunkedConversations)
         for (size_t i = 0; i < c.steps.size(); i++) {
             SCOPED_TRACE(i);
             const talk_step& step = c.steps[i];
-            ASSERT_TRUE(step.send.empty() || send_text(s, step.send));
-            std::string got = read_response(s);
+            ASSERT_TRUE(step.send.empty() || test_send_text(s, step.send));
+            std::string got = test_read_response(s);
             bool whole = step.answer.compare(0, 5, "HTTP/") == 0;
-            EXPECT_EQ(step.answer, whole ? got : body_of(got));
+            EXPECT_EQ(step.answer, whole ? got : test_body(got));
             bool last_of_closing = c.closes && i + 1 == c.steps.size();
             std::string connection = last_of_closing ? "Connection: close\r\n" : "Connection: keep-alive\r\n";
             EXPECT_NE(std::string::npos, got.find(whole ? "" : connection)) << got;
         }
-        EXPECT_EQ(c.closes, closed_by_server(s, c.closes ? 5000 : 200));
+        EXPECT_EQ(c.closes, test_closed_by_peer(s, c.closes ? 5000 : 200));
         close(s);
     }
     EXPECT_EQ(7, upnp_client_get_id("127.0.0.12"));
@@ -348,18 +262,18 @@ TEST_F(HttpServer, EachHostileRequestIsAnsweredOrDroppedAndAGoodRequestIsStillSe
         bool stalls = c.send_ms != HTTP_SEND_TIMEOUT_MS, closed = false;
         if (stalls)
             shrink_receive_buffer(s);
-        send_text(s, c.request);
+        test_send_text(s, c.request);
         for (int i = 0; c.request.empty() && i < 50 && !closed; i++)
-            closed = !send_text(s, "X") || closed_by_server(s, 100);
+            closed = !test_send_text(s, "X") || test_closed_by_peer(s, 100);
         if (stalls) {
             still_serves();
-            EXPECT_TRUE(eventually([] { return HTTP_connection_count() == 0; }, 10000));
+            EXPECT_TRUE(test_eventually([] { return HTTP_connection_count() == 0; }, 10000));
         }
-        std::string got = closed || stalls ? "" : read_response(s);
+        std::string got = closed || stalls ? "" : test_read_response(s);
         EXPECT_EQ(0u, got.find(c.starts)) << got;
         EXPECT_NE(std::string::npos, got.find(c.has)) << got;
         EXPECT_EQ(std::string::npos, *c.absent ? got.find(c.absent) : std::string::npos) << got;
-        EXPECT_TRUE(!c.closes || closed || stalls || closed_by_server(s, 5000));
+        EXPECT_TRUE(!c.closes || closed || stalls || test_closed_by_peer(s, 5000));
         close(s);
         HTTP_set_limits(nullptr);
         still_serves();
@@ -377,18 +291,18 @@ TEST_F(HttpServer, ConnectionsBeyondAPeersCapOrTheTotalCapAreRefusedAtOnce)
     for (const cap_case& c : cases) {
         SCOPED_TRACE(c.extra);
         // The last case's good request may still hold a slot.
-        ASSERT_TRUE(eventually([] { return HTTP_connection_count() == 0; }));
+        ASSERT_TRUE(test_eventually([] { return HTTP_connection_count() == 0; }));
         lower_limits(HTTP_HEAD_TIMEOUT_MS, HTTP_IDLE_TIMEOUT_MS, HTTP_SEND_TIMEOUT_MS, c.per_peer, c.total);
         std::vector<int> held;
         for (const char* source : c.held)
             held.push_back(connect_from(source));
-        EXPECT_TRUE(eventually([&] { return HTTP_connection_count() == int(held.size()); }));
+        EXPECT_TRUE(test_eventually([&] { return HTTP_connection_count() == int(held.size()); }));
         int extra = connect_from(c.extra);
-        EXPECT_TRUE(closed_by_server(extra, 2000));
+        EXPECT_TRUE(test_closed_by_peer(extra, 2000));
         close(extra);
         for (int s : held)
             close(s);
-        EXPECT_TRUE(eventually([] { return HTTP_connection_count() == 0; }));
+        EXPECT_TRUE(test_eventually([] { return HTTP_connection_count() == 0; }));
         still_serves(c.extra);
     }
 }
@@ -408,7 +322,7 @@ TEST_F(HttpServer, AThousandIdleConnectionsFromOnePeerDoNotStopAnother)
         held.push_back(connect_from("127.0.0.2", 2000));
         ASSERT_GE(held.back(), 0) << "connection " << i;
     }
-    EXPECT_TRUE(eventually([] { return HTTP_connection_count() == HTTP_MAX_PER_PEER; }));
+    EXPECT_TRUE(test_eventually([] { return HTTP_connection_count() == HTTP_MAX_PER_PEER; }));
     still_serves("127.0.0.3");
     EXPECT_LE(HTTP_connection_count(), HTTP_MAX_PER_PEER + 1);
     for (int s : held)
@@ -421,16 +335,16 @@ TEST_F(HttpServer, StopWakesIdleAndBlockedConnections)
     for (int i = 0; i < 5; i++)
         held.push_back(connect_from("127.0.0.1"));
     int reader = connect_from("127.0.0.1");
-    send_text(reader, GOOD);
-    read_response(reader);                     // now idle between requests
+    test_send_text(reader, GOOD);
+    test_read_response(reader);                     // now idle between requests
     int stuck = connect_from("127.0.0.1");
     shrink_receive_buffer(stuck);
-    send_text(stuck, "GET /t/big HTTP/1.1\r\nHost: a\r\n\r\n");
-    EXPECT_TRUE(eventually([] { return HTTP_connection_count() == 7; }));
+    test_send_text(stuck, "GET /t/big HTTP/1.1\r\nHost: a\r\n\r\n");
+    EXPECT_TRUE(test_eventually([] { return HTTP_connection_count() == 7; }));
     upnp_mediaserver_stop();
     EXPECT_EQ(0, HTTP_connection_count());
     EXPECT_EQ(0, upnp_thread_count());
-    EXPECT_TRUE(closed_by_server(reader, 2000));
+    EXPECT_TRUE(test_closed_by_peer(reader, 2000));
     for (int s : held)
         close(s);
     close(reader);

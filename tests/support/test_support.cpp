@@ -6,6 +6,7 @@
 #include <fstream>
 #include <sstream>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <ftw.h>
 #include <netinet/in.h>
@@ -63,9 +64,47 @@ int test_count_fds()
     return test_count_entries("/proc/self/fd") - 1;   // less the one opendir holds
 }
 
-int test_count_threads()
+int test_count_threads(pid_t pid)
 {
-    return test_count_entries("/proc/self/task");
+    std::string folder = pid ? "/proc/" + std::to_string(pid) + "/task" : "/proc/self/task";
+    DIR* d = opendir(folder.c_str());
+    if (!d)
+        return -1;
+    closedir(d);
+    return test_count_entries(folder.c_str());
+}
+
+std::string test_header(const std::string& message, const std::string& name, const char* missing)
+{
+    size_t at = message.find("\r\n" + name + ": ");
+    if (at == std::string::npos)
+        return missing;
+    at += name.size() + 4;
+    return message.substr(at, message.find("\r\n", at) - at);
+}
+
+std::string test_body(const std::string& message)
+{
+    size_t end = message.find("\r\n\r\n");
+    return end == std::string::npos ? "" : message.substr(end + 4);
+}
+
+std::string test_output(const std::string& command, int* status)
+{
+    std::string out;
+    FILE* p = popen((command + " 2>&1").c_str(), "r");
+    if (!p) {
+        if (status)
+            *status = -1;
+        return out;
+    }
+    char buffer[4096];
+    for (size_t n; (n = fread(buffer, 1, sizeof buffer, p)) > 0;)
+        out.append(buffer, n);
+    int rc = pclose(p);
+    if (status)
+        *status = rc;
+    return out;
 }
 
 test_peer::test_peer(std::string answer, std::string address) : ip(std::move(address)), reply(std::move(answer))

@@ -1,11 +1,14 @@
 // test_support.h: small helpers shared by the unit and integration tests:
 // a scratch folder that removes itself, whole-file reads and writes,
-// counters of this process's descriptors and threads, and a loopback peer
-// that answers HTTP requests with a fixed reply.
+// counters of descriptors and threads, a bounded wait, the pieces of an
+// HTTP or SSDP message, a command's output, and a loopback peer that
+// answers HTTP requests with a fixed reply.
 #pragma once
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <string>
+#include <sys/types.h>
 #include <thread>
 
 struct test_dir {
@@ -18,7 +21,28 @@ struct test_dir {
 std::string test_read_file(const std::string& path);
 bool test_write_file(const std::string& path, const std::string& bytes);
 int test_count_fds();        // entries of /proc/self/fd
-int test_count_threads();    // entries of /proc/self/task
+int test_count_threads(pid_t pid = 0);   // entries of /proc/<pid or self>/task; -1 without one
+
+// Polls every 10 ms until done() holds or timeout_ms pass; done()'s last
+// answer. done() runs once per round, so it may take what it finds.
+template <typename F> bool test_eventually(F done, int timeout_ms = 5000)
+{
+    for (int waited = 0;; waited += 10) {
+        if (done())
+            return true;
+        if (waited >= timeout_ms)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
+
+// The value of header "name: " in a message head; missing when it has none.
+std::string test_header(const std::string& message, const std::string& name, const char* missing = "<none>");
+// What follows the head's blank line; "" without one.
+std::string test_body(const std::string& message);
+// What the shell command prints on standard output and error; status gets
+// pclose's answer when given.
+std::string test_output(const std::string& command, int* status = nullptr);
 
 // A TCP server on a loopback address, one connection at a time: it reads a
 // request head (and a body of its Content-Length), sends reply and closes.

@@ -1,22 +1,19 @@
 // The client database: flag and field answers with their substring traps,
 // the client list in option "clients" with its event, allowed and denied
-// clients, detection from a device description served on 127.0.0.1, and
-// the shipped clients.db.
+// clients, and detection from a device description served on 127.0.0.1.
 #include "config/upnp_client.h"
 
 #include "config/upnp_ini.h"
 #include "runtime/upnp_os.h"
 #include "runtime/upnp_run.h"
-#include "upnp/ssdp.h"
 #include "support/test_support.h"
+#include "upnp/ssdp.h"
 #include "velmora/dapi_dms.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <memory>
 #include <sstream>
@@ -60,14 +57,6 @@ std::vector<std::pair<int32_t, std::string>> take_events()
 {
     std::lock_guard<std::mutex> hold(events_lock);
     return std::exchange(events, {});
-}
-
-template <typename F>
-bool eventually(F cond)
-{
-    for (int i = 0; i < 500 && !cond(); i++)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    return cond();
 }
 
 // A device description as a renderer serves it.
@@ -361,7 +350,7 @@ TEST_F(ClientDb, OneCheckPerAddressRunsAtATimeAndAtMostSixteenInAll)
         silent.push_back(std::make_unique<test_peer>("", "127.0.0." + std::to_string(10 + i)));
         ASSERT_GT(silent.back()->port, 0);
         started += upnp_client_check(silent.back()->url().c_str(), silent.back()->ip.c_str());
-        ASSERT_TRUE(i == 16 || eventually([&] { return silent.back()->accepted.load() == 1; }));
+        ASSERT_TRUE(i == 16 || test_eventually([&] { return silent.back()->accepted.load() == 1; }));
         EXPECT_TRUE(i > 0 || !upnp_client_check(silent[0]->url().c_str(), "127.0.0.10"));   // the burst's next NOTIFY
     }
     EXPECT_EQ(16, started);
@@ -370,70 +359,5 @@ TEST_F(ClientDb, OneCheckPerAddressRunsAtATimeAndAtMostSixteenInAll)
     ASSERT_TRUE(upnp_thread_wait_idle(5000));
     test_peer again(description("<modelName>Bar Box</modelName>"), "127.0.0.10");
     ASSERT_EQ(1, upnp_client_check(again.url().c_str(), "127.0.0.10"));
-    EXPECT_TRUE(eventually([] { return upnp_client_get_id("127.0.0.10") == 6; }));
-}
-
-// ---- The shipped clients.db ------------------------------------------------
-
-namespace {
-
-std::string shipped_db()
-{
-    return test_read_file(VELMORA_SOURCE_DIR "/resources/clients.db");
-}
-
-struct shipped_case { const char* device; const char* text; int number; };
-
-}  // namespace
-
-// Every flag, key and entry start holds a colon and none spans a line, so
-// a note line without one cannot change any answer; the names list is
-// joined by commas.
-TEST_F(ClientDb, ShippedEntriesParseWithUniqueNumbersAndNotesWithoutColons)
-{
-    std::stringstream in(shipped_db());
-    for (std::string line; std::getline(in, line);)
-        EXPECT_TRUE(line.empty() || line[0] != '#' || line.find(':') == std::string::npos) << line;
-    load(shipped_db());
-    std::vector<int> seen;
-    int i = 0;
-    for (; upnp_client_entry(i); i++) {
-        SCOPED_TRACE(i);
-        EXPECT_EQ(3u, field_of(i, "ID:").size());
-        EXPECT_EQ(seen.end(), std::find(seen.begin(), seen.end(), upnp_client_entry_id(i)));
-        seen.push_back(upnp_client_entry_id(i));
-        EXPECT_EQ(std::string::npos, field_of(i, "NA:").find_first_of(",<"));   // "<none>" without a name
-    }
-    EXPECT_GE(i, 30);
-    // The general kinds, which detection may upgrade.
-    EXPECT_EQ(1, upnp_client_has_flag(1, "DB:AUTO"));
-    EXPECT_EQ(1, upnp_client_has_flag(2, "DB:AUTO"));
-}
-
-// Players whose heads also hold a more general entry's pattern, or carry
-// it in a header other than User-Agent.
-TEST_F(ClientDb, ShippedEntriesDetectEachPlayerFromItsHead)
-{
-    const shipped_case heads[] = {
-        {"Samsung TV", "User-Agent: DLNADOC/1.50 SEC_HHP_[TV] UA55JS7200/1.0 UPnP/1.0", 10},
-        {"older Samsung", "User-Agent: UPnP/1.0\r\nX-User-Agent: redsonic", 11},
-        {"Bravia", "User-Agent: UPnP/1.0\r\nX-AV-Physical-Unit-Info: pa=\"BRAVIA KD-65XD7505\";", 13},
-        {"PS3", "User-Agent: UPnP/1.0\r\nX-AV-Client-Info: av=5.0; mn=\"PLAYSTATION 3\"; mv=\"1.0\";", 14},
-        {"Xbox One", "User-Agent: Microsoft-Windows/6.2 UPnP/1.0 Microsoft-DLNA DLNADOC/1.50\r\n"
-                     "FriendlyName.DLNA.ORG: Xbox-SystemOS", 30},
-        {"Windows Media Player", "User-Agent: Microsoft-Windows/6.1 UPnP/1.0 Windows-Media-Player/12.0.7601.17514 "
-                                 "DLNADOC/1.50 (MS-DeviceCaps/1024)", 33},
-        {"Kodi on Android", "User-Agent: Kodi/19.1 (Linux; Android 9.0; SHIELD Android TV) Android/9.0.0", 51},
-        {"Apple TV app", "User-Agent: Infuse/7.6.4 (AppleTV11,1; tvOS 15.4) CFNetwork/1335.0.3 Darwin/21.4.0", 57},
-        {"other DLNA device", "User-Agent: UPnP/1.0 DLNADOC/1.50 Platinum/1.0.5.13", 2},
-        {"unknown", "User-Agent: curl/8.4.0", 1},
-    };
-    load(shipped_db());
-    for (const shipped_case& c : heads) {
-        SCOPED_TRACE(c.device);
-        std::string head = std::string("GET /DeviceDescription.xml HTTP/1.1\r\nHost: 10.0.0.1:9000\r\n") + c.text +
-                           "\r\n\r\n";
-        EXPECT_EQ(c.number, upnp_client_lookup("10.1.1.1", head.c_str()));
-        upnp_client_remove("10.1.1.1");
-    }
+    EXPECT_TRUE(test_eventually([] { return upnp_client_get_id("127.0.0.10") == 6; }));
 }

@@ -321,8 +321,6 @@ const struct { const char* name; std::string body; bool raw; std::string friendl
      "B", "7"},
     {"odd-length UTF-16", "\xFF\xFEh\0t\0t\0p\0p\0o\0r\0t\0=\0" "8\0\n\0f"s, true, unset, "8"},
     {"zero units inside UTF-16", "\xFF\xFE\0\0h\0t\0t\0p\0p\0o\0r\0t\0=\0" "1\0\0\0x\0\n\0"s, true, unset, "1"},
-    {"a mark alone", "\xFF\xFE", true, unset, unset},
-    {"one byte", "x", true, unset, unset},
     {"a huge value, a huge unknown key", "colour=red\r\nfriendlyname=" + ini_huge + "\r\n" +
      std::string(100000, 'k') + "=v\r\nhttpport=9\r\nstray", false, ini_huge, "9"},
     {"over the cap", "friendlyname=Big\r\nhttpport=9\r\n" + std::string(1024 * 1024, '#') + "\r\n", true, unset, unset},

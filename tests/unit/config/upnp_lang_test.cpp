@@ -91,37 +91,6 @@ TEST_F(LangStart, StringFilesAreUtf16BehindTheirMark)
     }
 }
 
-// The ini comments, the RPC's translations and the navigation names look
-// these keys up; each must have a text and a help line in every language.
-// Folder names become part of node definitions, which commas separate.
-TEST(LangFiles, EveryKeyHasTextAndHelpAndNoFolderNameAComma)
-{
-    const std::vector<std::string> folders = {"allname", "alltracks", "Music", "Picture", "Video", "artist",
-                                              "genre", "album", "folder", "year", "date", "genreindex",
-                                              "artistindex", "station", "title", "composer", "rating"};
-    std::vector<std::string> keys(folders.begin() + 2, folders.end());
-    for (int32_t id = 0; id < UPNP_OPT_END; id++)
-        if (const char* name = upnp_ini_get_name(id))
-            keys.push_back(name);
-    for (const char* language : {"en", "de"}) {
-        std::string text = config_from_utf16(
-            test_read_file(std::string(VELMORA_SOURCE_DIR "/resources/strings-") + language + ".txt"));
-        ASSERT_FALSE(text.empty()) << language;
-        EXPECT_EQ("\r\n", text.substr(text.size() - 2)) << language;   // the loader drops the last unit
-        for (const std::string& key : keys) {
-            SCOPED_TRACE(std::string(language) + " " + key);
-            size_t line = text.find("|" + key + "|");
-            ASSERT_NE(std::string::npos, line);
-            EXPECT_TRUE(line == 0 || text[line - 1] == '\n');
-            EXPECT_TRUE(config_has(text, "\n|" + key + "?"));
-        }
-        for (const std::string& key : folders) {
-            size_t at = text.find("|" + key + "|");
-            EXPECT_FALSE(config_has(text.substr(at, text.find('\r', at) - at), ",")) << language << " " << key;
-        }
-    }
-}
-
 // LC_ALL, LC_MESSAGES, LANG (null: unset) and the code they give.
 const struct { const char *lc_all, *lc_messages, *lang, *code; } locale_cases[] = {
     {nullptr, nullptr, "de_DE.UTF-8", "de"}, {nullptr, nullptr, "fr_FR", "fr"}, {nullptr, nullptr, "pt_BR.utf8", "pt"},

@@ -214,42 +214,6 @@ TEST_F(DbFileMemory, RewriteKeepsTheFirstBlockAndFreesTheRestOrLeavesTheOldRecor
     EXPECT_EQ(3u, db_records().size());
 }
 
-// Stores, rewrites and frees of every length, each read back at once, then
-// all of it, the free list and a folder time again after a reopen.
-TEST_F(DbFileDir, EveryWriteReadsBackAtOnceAndAfterAReopen)
-{
-    ASSERT_TRUE(db_file_open());
-    db_file_set_folder_time("A|/music", 1234567890123);
-    std::map<uint32_t, std::string> expected;
-    for (int i = 0; i < 120; i++) {
-        std::string text = db_text(size_t(2 + (i * 389) % 2500), char(i));
-        if ((text.size() - 1) % 502 == 0)
-            text += "z";            // keep the first piece above one byte
-        uint32_t block = i % 4 == 3 && !expected.empty() ? expected.begin()->first : 0;
-        if (block)
-            ASSERT_TRUE(db_rewrite(block, text));
-        else
-            block = db_store(text);
-        ASSERT_NE(0u, block);
-        expected[block] = text;
-        ASSERT_EQ(text, db_read(block)) << i;
-        if (i % 5 == 4) {
-            auto last = std::prev(expected.end());
-            db_file_free_chain(last->first);
-            ASSERT_EQ("", db_read(last->first));
-            expected.erase(last);
-        }
-    }
-    uint32_t free_head = db_file_free_head();
-    EXPECT_NE(0u, free_head);
-    EXPECT_EQ(expected, db_records());
-    db_file_close();
-    ASSERT_TRUE(db_file_open());
-    EXPECT_EQ(expected, db_records());
-    EXPECT_EQ(1234567890123, db_file_get_folder_time("A|/music"));
-    EXPECT_EQ(free_head, db_file_free_head());
-}
-
 // Three records: block 1 (two blocks, 1-2), block 3 (the victim, 3-4), block 5.
 static db_image db_three_records()
 {
@@ -336,32 +300,6 @@ TEST_F(DbFileDamage, FileCutAnywhereLoadsTheRecordsBeforeTheCut)
         uint32_t block = db_store(db_text(40, 3));
         EXPECT_EQ(cut < 1024 ? 1 : cut / 512, block);
         EXPECT_EQ(db_text(40, 3), db_read(block));
-    }
-}
-
-TEST_F(DbFileDamage, ArbitraryBytesOpenLoadAndTakeWrites)
-{
-    uint32_t seed = 12345;
-    for (int round = 0; round < 60; round++) {
-        SCOPED_TRACE(round);
-        db_image image;
-        size_t size = 512 + (round * 997) % 9000;
-        image.bytes.resize(size);
-        for (size_t i = round % 2 ? 16 : 9; i < size; i++) {
-            seed = seed * 1103515245 + 12345;
-            uint8_t b = uint8_t(seed >> 16);
-            // Mostly small numbers and kind letters, so that chains form.
-            image.bytes[i] = char(b < 128 ? b % 24 : b < 192 ? "scxd"[b % 4] : b);
-        }
-        ASSERT_TRUE(db_file_open_memory(image.bytes.data(), image.bytes.size()));
-        db_records();
-        uint32_t block = db_store(db_text(700, 1));
-        ASSERT_NE(0u, block);
-        EXPECT_EQ(db_text(700, 1), db_read(block));
-        db_file_set_folder_time("A|/x", 5);
-        db_file_get_folder_time("A|/x");
-        db_file_prune_folders();
-        EXPECT_EQ(db_text(700, 1), db_read(block));
     }
 }
 

@@ -5,10 +5,11 @@
 #include "config/upnp_client.h"
 #include "http/http_server.h"
 #include "runtime/upnp_string.h"
+#include "support/test_support.h"
+#include "support/test_wire.h"
 
 #include <gtest/gtest.h>
 
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -17,42 +18,7 @@
 
 namespace {
 
-// A request whose answer goes into one end of a socket pair; taken()
-// reads everything written so far from the other.
-struct request_on_wire {
-    int fds[2] = {-1, -1};
-    HTTP_request r{};
-    explicit request_on_wire(const std::string& head, int32_t version = 11)
-    {
-        EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));
-        r.socket = fds[0];
-        r.version = version;
-        r.method = head.compare(0, 4, "HEAD") == 0 ? HTTP_METHOD_HEAD : HTTP_METHOD_GET;
-        snprintf(r.head, sizeof r.head, "%s", head.c_str());
-        snprintf(r.url, sizeof r.url, "%s", "/x");
-    }
-    ~request_on_wire()
-    {
-        close(fds[0]);
-        close(fds[1]);
-    }
-    std::string taken()
-    {
-        std::string all;
-        char buffer[8192];
-        for (ssize_t n; (n = recv(fds[1], buffer, sizeof buffer, MSG_DONTWAIT)) > 0;)
-            all.append(buffer, size_t(n));
-        return all;
-    }
-};
-
 const std::string GET = "GET /x HTTP/1.1\r\nHost: a\r\n\r\n";
-
-std::string body_of(const std::string& response)
-{
-    size_t end = response.find("\r\n\r\n");
-    return end == std::string::npos ? "" : response.substr(end + 4);
-}
 
 TEST(HttpStatus, TextsKeepTheirSpellingAndUnlistedCodesReadAsOk)
 {
@@ -237,7 +203,7 @@ TEST(HttpBuffer, RangesAreJudgedAndServedFromMemory)
         std::string range = c.content_range.empty() ? "" : "Content-Range: " + c.content_range + "\r\n";
         EXPECT_NE(std::string::npos, got.find(range));
         EXPECT_NE(std::string::npos, got.find("Content-Length: " + std::to_string(c.body.size()) + "\r\n"));
-        EXPECT_EQ(c.body, body_of(got));
+        EXPECT_EQ(c.body, test_body(got));
     }
     request_on_wire head("HEAD /x HTTP/1.1\r\nHost: a\r\n\r\n");
     head.r.mime_type = "text/plain";
@@ -245,7 +211,7 @@ TEST(HttpBuffer, RangesAreJudgedAndServedFromMemory)
     EXPECT_EQ(0, HTTP_send_buffer(&head.r, "abc"));
     std::string got = head.taken();
     EXPECT_NE(std::string::npos, got.find("Content-Length: 3\r\n"));
-    EXPECT_EQ("", body_of(got));          // the head alone
+    EXPECT_EQ("", test_body(got));          // the head alone
 }
 
 TEST(HttpErrorPage, NotFoundShowsTheEscapedUrlCutWholeEvenForHeadAndLeavesTheCallersLength)
@@ -259,17 +225,17 @@ TEST(HttpErrorPage, NotFoundShowsTheEscapedUrlCutWholeEvenForHeadAndLeavesTheCal
                        "/a&lt;b&gt;&amp;&quot;c&#39; was not found on this server.</BODY></HTML>";
     EXPECT_EQ(0u, got.find("HTTP/1.1 404 Not Found\r\nContent-Type: text/html; charset=utf-8\r\nContent-Length: " +
                            std::to_string(page.size()) + "\r\n"));
-    EXPECT_EQ(page, body_of(got));
+    EXPECT_EQ(page, test_body(got));
     EXPECT_EQ(77, q.r.content_length);
 
     request_on_wire head("HEAD /x HTTP/1.1\r\nHost: a\r\n\r\n");
     EXPECT_EQ(0, HTTP_send_file_not_found(&head.r));
-    EXPECT_NE(std::string::npos, body_of(head.taken()).find("/x was not found"));
+    EXPECT_NE(std::string::npos, test_body(head.taken()).find("/x was not found"));
 
     request_on_wire long_url(GET);
     snprintf(long_url.r.url, sizeof long_url.r.url, "%s", std::string(HTTP_URL_SIZE - 1, '&').c_str());
     EXPECT_EQ(0, HTTP_send_file_not_found(&long_url.r));
-    std::string body = body_of(long_url.taken());
+    std::string body = test_body(long_url.taken());
     EXPECT_LE(body.size(), 1023u);
     EXPECT_GT(body.size(), 1000u);
     EXPECT_EQ(std::string::npos, body.find("&amp<"));   // no entity is cut in two

@@ -30,18 +30,6 @@ constexpr int32_t WAIT_MS = 5000;
 
 void sleep_ms(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
-// Polls cond every 10 ms for at most WAIT_MS.
-template <typename F>
-bool eventually(F cond)
-{
-    for (int i = 0; i < WAIT_MS / 10; i++) {
-        if (cond())
-            return true;
-        sleep_ms(10);
-    }
-    return cond();
-}
-
 const char* or_null(const char* text) { return text ? text : "(null)"; }
 
 bool is_cloexec(int fd)
@@ -307,7 +295,7 @@ TEST(OsProcess, SpawnedOutputArrivesThroughThePipeAndEndedChildrenAreReaped)
     EXPECT_EQ("hello", read_line(out));
     close(out);
     int status = -2;
-    EXPECT_TRUE(eventually([&] { return upnp_process_poll(pid, &status) == 1; }));
+    EXPECT_TRUE(test_eventually([&] { return upnp_process_poll(pid, &status) == 1; }));
     EXPECT_EQ(0, status);
     EXPECT_EQ(-1, upnp_process_poll(pid, &status));
     EXPECT_EQ(0, upnp_process_count());
@@ -316,7 +304,7 @@ TEST(OsProcess, SpawnedOutputArrivesThroughThePipeAndEndedChildrenAreReaped)
     ASSERT_GT(upnp_process_spawn("/bin/true", nullptr, nullptr), 0);
     EXPECT_EQ(2, upnp_process_count());
     int removed = 0;
-    EXPECT_TRUE(eventually([&] {
+    EXPECT_TRUE(test_eventually([&] {
         removed += upnp_process_reap();
         return upnp_process_count() == 0;
     }));
@@ -335,7 +323,7 @@ TEST(OsProcess, KillAllEndsAndReapsEveryChildWithItsOwnChildren)
                          status = upnp_process_run_wait("/bin/sleep", argv);
                      },
                      nullptr, 0));
-    ASSERT_TRUE(eventually([] { return upnp_process_count() == 1; }));
+    ASSERT_TRUE(test_eventually([] { return upnp_process_count() == 1; }));
     const char* const argv[] = {"sh", "-c", "sleep 30 & echo $!; wait", nullptr};
     int32_t out = -1;
     int32_t pid = upnp_process_spawn("/bin/sh", argv, &out);
@@ -351,7 +339,7 @@ TEST(OsProcess, KillAllEndsAndReapsEveryChildWithItsOwnChildren)
     EXPECT_EQ(-1, waitpid(pid, &raw, WNOHANG));        // already reaped: no zombie
     EXPECT_EQ(ECHILD, errno);
     EXPECT_TRUE(process_gone(pid));
-    EXPECT_TRUE(eventually([&] { return process_gone(grandchild); }));
+    EXPECT_TRUE(test_eventually([&] { return process_gone(grandchild); }));
     EXPECT_EQ(1, upnp_thread_wait_idle(WAIT_MS));
     EXPECT_EQ(-1, status.load());
 }

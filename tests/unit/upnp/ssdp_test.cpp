@@ -5,6 +5,7 @@
 #include "config/upnp_ini.h"
 #include "runtime/upnp_os.h"
 #include "runtime/upnp_string.h"
+#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 
@@ -165,15 +166,6 @@ struct loopback_udp {
     }
 };
 
-std::string header(const std::string& message, const std::string& name)
-{
-    size_t at = message.find("\r\n" + name + ": ");
-    if (at == std::string::npos)
-        return "<none>";
-    at += name.size() + 4;
-    return message.substr(at, message.find("\r\n", at) - at);
-}
-
 std::string udn() { return upnp_get_udn(upnp_ini_get_string(UPNP_OPT_FRIENDLYNAME)); }
 
 const char* const server_rows[] = {"urn:schemas-upnp-org:device:MediaServer:1",
@@ -197,7 +189,7 @@ TEST_F(Ssdp, RepliesAndAnnouncementsHaveTheirFixedShapes)
     ASSERT_EQ(1, udp.announce(udn().c_str(), 1));
     std::vector<std::string> got = udp.take();
     ASSERT_EQ(2u, got.size());
-    std::string date = header(got[0], "DATE"), age = "max-age=" + std::to_string(ssdp_get_max_age());
+    std::string date = test_header(got[0], "DATE"), age = "max-age=" + std::to_string(ssdp_get_max_age());
     const std::string server = "SERVER: Windows NT/5.0, UPnP/1.0, Velmora UPnP SDK/1.0\r\n";
     const std::string location = "LOCATION: http://192.0.2.1:9000/DeviceDescription.xml\r\n";
     EXPECT_NE(std::string::npos, date.find(" GMT")) << date;
@@ -239,9 +231,9 @@ TEST_F(Ssdp, OnlyAWholeTargetMatchesARowAndAllAnswersEveryRowInOrder)
         ASSERT_EQ(c.rows.size(), got.size());
         for (size_t i = 0; i < got.size(); i++) {
             EXPECT_EQ(0u, got[i].find(c.notify ? "NOTIFY * HTTP/1.1\r\n" : "HTTP/1.1 200 OK\r\n"));
-            EXPECT_EQ(c.rows[i], header(got[i], c.notify ? "NT" : "ST"));
-            EXPECT_EQ(c.rows[i] == udn() ? udn() : udn() + "::" + c.rows[i], header(got[i], "USN"));
-            EXPECT_EQ("http://192.0.2.1:9000/DeviceDescription.xml", header(got[i], "LOCATION"));
+            EXPECT_EQ(c.rows[i], test_header(got[i], c.notify ? "NT" : "ST"));
+            EXPECT_EQ(c.rows[i] == udn() ? udn() : udn() + "::" + c.rows[i], test_header(got[i], "USN"));
+            EXPECT_EQ("http://192.0.2.1:9000/DeviceDescription.xml", test_header(got[i], "LOCATION"));
         }
     }
 }
@@ -255,10 +247,10 @@ TEST_F(Ssdp, ByebyeBurstNamesEveryRow)
     EXPECT_EQ("NOTIFY * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nNT: upnp:rootdevice\r\nNTS: ssdp:byebye\r\n"
               "USN: " + udn() + "::upnp:rootdevice\r\n\r\n",
               got[1]);
-    EXPECT_EQ(udn(), header(got[0], "NT"));
-    EXPECT_EQ(udn(), header(got[0], "USN"));
+    EXPECT_EQ(udn(), test_header(got[0], "NT"));
+    EXPECT_EQ(udn(), test_header(got[0], "USN"));
     for (size_t i = 2; i < got.size(); i++)
-        EXPECT_EQ(server_rows[i - 2], header(got[i], "NT"));
+        EXPECT_EQ(server_rows[i - 2], test_header(got[i], "NT"));
 }
 
 void ignore_datagram(const char*, ssdp_server*, const char*, int32_t)
