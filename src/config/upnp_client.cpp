@@ -21,7 +21,6 @@
 #include "runtime/upnp_os.h"
 #include "runtime/upnp_run.h"
 #include "runtime/upnp_string.h"
-#include "velmora/dapi_dms.h"
 
 #include <algorithm>
 #include <atomic>
@@ -432,7 +431,7 @@ int upnp_client_set(const char* ip, int32_t number)
         client_store(list);
     }
     upnp_log(UPNP_LOG_INFO, UPNP_LOG_CLIENT_DB, "client %s is number %03d\n", ip, int(number));
-    upnp_file_event(DAPI_EVENT_CLIENT_ADDED, list.c_str());
+    upnp_file_event(UPNP_EVENT_CLIENT_ADDED, list.c_str());
     return 1;
 }
 

@@ -33,7 +33,7 @@ int32_t upnp_client_lookup(const char* ip, const char* head);
 int32_t upnp_client_get_id(const char* ip);
 // Enters ip with number unless it has it already, or has a number of 1 or
 // more from an entry without DB:AUTO. Tells the host (event
-// DAPI_EVENT_CLIENT_ADDED). 1 when the list changed. ip must be dotted
+// UPNP_EVENT_CLIENT_ADDED). 1 when the list changed. ip must be dotted
 // IPv4 text, and the list stays within 1023 bytes of whole items.
 int upnp_client_set(const char* ip, int32_t number);
 void upnp_client_remove(const char* ip);

@@ -293,6 +293,14 @@ int32_t dapi_dms_get_udn(char** udn)
     return 1;
 }
 
+// The floors below name the host's event codes without its header.
+static_assert(int(UPNP_EVENT_FILE_ADDED) == DAPI_EVENT_FILE_ADDED &&
+              int(UPNP_EVENT_CLIENT_ADDED) == DAPI_EVENT_CLIENT_ADDED &&
+              int(UPNP_EVENT_STREAM_STARTED) == DAPI_EVENT_STREAM_STARTED &&
+              int(UPNP_EVENT_STREAM_FINISHED) == DAPI_EVENT_STREAM_FINISHED &&
+              int(UPNP_EVENT_STREAM_FAILED) == DAPI_EVENT_STREAM_FAILED &&
+              int(UPNP_EVENT_NIC_RESTART) == DAPI_EVENT_NIC_RESTART);
+
 static void dapi_event_sink(int32_t code, const char* text)
 {
     if (dapi_dms_callback callback = event_callback.load())

@@ -353,7 +353,7 @@ static void upnp_nic_check(int64_t now)
     }
     upnp_log(UPNP_LOG_INFO, UPNP_LOG_SYSTEM, "Server restarting due to NIC changes\n");
     nic_change_requested = 0;
-    upnp_file_event(DAPI_EVENT_NIC_RESTART, nullptr);
+    upnp_file_event(UPNP_EVENT_NIC_RESTART, nullptr);
     upnp_server_restart();
 }
 

@@ -1,5 +1,5 @@
 // upnp_run.h: the run state that every floor reads. The feature switches
-// that dapi_dms_init fills once from its mode and flags (before any service
+// that the control API fills once at start from its mode and flags (before any service
 // thread starts, read everywhere after), the server status that HTTP and
 // SSDP threads poll, the run flag of the scanner and the scheduler, and the
 // one gate through which events reach the host. Control is the only writer
@@ -22,7 +22,7 @@ struct upnp_switch_set {
     int32_t unused;             // set by a reserved flag, read by nobody
 };
 
-// Written by dapi_dms_init before any service thread starts, read without
+// Written by the control API before any service thread starts, read without
 // a lock after.
 extern upnp_switch_set upnp_switches;
 
@@ -30,6 +30,16 @@ int32_t upnp_server_get_status();      // 0 stopped, 1 running, -1 stopping
 void upnp_server_set_status(int32_t status);
 int32_t upnp_is_running();             // the background threads' run flag
 void upnp_set_running(int32_t running);
+
+// What the host is told, with the codes its callback receives.
+enum upnp_event_code : int32_t {
+    UPNP_EVENT_FILE_ADDED = 0,        // text: path of the file
+    UPNP_EVENT_CLIENT_ADDED = 1,      // text: the new value of the option "clients"
+    UPNP_EVENT_STREAM_STARTED = 2,    // text: the request head
+    UPNP_EVENT_STREAM_FINISHED = 3,   // text: the request head
+    UPNP_EVENT_STREAM_FAILED = 5,     // text: the request head
+    UPNP_EVENT_NIC_RESTART = 6,       // text: null
+};
 
 // The notification gate towards the host: hands (code, text) to the sink
 // that control registered, when callbacks are enabled.
