@@ -11,9 +11,19 @@
 // passes, or the server status leaves 1. Stop wakes every connection
 // through the table.
 //
-// Locks: http_connection_lock guards the connection table only. The route
-// table and the default page are written before any accept thread exists
-// and read without a lock. The limits are atomics.
+// Slots: a connection beyond its address's cap is refused at once. When all
+// slots are taken, the newcomer pushes out, from the address that holds the
+// most connections, the one that has waited longest without a whole request
+// (before its first head, or idle between requests); only when every
+// connection is busy serving a request it has received is the newcomer
+// refused. So a flood of half heads cannot keep a player out until the head
+// limit passes. Pushing out only shuts the socket down; the connection's own
+// thread wakes, frees its entry and closes the socket, as on every exit.
+//
+// Locks: http_connection_lock guards the connection table only; a thread
+// marks its own entry busy or waiting under it. The route table and the
+// default page are written before any accept thread exists and read without
+// a lock. The limits are atomics.
 #include "http/http_server.h"
 
 #include "config/upnp_client.h"
@@ -131,14 +141,33 @@ const char* HTTP_get_default_page()
 
 // ---- Connection table -------------------------------------------------------
 
+// A pushed out connection keeps its entry until its own thread has left the
+// socket, so the table has room for as many leaving as live ones.
+enum { HTTP_SLOT_ENTRIES = 2 * HTTP_MAX_CONNECTIONS };
+
 struct http_slot {
     int32_t socket;                 // -1 when free
     char peer[16];
+    uint8_t busy;                   // inside a request it has wholly received
+    uint8_t leaving;                // pushed out; its thread frees the entry
+    int64_t waiting_ms;             // since when it waits for a request
+};
+
+// One address of the live connections: an entry for its text, how many it
+// holds, and its connection that has waited longest (-1 when all are busy).
+struct http_tally {
+    int32_t first;
+    int32_t count;
+    int32_t oldest;
 };
 
 static std::mutex http_connection_lock;
-static http_slot http_slots[HTTP_MAX_CONNECTIONS];   // guarded by http_connection_lock
-static int32_t http_slots_used;                      // guarded by http_connection_lock
+static http_slot http_slots[HTTP_SLOT_ENTRIES];      // guarded by http_connection_lock
+static int32_t http_slots_used;                      // live entries, guarded by http_connection_lock
+static int32_t http_slots_leaving;                   // guarded by http_connection_lock
+// Scratch of http_victim, static so as not to weigh on the accept thread's
+// small stack; guarded by http_connection_lock.
+static http_tally http_tallies[HTTP_MAX_CONNECTIONS];
 static std::once_flag http_slots_once;
 
 static void http_slots_init()
@@ -147,48 +176,159 @@ static void http_slots_init()
         s.socket = -1;
 }
 
+static bool http_waits_longer(int32_t slot, int32_t than)
+{
+    return than < 0 || http_slots[slot].waiting_ms < http_slots[than].waiting_ms;
+}
+
+// Caller holds http_connection_lock. The addresses of the live entries;
+// the total cap keeps those to HTTP_MAX_CONNECTIONS, the bound only makes
+// that plain.
+static int32_t http_tally_peers()
+{
+    int32_t peers = 0;
+    for (int32_t i = 0; i < HTTP_SLOT_ENTRIES; i++) {
+        const http_slot& s = http_slots[i];
+        if (s.socket < 0 || s.leaving)
+            continue;
+        int32_t p = 0;
+        while (p < peers && strcmp(http_slots[http_tallies[p].first].peer, s.peer) != 0)
+            p++;
+        if (p == HTTP_MAX_CONNECTIONS)
+            continue;
+        if (p == peers)
+            http_tallies[peers++] = {i, 0, -1};
+        http_tallies[p].count++;
+        if (!s.busy && http_waits_longer(i, http_tallies[p].oldest))
+            http_tallies[p].oldest = i;
+    }
+    return peers;
+}
+
+// Caller holds http_connection_lock. Of the address that holds the most,
+// the connection that has waited longest for a request: the flooder pays
+// first, and a player in the middle of a stream is never chosen. -1 when
+// every live connection is busy.
+static int32_t http_victim()
+{
+    int32_t peers = http_tally_peers();
+    const http_tally* best = nullptr;
+    for (int32_t p = 0; p < peers; p++) {
+        const http_tally& t = http_tallies[p];
+        if (t.oldest >= 0 && (!best || t.count > best->count ||
+                              (t.count == best->count && http_waits_longer(t.oldest, best->oldest))))
+            best = &t;
+    }
+    return best ? best->oldest : -1;
+}
+
+// Caller holds http_connection_lock. The socket is only shut, never closed
+// here: its thread still owns it, wakes from its receive, frees the entry
+// and closes, so the number is neither closed twice nor shut after reuse.
+static void http_push_out(int32_t slot)
+{
+    http_slot& s = http_slots[slot];
+    upnp_log(UPNP_LOG_PROBLEM, UPNP_LOG_HTTP, "connection from %s pushed out to make room\n", s.peer);
+    s.leaving = 1;
+    http_slots_used--;
+    http_slots_leaving++;
+    upnp_socket_shutdown(s.socket);
+}
+
+// Caller holds http_connection_lock. The live connections of that address,
+// and a free entry in *free_slot (-1 when none).
+static int32_t http_peer_count(const char* peer, int32_t* free_slot)
+{
+    int32_t same = 0;
+    *free_slot = -1;
+    for (int32_t i = 0; i < HTTP_SLOT_ENTRIES; i++) {
+        const http_slot& s = http_slots[i];
+        if (s.socket < 0) {
+            if (*free_slot < 0)
+                *free_slot = i;
+        } else if (!s.leaving && strcmp(s.peer, peer) == 0) {
+            same++;
+        }
+    }
+    return same;
+}
+
 // A slot for the socket, or -1 when a cap refuses it; *why names the cap.
+// A full table pushes out a waiting connection rather than refuse.
 static int32_t http_slot_take(int32_t socket, const char* peer, const char** why)
 {
     std::call_once(http_slots_once, http_slots_init);
     std::lock_guard<std::mutex> hold(http_connection_lock);
-    if (http_slots_used >= http_total) {
-        *why = "connections in all";
-        return -1;
-    }
-    int32_t same = 0, free_slot = -1;
-    for (int32_t i = 0; i < HTTP_MAX_CONNECTIONS; i++) {
-        if (http_slots[i].socket < 0) {
-            if (free_slot < 0)
-                free_slot = i;
-        } else if (strcmp(http_slots[i].peer, peer) == 0) {
-            same++;
-        }
-    }
-    if (same >= http_per_peer) {
+    int32_t free_slot;
+    if (http_peer_count(peer, &free_slot) >= http_per_peer) {
         *why = "connections from that address";
         return -1;
     }
-    http_slots[free_slot].socket = socket;
-    memcpy(http_slots[free_slot].peer, peer, sizeof http_slots[free_slot].peer);
+    if (free_slot >= 0 && http_slots_used >= http_total) {
+        int32_t victim = http_victim();
+        if (victim >= 0)
+            http_push_out(victim);
+    }
+    if (free_slot < 0 || http_slots_used >= http_total) {
+        *why = "connections in all";
+        return -1;
+    }
+    http_slot& s = http_slots[free_slot];
+    s = {socket, {}, 0, 0, HTTP_clock_ms()};
+    memcpy(s.peer, peer, sizeof s.peer);
     http_slots_used++;
     return free_slot;
+}
+
+// Caller holds http_connection_lock. The connection's own entry; null
+// for a connection that is not in the table.
+static http_slot* http_slot_of(const HTTP_connection* c)
+{
+    if (c->slot < 0 || c->slot >= HTTP_SLOT_ENTRIES || http_slots[c->slot].socket != c->socket)
+        return nullptr;
+    return &http_slots[c->slot];
+}
+
+static void http_slot_waits(const HTTP_connection* c)
+{
+    std::lock_guard<std::mutex> hold(http_connection_lock);
+    if (http_slot* s = http_slot_of(c)) {
+        s->busy = 0;
+        s->waiting_ms = HTTP_clock_ms();
+    }
+}
+
+// 0 when the connection was pushed out while its request came in: its
+// socket is shut, and no answer could reach the peer.
+static int http_slot_busy(const HTTP_connection* c)
+{
+    std::lock_guard<std::mutex> hold(http_connection_lock);
+    http_slot* s = http_slot_of(c);
+    if (!s || s->leaving)
+        return 0;
+    s->busy = 1;
+    return 1;
 }
 
 // Before the socket is closed, so that stop never shuts a reused number.
 static void http_slot_release(int32_t slot)
 {
     std::lock_guard<std::mutex> hold(http_connection_lock);
-    if (slot < 0 || slot >= HTTP_MAX_CONNECTIONS || http_slots[slot].socket < 0)
+    if (slot < 0 || slot >= HTTP_SLOT_ENTRIES || http_slots[slot].socket < 0)
         return;
-    http_slots[slot].socket = -1;
-    http_slots_used--;
+    http_slot& s = http_slots[slot];
+    if (s.leaving)
+        http_slots_leaving--;
+    else
+        http_slots_used--;
+    s.socket = -1;
+    s.leaving = 0;
 }
 
 int32_t HTTP_connection_count()
 {
     std::lock_guard<std::mutex> hold(http_connection_lock);
-    return http_slots_used;
+    return http_slots_used + http_slots_leaving;
 }
 
 void HTTP_connections_shutdown()
@@ -345,6 +485,7 @@ static int http_wait_request(HTTP_connection* c, HTTP_source* source)
         return 1;
     }
     char byte;
+    http_slot_waits(c);
     upnp_socket_set_recv_timeout(c->socket, http_idle_timeout);
     if (HTTP_recv_bytes(c->socket, &byte, 1, HTTP_RECV_PEEK) != 1)
         return 0;
@@ -438,7 +579,7 @@ static void http_linger(int32_t socket)
     }
 }
 
-static int http_dispatch(HTTP_request* r)
+static int http_dispatch(HTTP_connection* c, HTTP_request* r)
 {
     const HTTP_handler* h = HTTP_find_handler(r->method, r->url);
     if (!h)
@@ -449,7 +590,7 @@ static int http_dispatch(HTTP_request* r)
         http_linger(r->socket);
         return 1;
     }
-    int result = h->function(r);
+    int result = http_slot_busy(c) ? h->function(r) : 1;
     upnp_string_free(body);
     r->body = nullptr;
     return result;
@@ -480,7 +621,7 @@ int HTTP_send_receive(HTTP_connection* c)
     // These players stay connected in spite of HTTP/1.0.
     if (r->version == 10 && upnp_client_redsonic(r->client_id))
         r->close = 0;
-    int result = http_dispatch(r);
+    int result = http_dispatch(c, r);
     c->stream = r->stream;
     return r->close ? 1 : result;
 }

@@ -11,7 +11,8 @@
 // The route table and the default page are written only during start,
 // before any accept thread exists, and read without a lock afterwards.
 // Connections are tracked (per peer address and in all) so that limits can
-// refuse the next one at once and stop can wake every connection thread.
+// refuse the next one at once, a full table can make room by pushing out a
+// connection that waits, and stop can wake every connection thread.
 #pragma once
 #include <cstdint>
 
@@ -106,7 +107,9 @@ extern const char server_string[];
 // ---- Limits -------------------------------------------------------------
 
 // Limits that keep one peer from exhausting the server. The next connection
-// beyond a connection cap is accepted and closed at once, with a log line.
+// beyond a peer's cap is accepted and closed at once, with a log line. At
+// the total cap it pushes out the longest waiting connection of the address
+// that holds the most, and is refused only when every connection is busy.
 struct HTTP_limits {
     int32_t head_timeout_ms;        // a whole request head must arrive within this
     int32_t idle_timeout_ms;        // an idle keep-alive connection closes after this
@@ -162,8 +165,9 @@ void HTTP_receive(void* connection);
 // the socket over.
 int HTTP_send_receive(HTTP_connection* connection);
 
-// Live connections, and a wake-up for all of them: each socket is shut
-// down, so that its thread leaves whatever call it blocks in.
+// Live connections (those pushed out count until their thread has gone),
+// and a wake-up for all of them: each socket is shut down, so that its
+// thread leaves whatever call it blocks in.
 int32_t HTTP_connection_count();
 void HTTP_connections_shutdown();
 

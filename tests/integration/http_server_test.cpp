@@ -280,13 +280,15 @@ TEST_F(HttpServer, EachHostileRequestIsAnsweredOrDroppedAndAGoodRequestIsStillSe
     }
 }
 
-struct cap_case { int32_t per_peer, total; std::vector<const char*> held; const char* extra; };
+// busy: each held connection is inside a request, its answer stalled.
+struct cap_case { int32_t per_peer, total; std::vector<const char*> held; const char* extra; bool busy; };
 
 TEST_F(HttpServer, ConnectionsBeyondAPeersCapOrTheTotalCapAreRefusedAtOnce)
 {
     const cap_case cases[] = {
-        {3, HTTP_MAX_CONNECTIONS, {"127.0.0.5", "127.0.0.5", "127.0.0.5"}, "127.0.0.5"},
-        {HTTP_MAX_PER_PEER, 4, {"127.0.0.7", "127.0.0.8", "127.0.0.9", "127.0.0.10"}, "127.0.0.11"},
+        {3, HTTP_MAX_CONNECTIONS, {"127.0.0.5", "127.0.0.5", "127.0.0.5"}, "127.0.0.5", false},
+        // A full table pushes out a waiting connection, never a busy one.
+        {HTTP_MAX_PER_PEER, 4, {"127.0.0.7", "127.0.0.8", "127.0.0.9", "127.0.0.10"}, "127.0.0.11", true},
     };
     for (const cap_case& c : cases) {
         SCOPED_TRACE(c.extra);
@@ -294,8 +296,15 @@ TEST_F(HttpServer, ConnectionsBeyondAPeersCapOrTheTotalCapAreRefusedAtOnce)
         ASSERT_TRUE(test_eventually([] { return HTTP_connection_count() == 0; }));
         lower_limits(HTTP_HEAD_TIMEOUT_MS, HTTP_IDLE_TIMEOUT_MS, HTTP_SEND_TIMEOUT_MS, c.per_peer, c.total);
         std::vector<int> held;
-        for (const char* source : c.held)
+        for (const char* source : c.held) {
             held.push_back(connect_from(source));
+            char first;
+            if (c.busy) {
+                shrink_receive_buffer(held.back());
+                test_send_text(held.back(), "GET /t/big HTTP/1.1\r\nHost: a\r\n\r\n");
+                EXPECT_EQ(1, recv(held.back(), &first, 1, 0));
+            }
+        }
         EXPECT_TRUE(test_eventually([&] { return HTTP_connection_count() == int(held.size()); }));
         int extra = connect_from(c.extra);
         EXPECT_TRUE(test_closed_by_peer(extra, 2000));
@@ -307,7 +316,8 @@ TEST_F(HttpServer, ConnectionsBeyondAPeersCapOrTheTotalCapAreRefusedAtOnce)
     }
 }
 
-TEST_F(HttpServer, AThousandIdleConnectionsFromOnePeerDoNotStopAnother)
+// The descriptor limit, raised toward 4096 where the hard limit allows.
+rlim_t raise_descriptor_limit()
 {
     rlimit files{};
     getrlimit(RLIMIT_NOFILE, &files);
@@ -315,8 +325,14 @@ TEST_F(HttpServer, AThousandIdleConnectionsFromOnePeerDoNotStopAnother)
         files.rlim_cur = files.rlim_max < 4096 ? files.rlim_max : 4096;
         setrlimit(RLIMIT_NOFILE, &files);
     }
-    if (files.rlim_cur < 1200)
-        GTEST_SKIP() << "needs 1200 descriptors, has " << files.rlim_cur;
+    return files.rlim_cur;
+}
+
+TEST_F(HttpServer, AThousandIdleConnectionsFromOnePeerDoNotStopAnother)
+{
+    rlim_t files = raise_descriptor_limit();
+    if (files < 1200)
+        GTEST_SKIP() << "needs 1200 descriptors, has " << files;
     std::vector<int> held;
     for (int i = 0; i < 1000; i++) {
         held.push_back(connect_from("127.0.0.2", 2000));
@@ -325,6 +341,30 @@ TEST_F(HttpServer, AThousandIdleConnectionsFromOnePeerDoNotStopAnother)
     EXPECT_TRUE(test_eventually([] { return HTTP_connection_count() == HTTP_MAX_PER_PEER; }));
     still_serves("127.0.0.3");
     EXPECT_LE(HTTP_connection_count(), HTTP_MAX_PER_PEER + 1);
+    for (int s : held)
+        close(s);
+}
+
+// Half heads fill every slot long before the head limit would free one.
+TEST_F(HttpServer, HalfHeadsFromSixteenPeersFillingAllSlotsDoNotKeepAPlayerOut)
+{
+    rlim_t files = raise_descriptor_limit();
+    if (files < 3000)
+        GTEST_SKIP() << "needs 3000 descriptors, has " << files;
+    std::vector<int> held;
+    for (int peer = 2; peer <= 17; peer++) {
+        std::string source = "127.0.0." + std::to_string(peer);
+        for (int i = 0; i < 125; i++) {
+            held.push_back(connect_from(source.c_str(), 2000));
+            EXPECT_GE(held.back(), 0) << source << " connection " << i;
+            test_send_text(held.back(), "GET /t/info HTTP/1.1\r\nHost: a\r\n");
+        }
+    }
+    EXPECT_TRUE(test_eventually([] { return HTTP_connection_count() >= HTTP_MAX_CONNECTIONS; }));
+    for (int i = 0; i < 20; i++) {
+        SCOPED_TRACE(i);
+        still_serves("127.0.0.30");
+    }
     for (int s : held)
         close(s);
 }
