@@ -80,12 +80,7 @@ struct client_read {
 // client file has always been read, saturated instead of wrapping.
 static int32_t client_atoi(const char* p)
 {
-    const char* start = nullptr;
-    size_t n = upnp_atoi_field(p, &start);
-    int64_t value = 0;
-    if (n && !upnp_parse_i64(start, n, &value))
-        value = *start == '-' ? INT64_MIN : INT64_MAX;
-    return int32_t(std::clamp<int64_t>(value, INT32_MIN, INT32_MAX));
+    return upnp_parse_lenient_i32(p);
 }
 
 // ---- Loading ------------------------------------------------------------

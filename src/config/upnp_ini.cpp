@@ -192,12 +192,7 @@ const char* upnp_ini_get_string(int32_t id)
 // a value past the range clamps to its end instead of overflowing.
 int32_t upnp_ini_get_int(int32_t id)
 {
-    const char* start = nullptr;
-    size_t n = upnp_atoi_field(upnp_ini_get_string(id), &start);
-    int64_t v = 0;
-    if (n && !upnp_parse_i64(start, n, &v))
-        v = *start == '-' ? INT64_MIN : INT64_MAX;
-    return v > INT32_MAX ? INT32_MAX : v < INT32_MIN ? INT32_MIN : int32_t(v);
+    return upnp_parse_lenient_i32(upnp_ini_get_string(id));
 }
 
 int32_t upnp_ini_get_bool(int32_t id)

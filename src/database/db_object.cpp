@@ -896,12 +896,7 @@ static int32_t parse_duration(const char* text)
 // digits, anything behind them ignored), clamped to the 32 bits it is kept in.
 static int32_t parse_meta_int(const char* text)
 {
-    const char* start = nullptr;
-    size_t n = upnp_atoi_field(text, &start);
-    int64_t v = 0;
-    if (n && !upnp_parse_i64(start, n, &v))
-        v = *start == '-' ? INT64_MIN : INT64_MAX;
-    return v > INT32_MAX ? INT32_MAX : v < INT32_MIN ? INT32_MIN : int32_t(v);
+    return upnp_parse_lenient_i32(text);
 }
 
 static int apply_text(db_object* o, int32_t key, const char* value)

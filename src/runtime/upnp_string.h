@@ -83,6 +83,10 @@ size_t upnp_digit_run(const char* text, size_t limit);
 // digit; the result is the field's length, 0 when no digit follows. For the
 // readers that must stay as lenient as they always were.
 size_t upnp_atoi_field(const char* text, const char** start);
+// That field's value: 0 for none, and a value past the range saturates at
+// its end instead of wrapping. The second form clamps to 32 bits.
+int64_t upnp_parse_lenient(const char* text);
+int32_t upnp_parse_lenient_i32(const char* text);
 
 // Durations as the res element writes them: "H:MM:SS" or "H:MM:SS.mmm".
 char* upnp_time_from_ms(int64_t ms);

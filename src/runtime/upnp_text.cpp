@@ -106,6 +106,22 @@ size_t upnp_atoi_field(const char* text, const char** start)
     return digits ? sign + digits : 0;
 }
 
+int64_t upnp_parse_lenient(const char* text)
+{
+    const char* start = nullptr;
+    size_t n = upnp_atoi_field(text, &start);
+    int64_t v = 0;
+    if (n && !upnp_parse_i64(start, n, &v))
+        v = *start == '-' ? INT64_MIN : INT64_MAX;
+    return v;
+}
+
+int32_t upnp_parse_lenient_i32(const char* text)
+{
+    int64_t v = upnp_parse_lenient(text);
+    return v > INT32_MAX ? INT32_MAX : v < INT32_MIN ? INT32_MIN : int32_t(v);
+}
+
 // The historic form has no blanks and takes a '+' before the '-'; a value
 // past the range clamps rather than wrapping.
 int64_t upnp_atoi64(const char* text)
@@ -236,17 +252,6 @@ char* upnp_time_from_ms(int64_t ms)
     return strndup(text, 14);
 }
 
-// atoi's form of a field: blanks, a sign, the digits; a field past the
-// range clamps.
-static int64_t text_field(const char* p)
-{
-    const char* start = nullptr;
-    size_t n = upnp_atoi_field(p, &start);
-    int64_t v = 0;
-    if (n && !upnp_parse_i64(start, n, &v))
-        v = *start == '-' ? INT64_MIN : INT64_MAX;
-    return v;
-}
 
 // A sum or product past the range clamps to the side it overflowed on.
 static int64_t text_clamped_add(int64_t a, int64_t b)
@@ -269,7 +274,7 @@ int64_t upnp_time_to_ms(const char* text)
     int64_t total = 0;
     const char* p = text;
     for (int i = 0; i < 4 && p; i++) {
-        total = text_clamped_add(total, text_clamped_scale(text_field(p), scale[i]));
+        total = text_clamped_add(total, text_clamped_scale(upnp_parse_lenient(p), scale[i]));
         p = strchr(p, ':');
         if (p)
             p++;

@@ -330,12 +330,7 @@ const char* upnp_xml_get_value(upnp_xml_node* node, const char* name)
 // text behind it are allowed. A value past int's range clamps to its end.
 int upnp_xml_get_int(upnp_xml_node* node, const char* name)
 {
-    const char* start = nullptr;
-    size_t n = upnp_atoi_field(upnp_xml_get_value(node, name), &start);
-    int64_t v = 0;
-    if (n && !upnp_parse_i64(start, n, &v))
-        v = *start == '-' ? INT64_MIN : INT64_MAX;
-    return v < INT32_MIN ? INT32_MIN : v > INT32_MAX ? INT32_MAX : int(v);
+    return upnp_parse_lenient_i32(upnp_xml_get_value(node, name));
 }
 
 struct xml_entity {
@@ -353,12 +348,7 @@ static constexpr xml_entity xml_entities[] = {
 // 5 characters keeps the field short enough to fit.
 static int64_t xml_decimal_reference(const char* text)
 {
-    const char* start = nullptr;
-    size_t n = upnp_atoi_field(text, &start);
-    int64_t v = 0;
-    if (n)
-        upnp_parse_i64(start, n, &v);
-    return v;
+    return upnp_parse_lenient(text);
 }
 
 // A "&#" reference is taken only when its ';' comes within 5 characters;

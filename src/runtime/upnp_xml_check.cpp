@@ -167,12 +167,7 @@ static char* xml_cut(char** rest, const char* delimiters)
 // saturate, so they fail the limits.
 static long xml_number(const char* text)
 {
-    const char* start = nullptr;
-    size_t n = upnp_atoi_field(text, &start);
-    int64_t v = 0;
-    if (n && !upnp_parse_i64(start, n, &v))
-        v = *start == '-' ? INT64_MIN : INT64_MAX;
-    return v > INT_MAX ? INT_MAX : v < INT_MIN ? INT_MIN : long(v);
+    return upnp_parse_lenient_i32(text);
 }
 
 static bool xml_between(const char* field, long low, long high)
