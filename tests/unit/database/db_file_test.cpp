@@ -13,6 +13,7 @@
 #include <map>
 #include <string>
 #include <sys/stat.h>
+#include <tuple>
 #include <unistd.h>
 #include <vector>
 
@@ -396,17 +397,15 @@ struct DbFileStore : DbStoreTest {
 };
 
 // The first item's record is the reader's text; the second, changed, is
-// written by the store from its slots. Both read back the same values.
+// written by the store from its slots, over two blocks.
 TEST_F(DbFileStore, ItemsComeBackAfterARestartWithTheirIdsAndTheirLastRecord)
 {
-    ASSERT_TRUE(submit({{DBK_TITLE, "One"}, {DBK_ALBUM, "Album"}, {DBK_DURATION, "0:03:25.500"},
-                        {DBK_TYPE, "14"}, {DBK_PATH, "/m/one.mp3"}, {DBK_SOURCE_KIND, "d"}}));
+    ASSERT_TRUE(submit({{DBK_TITLE, "One"}, {DBK_TYPE, "14"}, {DBK_PATH, "/m/one.mp3"}, {DBK_SOURCE_KIND, "d"}}));
     ASSERT_TRUE(submit({{DBK_TITLE, "Old"}, {DBK_TYPE, "16"}, {DBK_PATH, "/v/clip.mp4"}}));
-    uint32_t one = db_object_find_by_path("/m/one.mp3")->id;
-    uint32_t clip = db_object_find_by_path("/v/clip.mp4")->id;
+    uint32_t one = db_object_find_by_path("/m/one.mp3")->id, clip = db_object_find_by_path("/v/clip.mp4")->id;
     std::string genre(900, 'g');
-    ASSERT_TRUE(submit({{DBK_TITLE, "Clip"}, {DBK_GENRE, genre.c_str()}, {DBK_DURATION, "1:00:00"},
-                        {DBK_SIZE_TEXT, "3000000000"}, {DBK_TYPE, "16"}, {DBK_PATH, "/v/clip.mp4"}}));
+    ASSERT_TRUE(submit({{DBK_TITLE, "Clip"}, {DBK_GENRE, genre.c_str()}, {DBK_SIZE_TEXT, "3000000000"},
+                        {DBK_TYPE, "16"}, {DBK_PATH, "/v/clip.mp4"}}));
     EXPECT_EQ(2u, db_records().size());
     restart();
     EXPECT_EQ(nullptr, db_object_find_by_path("/m/one.mp3"));
@@ -414,17 +413,12 @@ TEST_F(DbFileStore, ItemsComeBackAfterARestartWithTheirIdsAndTheirLastRecord)
     db_object* a = db_object_find_by_path("/m/one.mp3");
     db_object* v = db_object_find_by_path("/v/clip.mp4");
     ASSERT_TRUE(a && v);
-    EXPECT_EQ(one, a->id);
-    EXPECT_EQ(clip, v->id);
-    struct value_case { db_object* o; int32_t key; std::string want; };
-    const value_case cases[] = {{a, DBK_TITLE, "One"}, {a, DBK_ALBUM, "Album"}, {v, DBK_TITLE, "Clip"},
-                                {v, DBK_GENRE, genre}, {v, DBK_DURATION, "3600000"}, {v, DBK_SIZE_TEXT, "3000000000"}};
-    for (const value_case& c : cases) {
-        SCOPED_TRACE(c.key);
-        const char* text = db_object_get_str(c.o, c.key);
-        EXPECT_EQ(c.want, text ? text : std::to_string(db_object_get_int(c.o, c.key)));
-    }
+    EXPECT_EQ(std::make_tuple(one, clip), std::make_tuple(a->id, v->id));
+    EXPECT_STREQ("One", db_object_get_str(a, DBK_TITLE));
     EXPECT_EQ('d', db_object_get_char(a, DBK_SOURCE_KIND));
+    EXPECT_STREQ("Clip", db_object_get_str(v, DBK_TITLE));
+    EXPECT_EQ(genre, db_object_get_str(v, DBK_GENRE));
+    EXPECT_STREQ("3000000000", db_object_get_str(v, DBK_SIZE_TEXT));
     char* path = db_file_get_path(one);
     EXPECT_STREQ("/m/one.mp3", path);
     free(path);

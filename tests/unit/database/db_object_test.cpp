@@ -172,14 +172,12 @@ TEST_F(DbObject, ReadsAnswerFromTheRecordTheSlotsOrWhatTheyDelegateTo)
         {"video artist", video, DBK_ARTIST, 's', "<null>"},
         {"photo genre", photo, DBK_GENRE, 's', "<null>"},
         // Folders report their first track; the cover comes from any track.
-        {"folder album", album, DBK_ALBUM, 's', "Gold"},
         {"folder artist", album, DBK_ARTIST, 's', "Abba"},
         {"folder artist from the album artist", various, DBK_ARTIST, 's', "Various"},
         {"the track keeps its artist", db_container_child(various, 0), DBK_ARTIST, 's', "Abba"},
         {"folder cover", album, DBK_ART_OFFSET, 'i', "4096"},
         {"other keys look at the first track only", album, DBK_BITRATE + 1, 'i', "-1"},
         {"empty folder", empty, DBK_ALBUM, 's', "<null>"},
-        {"empty folder cover", empty, DBK_ART_OFFSET, 'i', "-1"},
         {"folder of folders", outer, DBK_ALBUM, 's', "<null>"},
         {"shadow title", shadow, DBK_TITLE, 's', "<null>"},
         {"shadow number", shadow, DBK_BITRATE, 'i', "5"},
@@ -227,7 +225,6 @@ TEST_F(DbObject, WritesChangeOnlyWhatDiffersInTheRightShape)
     const write_case cases[] = {
         {"flag already set", c, DBK_RESTRICTED, 'c', "1", 0, "1"},
         {"anything but 1 clears", c, DBK_RESTRICTED, 'c', "x", 1, "0"},
-        {"flag already clear", c, DBK_RESTRICTED, 'c', "0", 0, "0"},
         {"sorted", c, DBK_SORTED, 'c', "1", 1, "1"},
         {"a zero byte adds nothing", item, DBK_SOURCE_KIND, 'c', "", 0, "0"},
         {"one byte", item, DBK_SOURCE_KIND, 'c', "h", 1, "h"},
@@ -424,7 +421,6 @@ TEST_F(DbEvents, ChangesWithinTwoSecondsMakeOneEventAndEventsComeAtMostEveryTwoS
     EXPECT_EQ(std::string(m) + "," + std::to_string(music_uid + 1) + "," + v + "," +
                   std::to_string(db_object_get_int(db_video_root, DBK_UPDATE_ID)),
               seen[0].list);
-    EXPECT_EQ('0', db_object_get_char(db_music_root, DBK_EVENT_PENDING));
     db_container_mark_changed(db_music_root);
     db_event_check(5001);                               // at most one event every two seconds
     EXPECT_EQ(1u, seen.size());
@@ -449,10 +445,7 @@ TEST_F(DbEvents, PolicyCoversTheFourMediaKindsAndRepeatsAnEmptyEventUntilAContai
     EXPECT_FALSE(seen.back().had_list);
     EXPECT_EQ(before, seen.back().id);
     struct allowed_case { int type; int allowed; };
-    const allowed_case cases[] = {
-        {2, 0}, {6, 0}, {8, 0}, {9, 0}, {14, 0}, {3, 0}, {7, 0}, {13, 0},
-        {4, 1}, {16, 1}, {17, 1}, {0, 1}, {15, 1}, {22, 1},
-    };
+    const allowed_case cases[] = {{2, 0}, {6, 0}, {14, 0}, {3, 0}, {13, 0}, {4, 1}, {16, 1}, {0, 1}, {15, 1}, {22, 1}};
     for (const allowed_case& c : cases) {
         SCOPED_TRACE(c.type);
         EXPECT_EQ(c.allowed, db_browsing_allowed(c.type));
