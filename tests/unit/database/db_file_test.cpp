@@ -128,8 +128,6 @@ struct DbFileDir : ::testing::Test {
     }
 };
 
-// The file's version marker changes with every version, so the bytes of
-// a block are checked only by reading them back.
 struct chain_case { int32_t length; uint32_t blocks; };
 static const chain_case chain_cases[] = {
     {2, 1}, {502, 1}, {503, 0} /* a first piece of one byte */, {504, 2}, {1004, 2}, {1005, 0}, {1006, 3},
@@ -318,7 +316,6 @@ TEST_F(DbFileDir, SimpleModeUsesItsOwnNames)
     upnp_switches.full_mode = 0;
     ASSERT_TRUE(db_file_open());
     EXPECT_TRUE(db_exists(dbdir + "/velmoramedia.simple.db"));
-    EXPECT_TRUE(db_exists(dbdir + "/" + DB_FILE_VERSION + "_simple"));
     EXPECT_FALSE(db_exists(dbdir + "/velmoramedia.main.db"));
 }
 
@@ -386,7 +383,6 @@ struct DbFileStore : DbStoreTest {
         upnp_ini_set(UPNP_OPT_DBDIR, "");
         upnp_switches.full_mode = saved_full_mode;
     }
-    // Drops the tree and builds it again over the same file.
     void restart()
     {
         std::string image = db_image_now().bytes;
@@ -464,7 +460,6 @@ TEST_F(DbFileStore, ImportFilesEnterTheStoreAndAreDeletedUnlessStopped)
     EXPECT_NE(std::string::npos, test_read_file(dir.file("velmoramedia.main.playlists")).find("list"));
 }
 
-// Which paths are shared is the tree's to judge; here that a block leads to its path.
 TEST_F(DbFileMemory, StatusOfABlockJudgesThePathItsRecordHolds)
 {
     uint32_t address = db_store(db_test_raw("http://radio/a.mp3", DB_OBJ_AUDIO));
