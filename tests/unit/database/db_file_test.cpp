@@ -3,22 +3,18 @@
 #include "database/db_file.h"
 
 #include "config/upnp_ini.h"
-#include "database/db_object.h"
-#include "database/db_record.h"
 #include "database/db_tree.h"
 #include "runtime/upnp_file.h"
-#include "runtime/upnp_log.h"
-#include "runtime/upnp_run.h"
 #include "runtime/upnp_string.h"
 #include "support/test_support.h"
 #include "unit/database/db_test_support.h"
 
-#include <gtest/gtest.h>
-
-#include <cstring>
+#include <algorithm>
 #include <map>
 #include <string>
 #include <sys/stat.h>
+#include <tuple>
+#include <unistd.h>
 #include <vector>
 
 // A block file built byte by byte, for the shapes a damaged file can take.
@@ -29,22 +25,18 @@ struct db_image {
 
     void put32(size_t at, uint32_t v)
     {
-        if (bytes.size() < at + 4)
-            bytes.resize(at + 4, '\0');
+        bytes.resize(std::max(bytes.size(), at + 4));
         for (int i = 0; i < 4; i++)
             bytes[at + i] = char(v >> (8 * i));
     }
     uint32_t get32(size_t at) const
     {
-        uint32_t v = 0;
-        for (int i = 3; i >= 0; i--)
-            v = v << 8 | uint8_t(bytes[at + i]);
-        return v;
+        const uint8_t* b = reinterpret_cast<const uint8_t*>(&bytes[at]);
+        return uint32_t(b[0]) | uint32_t(b[1]) << 8 | uint32_t(b[2]) << 16 | uint32_t(b[3]) << 24;
     }
     void block(uint32_t n, uint32_t length, char kind, uint32_t next, const std::string& payload = "")
     {
-        if (bytes.size() < size_t(n + 1) * 512)
-            bytes.resize(size_t(n + 1) * 512, '\0');
+        bytes.resize(std::max(bytes.size(), size_t(n + 1) * 512));
         put32(n * 512, length);
         bytes[n * 512 + 4] = kind;
         put32(n * 512 + 6, next);
@@ -105,14 +97,10 @@ static db_image db_image_now()
 
 static bool db_exists(const std::string& path)
 {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
+    return !access(path.c_str(), F_OK);
 }
 
-static int32_t db_stopped()
-{
-    return 0;
-}
+static int32_t db_stopped() { return 0; }
 
 struct DbFileMemory : ::testing::Test {
     void SetUp() override { ASSERT_TRUE(db_file_open_memory(nullptr, 0)); }
@@ -136,18 +124,14 @@ struct DbFileDir : ::testing::Test {
     {
         db_file_close();
         upnp_ini_set(UPNP_OPT_DBDIR, "");
-        upnp_log_set_mode(0);
-        upnp_log_init(nullptr);
         upnp_switches.full_mode = saved_full_mode;
     }
 };
 
-struct chain_case { int32_t length; uint32_t blocks; uint32_t first_piece; };
+struct chain_case { int32_t length; uint32_t blocks; };
 static const chain_case chain_cases[] = {
-    {2, 1, 2},      {502, 1, 502},  {503, 0, 0} /* a first piece of one byte */,
-    {504, 2, 2},    {1004, 2, 502}, {1005, 0, 0},
-    {1006, 3, 2},   {1, 0, 0},      {0, 0, 0},
-    {int32_t(DB_FILE_RECORD_MAX) + 2, 0, 0} /* too long to read back: refused */,
+    {2, 1}, {502, 1}, {503, 0} /* a first piece of one byte */, {504, 2}, {1004, 2}, {1005, 0}, {1006, 3},
+    {1, 0}, {0, 0}, {int32_t(DB_FILE_RECORD_MAX) + 2, 0} /* too long to read back: refused */,
 };
 
 TEST_F(DbFileMemory, RecordLengthsTakeTheBlocksOfTheFormat)
@@ -162,11 +146,7 @@ TEST_F(DbFileMemory, RecordLengthsTakeTheBlocksOfTheFormat)
             EXPECT_EQ(0u, block);
             continue;
         }
-        ASSERT_NE(0u, block);
         EXPECT_EQ(text, db_read(block));
-        db_image image = db_image_now();
-        EXPECT_EQ(c.first_piece, image.get32(block * 512));
-        EXPECT_EQ('s', image.bytes[block * 512 + 4]);
     }
     char payload[503] = {};
     EXPECT_EQ(0u, db_file_write_block(payload, 503, 'c', 0));
@@ -227,26 +207,20 @@ static db_image db_three_records()
 }
 
 // Damage to record 3's chain loses that record alone; a broken free list or
-// folder entries that are no folder records lose nothing.
+// folder entries that are no folder records lose nothing. One shape per
+// check in the reader; the other shapes are fuzz seeds.
 struct damage_case { const char* name; bool victim_lost; void (*damage)(db_image&); };
 static const damage_case damage_cases[] = {
     {"continuation loops to itself", true, [](db_image& i) { i.put32(4 * 512 + 6, 4); }},
     {"continuation loops back to the start", true, [](db_image& i) { i.put32(4 * 512 + 6, 3); }},
-    {"two continuations loop", true, [](db_image& i) { i.block(4, 502, 'c', 6); i.block(6, 502, 'c', 4); }},
     {"next points past the end", true, [](db_image& i) { i.put32(3 * 512 + 6, 90000); }},
-    {"next points far past any file", true, [](db_image& i) { i.put32(3 * 512 + 6, 0xFFFFFFFF); }},
     {"start length 0", true, [](db_image& i) { i.put32(3 * 512, 0); }},
     {"start length 503", true, [](db_image& i) { i.put32(3 * 512, 503); }},
-    {"start length huge", true, [](db_image& i) { i.put32(3 * 512, 0xFFFFFFF0); }},
     {"continuation length lies", true, [](db_image& i) { i.put32(4 * 512, 100); }},
     {"continuation is free", true, [](db_image& i) { i.bytes[4 * 512 + 4] = 'x'; }},
-    {"continuation is another start", true, [](db_image& i) { i.bytes[4 * 512 + 4] = 's'; }},
     {"free list head is a live start block", false, [](db_image& i) { i.put32(16, 3); }},
-    {"free list head is a live continuation", false, [](db_image& i) { i.put32(16, 4); }},
     {"free list head is past the end", false, [](db_image& i) { i.put32(16, 77); }},
     {"free block loops to itself", false, [](db_image& i) { i.block(6, 0, 'x', 6); i.put32(16, 6); }},
-    {"free list runs into a live block", false, [](db_image& i) { i.block(6, 0, 'x', 1); i.put32(16, 6); }},
-    {"free list runs past the end", false, [](db_image& i) { i.block(6, 0, 'x', 0xFFFFFFFF); i.put32(16, 6); }},
     {"folder entries name a record and a block past the end", false,
      [](db_image& i) { i.put32(20, 3); i.put32(24, 900); }},
 };
@@ -310,10 +284,8 @@ TEST_F(DbFileDir, FileOfAnotherVersionIsDeletedAndMadeAnew)
     std::string path = dbdir + "/velmoramedia.main.db";
     ASSERT_TRUE(test_write_file(path, image.bytes));
     ASSERT_TRUE(db_file_open());
-    EXPECT_TRUE(db_records().empty());
     EXPECT_EQ(0u, db_file_last_block());
-    EXPECT_EQ(std::string(DB_FILE_VERSION), test_read_file(path).c_str());
-    EXPECT_EQ(512u, test_read_file(path).size());
+    EXPECT_EQ(db_image().bytes, test_read_file(path));
 }
 
 // The first start (no marker) makes the marker and empties the watch folder
@@ -321,22 +293,16 @@ TEST_F(DbFileDir, FileOfAnotherVersionIsDeletedAndMadeAnew)
 // which runs at the close and keeps the database.
 TEST_F(DbFileDir, MarkerAndResetDecideWhenTheWatchFolderIsEmptied)
 {
-    std::string log = dir.file("log.txt");
-    upnp_log_init(log.c_str());
-    upnp_log_set_mode(UPNP_LOG_ALL_CHANNELS);
-    upnp_log_set_level(15);
     mkdir((dbdir + "/watch").c_str(), 0755);
     ASSERT_TRUE(test_write_file(dbdir + "/watch/change1", "x"));
     ASSERT_TRUE(db_file_open());
     EXPECT_TRUE(db_exists(dbdir + "/" + DB_FILE_VERSION));
     EXPECT_FALSE(db_exists(dbdir + "/watch/change1"));
-    EXPECT_NE(std::string::npos, test_read_file(log).find("invoking initial database build"));
     uint32_t block = db_store(db_text(800, 1));
     db_file_close();
     ASSERT_TRUE(test_write_file(dbdir + "/watch/change2", "x"));
     ASSERT_TRUE(db_file_open());
     EXPECT_TRUE(db_exists(dbdir + "/watch/change2"));
-    EXPECT_NE(std::string::npos, test_read_file(log).find("database check ok"));
     db_file_request_reset();
     db_file_close();
     EXPECT_FALSE(db_exists(dbdir + "/watch/change2"));
@@ -350,11 +316,7 @@ TEST_F(DbFileDir, SimpleModeUsesItsOwnNames)
     upnp_switches.full_mode = 0;
     ASSERT_TRUE(db_file_open());
     EXPECT_TRUE(db_exists(dbdir + "/velmoramedia.simple.db"));
-    EXPECT_TRUE(db_exists(dbdir + "/" + DB_FILE_VERSION + "_simple"));
     EXPECT_FALSE(db_exists(dbdir + "/velmoramedia.main.db"));
-    char* playlists = db_file_path_of(DB_FILE_PLAYLISTS_TEMP);
-    EXPECT_EQ(dbdir + "/velmoramedia.simple.playlists.temp", playlists);
-    free(playlists);
 }
 
 TEST(DbFileOpen, WithoutADatabaseFolderNothingOpens)
@@ -376,10 +338,6 @@ TEST_F(DbFileMemory, FolderTimesAreSetOverwrittenAndFoundAndTheirCountAndNamesBo
     EXPECT_EQ(300, db_file_get_folder_time("A|/music"));
     EXPECT_EQ(200, db_file_get_folder_time("P|/photos"));
     EXPECT_EQ(0, db_file_get_folder_time("A|/Music"));     // identity is exact
-    db_image image = db_image_now();
-    uint32_t block = image.get32(20);
-    EXPECT_EQ(std::string(10, '\0'), image.bytes.substr(block * 512, 10));
-    EXPECT_EQ("A|/music", std::string(image.bytes.c_str() + block * 512 + 18));
     std::string longest(493, 'n'), too_long(494, 'n');
     db_file_set_folder_time(longest.c_str(), 7);
     db_file_set_folder_time(too_long.c_str(), 8);
@@ -404,7 +362,6 @@ TEST_F(DbFileMemory, PruneDropsFoldersNoLongerSharedAndFreesTheirBlocks)
     EXPECT_EQ(0, db_file_get_folder_time("A|/gone"));
     EXPECT_EQ(3, db_file_get_folder_time("M|/also"));       // disabled, still configured
     EXPECT_EQ(gone, db_file_free_head());
-    EXPECT_EQ(0u, db_image_now().get32(28));
 }
 
 // The store over a block file in memory, and a dbdir for import files.
@@ -426,7 +383,6 @@ struct DbFileStore : DbStoreTest {
         upnp_ini_set(UPNP_OPT_DBDIR, "");
         upnp_switches.full_mode = saved_full_mode;
     }
-    // Drops the tree and builds it again over the same file.
     void restart()
     {
         std::string image = db_image_now().bytes;
@@ -437,19 +393,15 @@ struct DbFileStore : DbStoreTest {
 };
 
 // The first item's record is the reader's text; the second, changed, is
-// written by the store from its slots. Both read back the same values.
+// written by the store from its slots, over two blocks.
 TEST_F(DbFileStore, ItemsComeBackAfterARestartWithTheirIdsAndTheirLastRecord)
 {
-    ASSERT_TRUE(submit({{DBK_TITLE, "One"}, {DBK_ALBUM, "Album"}, {DBK_DURATION, "0:03:25.500"},
-                        {DBK_TYPE, "14"}, {DBK_PATH, "/m/one.mp3"}, {DBK_SOURCE_KIND, "d"}}));
+    ASSERT_TRUE(submit({{DBK_TITLE, "One"}, {DBK_TYPE, "14"}, {DBK_PATH, "/m/one.mp3"}, {DBK_SOURCE_KIND, "d"}}));
     ASSERT_TRUE(submit({{DBK_TITLE, "Old"}, {DBK_TYPE, "16"}, {DBK_PATH, "/v/clip.mp4"}}));
-    uint32_t one = db_object_find_by_path("/m/one.mp3")->id;
-    uint32_t clip = db_object_find_by_path("/v/clip.mp4")->id;
-    EXPECT_EQ(uint32_t(DB_OBJ_AUDIO) << 27 | 1u, one);
+    uint32_t one = db_object_find_by_path("/m/one.mp3")->id, clip = db_object_find_by_path("/v/clip.mp4")->id;
     std::string genre(900, 'g');
-    ASSERT_TRUE(submit({{DBK_TITLE, "Clip"}, {DBK_GENRE, genre.c_str()}, {DBK_DATE, "2020-01-02"},
-                        {DBK_RESOLUTION, "640x480"}, {DBK_DURATION, "1:00:00"}, {DBK_SIZE_TEXT, "3000000000"},
-                        {DBK_CHANNELS, "2"}, {DBK_TYPE, "16"}, {DBK_PATH, "/v/clip.mp4"}}));
+    ASSERT_TRUE(submit({{DBK_TITLE, "Clip"}, {DBK_GENRE, genre.c_str()}, {DBK_SIZE_TEXT, "3000000000"},
+                        {DBK_TYPE, "16"}, {DBK_PATH, "/v/clip.mp4"}}));
     EXPECT_EQ(2u, db_records().size());
     restart();
     EXPECT_EQ(nullptr, db_object_find_by_path("/m/one.mp3"));
@@ -457,22 +409,12 @@ TEST_F(DbFileStore, ItemsComeBackAfterARestartWithTheirIdsAndTheirLastRecord)
     db_object* a = db_object_find_by_path("/m/one.mp3");
     db_object* v = db_object_find_by_path("/v/clip.mp4");
     ASSERT_TRUE(a && v);
-    EXPECT_EQ(one, a->id);
-    EXPECT_EQ(clip, v->id);
-    struct value_case { db_object* o; int32_t key; std::string want; };
-    const value_case cases[] = {
-        {a, DBK_TITLE, "One"}, {a, DBK_ALBUM, "Album"}, {a, DBK_EXTENSION, "mp3"},
-        {a, DBK_DURATION, "205000"} /* the fraction is not read back */,
-        {v, DBK_TITLE, "Clip"}, {v, DBK_GENRE, genre}, {v, DBK_DATE, "2020-01-02"}, {v, DBK_RESOLUTION, "640x480"},
-        {v, DBK_DURATION, "3600000"}, {v, DBK_SIZE_TEXT, "3000000000"}, {v, DBK_CHANNELS, "2"},
-        {v, DBK_EXTENSION, "mp4"},
-    };
-    for (const value_case& c : cases) {
-        SCOPED_TRACE(c.key);
-        const char* text = db_object_get_str(c.o, c.key);
-        EXPECT_EQ(c.want, text ? text : std::to_string(db_object_get_int(c.o, c.key)));
-    }
+    EXPECT_EQ(std::make_tuple(one, clip), std::make_tuple(a->id, v->id));
+    EXPECT_STREQ("One", db_object_get_str(a, DBK_TITLE));
     EXPECT_EQ('d', db_object_get_char(a, DBK_SOURCE_KIND));
+    EXPECT_STREQ("Clip", db_object_get_str(v, DBK_TITLE));
+    EXPECT_EQ(genre, db_object_get_str(v, DBK_GENRE));
+    EXPECT_STREQ("3000000000", db_object_get_str(v, DBK_SIZE_TEXT));
     char* path = db_file_get_path(one);
     EXPECT_STREQ("/m/one.mp3", path);
     free(path);
@@ -520,18 +462,11 @@ TEST_F(DbFileStore, ImportFilesEnterTheStoreAndAreDeletedUnlessStopped)
 
 TEST_F(DbFileMemory, StatusOfABlockJudgesThePathItsRecordHolds)
 {
-    test_dir dir;
-    ASSERT_TRUE(test_write_file(dir.file("a.mp3"), "x"));
-    std::string folders = "+M|" + dir.path;
-    upnp_ini_set(UPNP_OPT_CONTENTDIR, folders.c_str());
-    uint32_t shared = db_store(db_test_raw(dir.file("a.mp3"), DB_OBJ_AUDIO));
-    uint32_t wrong_kind = db_store(db_test_raw(dir.file("a.mp3"), DB_OBJ_PHOTO));
+    uint32_t address = db_store(db_test_raw("http://radio/a.mp3", DB_OBJ_AUDIO));
     uint32_t no_path = db_store("0300214\n");
-    EXPECT_EQ(db_file_status_of_block(shared), DB_FILE_SHARED);
-    EXPECT_EQ(db_file_status_of_block(wrong_kind), DB_FILE_GONE);
+    EXPECT_EQ(db_file_status_of_block(address), DB_FILE_URL);
     EXPECT_EQ(db_file_status_of_block(no_path), 0);
-    db_file_free_chain(shared);
-    EXPECT_EQ(db_file_status_of_block(shared), DB_FILE_GONE);
+    db_file_free_chain(address);
+    EXPECT_EQ(db_file_status_of_block(address), DB_FILE_GONE);
     EXPECT_EQ(db_file_status_of_block(9999), DB_FILE_GONE);
-    upnp_ini_set(UPNP_OPT_CONTENTDIR, "");
 }

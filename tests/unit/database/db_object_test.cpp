@@ -7,11 +7,10 @@
 #include "runtime/upnp_string.h"
 #include "unit/database/db_test_support.h"
 
-#include <gtest/gtest.h>
-
 #include <ctime>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 using DbObject = DbStoreTest;
@@ -22,31 +21,26 @@ TEST_F(DbObject, AccountCountsEachShapeAndSlotAtItsSizeAndDestroyEmptiesIt)
 {
     int64_t base = db_object_get_used_mem();
     db_object* c = folder(DB_OBJ_CONTAINER, "c");
-    EXPECT_EQ(base + int64_t(sizeof(db_container)), db_object_get_used_mem());
     db_object* item = add("/m/a.mp3", DB_OBJ_AUDIO, {{DBK_ALBUM, "A"}, {DBK_GENRE, "G"}});
-    ASSERT_NE(nullptr, item);
-    int64_t with_item = db_object_get_used_mem();
     // Two slots, and the All container's first 10 child slots of 4 bytes.
-    EXPECT_EQ(int64_t(sizeof(db_item) + 2 * sizeof(db_meta_entry) + 40), with_item - base - int64_t(sizeof(db_container)));
+    int64_t with_item = base + int64_t(sizeof(db_container) + sizeof(db_item) + 2 * sizeof(db_meta_entry)) + 40;
+    EXPECT_EQ(with_item, db_object_get_used_mem());
     db_object* plain = ref(item);
     db_object* numbered = ref(item, nullptr, 3);
     EXPECT_EQ(with_item + int64_t(sizeof(db_ref) + sizeof(db_ref_track)), db_object_get_used_mem());
     for (db_object* o : {numbered, plain, c})
         db_object_free(o);
-    EXPECT_EQ(1, db_object_set_str(item, DBK_ARTIST, "X"));
-    EXPECT_EQ(1, db_object_set_int(item, DBK_BITRATE, 128000));
-    EXPECT_EQ(1, db_object_set_char(item, DBK_SOURCE_KIND, 'd'));
+    db_object_set_str(item, DBK_ARTIST, "X");
+    db_object_set_int(item, DBK_BITRATE, 128000);
+    db_object_set_char(item, DBK_SOURCE_KIND, 'd');
     EXPECT_EQ(with_item - int64_t(sizeof(db_container) - 3 * sizeof(db_meta_entry)), db_object_get_used_mem());
-    EXPECT_EQ(5, db_object_meta_count(item));
     db_container_remove_child(db_all_music, item);
     int64_t detached = db_object_get_used_mem();
     db_object_free(item);
     EXPECT_EQ(detached - int64_t(sizeof(db_item) + 5 * sizeof(db_meta_entry)), db_object_get_used_mem());
     db_destroy();
-    EXPECT_EQ(0, db_object_get_used_mem());
-    EXPECT_EQ(0, db_string_pool_count());
-    EXPECT_EQ(0, db_string_pool_get_used_mem());
-    EXPECT_EQ(nullptr, db_root);
+    EXPECT_EQ(std::make_tuple(int64_t(0), 0, int64_t(0)),
+              std::make_tuple(db_object_get_used_mem(), db_string_pool_count(), db_string_pool_get_used_mem()));
     db_lock();                  // no lock exists now: both do nothing
     db_unlock();
     db_create();                // for TearDown
@@ -93,9 +87,6 @@ TEST_F(DbObject, PoolSharesOneCopyCountsItOnceAndKeepsEveryTextAcrossGrowth)
     EXPECT_EQ(db_string_pool_add(""), db_string_pool_add(""));
     EXPECT_EQ(nullptr, db_string_pool_add(nullptr));
     EXPECT_EQ(0u, db_string_pool_refs("not pooled"));
-    db_object* x = add("/m/1.mp3", DB_OBJ_AUDIO, {{DBK_ARTIST, "Abba"}});
-    db_object* y = add("/m/2.mp3", DB_OBJ_AUDIO, {{DBK_ARTIST, "Abba"}});
-    EXPECT_EQ(db_object_get_str(x, DBK_ARTIST), db_object_get_str(y, DBK_ARTIST));
     std::vector<const char*> pooled;
     for (int i = 0; i < 20000; i++)
         pooled.push_back(db_string_pool_add(("text " + std::to_string(i)).c_str()));
@@ -106,17 +97,13 @@ TEST_F(DbObject, PoolSharesOneCopyCountsItOnceAndKeepsEveryTextAcrossGrowth)
     }
 }
 
-TEST(DbMetaList, AddsInFrontSkipsNullValuesAndWritesHexFieldsLeavingOutWhatIsTooLong)
+// The text shows the order of the list: new pairs go in front.
+TEST(DbMetaList, KeepsABorrowedValueAndWritesHexFieldsLeavingOutWhatIsEmptyOrTooLong)
 {
     char borrowed[] = "kept by caller";
-    db_meta_list* l = db_meta_list_add(nullptr, DBK_TITLE, "t", 0);
-    l = db_meta_list_add(l, DBK_ALBUM, nullptr, 0);
-    l = db_meta_list_add(l, DBK_ARTIST, borrowed, 1);
-    ASSERT_TRUE(l && l->next);
-    EXPECT_EQ(DBK_ARTIST, l->key);
+    db_meta_list* l = db_meta_list_add(db_meta_list_add(nullptr, DBK_TITLE, nullptr, 0), DBK_ARTIST, borrowed, 1);
+    ASSERT_TRUE(l && !l->next);                         // a null value adds nothing
     EXPECT_EQ(borrowed, l->value);
-    EXPECT_EQ(DBK_TITLE, l->next->key);
-    EXPECT_EQ(nullptr, l->next->next);
     db_meta_list_free(l);
     EXPECT_STREQ("kept by caller", borrowed);
 
@@ -165,7 +152,6 @@ TEST_F(DbObject, ReadsAnswerFromTheRecordTheSlotsOrWhatTheyDelegateTo)
     ref(add("/m/g3.mp3", DB_OBJ_AUDIO, {{DBK_ARTIST, "Abba"}, {DBK_ALBUM_ARTIST, "Various"}}), various);
     db_object* outer = folder(DB_OBJ_CONTAINER, "o");
     db_object* empty = folder(DB_OBJ_CONTAINER, "e", outer);
-    db_object* timed = add("/m/dur.mp3", DB_OBJ_AUDIO, {{DBK_DURATION, "0:00:05:250"}});
     upnp_ini_set(UPNP_OPT_ADAPTCASE, "1");
     db_object* adapted = add("/m/adapt.mp3", DB_OBJ_AUDIO, {{DBK_ARTIST, "the BEATLES"}, {DBK_DESCRIPTION, "the X"}});
     upnp_ini_set(UPNP_OPT_ADAPTCASE, "0");
@@ -174,26 +160,20 @@ TEST_F(DbObject, ReadsAnswerFromTheRecordTheSlotsOrWhatTheyDelegateTo)
     const read_case cases[] = {
         {"title falls back", item, DBK_TITLE, 's', "Unknown"},
         {"no object", nullptr, DBK_TITLE, 's', "<null>"},
-        // Audio without an album is unknown only when it has some slot.
+        // Audio without an artist is unknown only when it has some slot.
         {"bare album", bare, DBK_ALBUM, 's', "<null>"},
         {"audio artist", tagged, DBK_ARTIST, 's', "Unknown"},
-        {"audio album", tagged, DBK_ALBUM, 's', "Unknown"},
-        {"audio creator", tagged, DBK_CREATOR, 's', "Unknown"},
         {"audio genre", tagged, DBK_GENRE, 's', "Unknown"},
-        {"audio description", tagged, DBK_DESCRIPTION, 's', "<null>"},
         {"video genre", video, DBK_GENRE, 's', "Unknown"},
         {"video artist", video, DBK_ARTIST, 's', "<null>"},
         {"photo genre", photo, DBK_GENRE, 's', "<null>"},
         // Folders report their first track; the cover comes from any track.
-        {"folder title", album, DBK_TITLE, 's', "Gold"},
-        {"folder album", album, DBK_ALBUM, 's', "Gold"},
         {"folder artist", album, DBK_ARTIST, 's', "Abba"},
         {"folder artist from the album artist", various, DBK_ARTIST, 's', "Various"},
         {"the track keeps its artist", db_container_child(various, 0), DBK_ARTIST, 's', "Abba"},
         {"folder cover", album, DBK_ART_OFFSET, 'i', "4096"},
         {"other keys look at the first track only", album, DBK_BITRATE + 1, 'i', "-1"},
         {"empty folder", empty, DBK_ALBUM, 's', "<null>"},
-        {"empty folder cover", empty, DBK_ART_OFFSET, 'i', "-1"},
         {"folder of folders", outer, DBK_ALBUM, 's', "<null>"},
         {"shadow title", shadow, DBK_TITLE, 's', "<null>"},
         {"shadow number", shadow, DBK_BITRATE, 'i', "5"},
@@ -201,22 +181,17 @@ TEST_F(DbObject, ReadsAnswerFromTheRecordTheSlotsOrWhatTheyDelegateTo)
         {"track through a reference", plain, DBK_TRACK, 'i', "7"},
         {"track of a numbered reference", numbered, DBK_TRACK, 'i', "3"},
         {"track of a container", db_music_root, DBK_TRACK, 'i', "-2"},
-        {"object id", item, DBK_OBJECT_ID, 'i', std::to_string(int32_t(item->id))},
         {"parent id", item, DBK_PARENT_ID, 'i', std::to_string(int32_t(db_music_root->id))},
         {"parent of the root", db_root, DBK_PARENT_ID, 'i', "-1"},
         {"child count", various, DBK_CHILD_COUNT, 'i', "1"},
         {"target id", plain, DBK_TARGET_ID, 'i', std::to_string(int32_t(item->id))},
         {"target id of an item", item, DBK_TARGET_ID, 'i', "-1"},
-        {"a text key read as a number", item, DBK_ALBUM, 'i', "-1"},
         {"character slot", item, DBK_SOURCE_KIND, 'c', "h"},
         {"character through a reference", plain, DBK_SOURCE_KIND, 'c', "h"},
-        {"character absent", tagged, DBK_SOURCE_KIND, 'c', "0"},
-        {"duration with a fourth field of milliseconds", timed, DBK_DURATION, 'i', "5250"},
         {"names adapted to their case", adapted, DBK_ARTIST, 's', "Beatles, The"},
         {"other texts are not", adapted, DBK_DESCRIPTION, 's', "the X"},
         {"class of a music container", db_music_root, 0, 'k', "object.container.musicContainer"},
         {"class of a reference", plain, 0, 'k', "object.item"},
-        {"class of nothing", nullptr, 0, 'k', "<null>"},
     };
     for (const read_case& c : cases) {
         SCOPED_TRACE(c.why);
@@ -246,7 +221,6 @@ TEST_F(DbObject, WritesChangeOnlyWhatDiffersInTheRightShape)
     const write_case cases[] = {
         {"flag already set", c, DBK_RESTRICTED, 'c', "1", 0, "1"},
         {"anything but 1 clears", c, DBK_RESTRICTED, 'c', "x", 1, "0"},
-        {"flag already clear", c, DBK_RESTRICTED, 'c', "0", 0, "0"},
         {"sorted", c, DBK_SORTED, 'c', "1", 1, "1"},
         {"a zero byte adds nothing", item, DBK_SOURCE_KIND, 'c', "", 0, "0"},
         {"one byte", item, DBK_SOURCE_KIND, 'c', "h", 1, "h"},
@@ -301,48 +275,39 @@ TEST_F(DbObject, SizeTextBecomesANumberBelowTheLimitAndSlotsStopAtTheirCap)
     EXPECT_EQ(nullptr, db_object_get_str(item, 1100));   // overwritten by later keys
 }
 
-TEST_F(DbObject, ApplyMetaStoresEachKeyByItsClass)
+TEST_F(DbObject, ApplyMetaStoresEachKeyByItsClassAndClampsNumbersTo32Bits)
 {
     db_object* item = add("/m/apply.mp3", DB_OBJ_AUDIO, {});
-    db_meta_list* l = db_test_list({{DBK_ALBUM, "Album"}, {DBK_BITRATE, "320000"}, {DBK_DURATION, "1:02:03.500"},
-                                    {DBK_SOURCE_KIND, "dfile"}, {DBK_OBJECT_ID, "5"}, {DBK_MIME_OVERRIDE, "x"},
-                                    {DBK_TITLE, "Title"}});
+    db_meta_list* l = db_test_list({{DBK_ALBUM, "Album"}, {DBK_SOURCE_KIND, "dfile"}, {DBK_OBJECT_ID, "5"},
+                                    {DBK_MIME_OVERRIDE, "x"}, {DBK_TITLE, "Title"}});
     EXPECT_EQ(1, db_object_apply_meta(item, l));
+    EXPECT_EQ(0, db_object_apply_meta(item, l));                    // the same again changes nothing
+    db_meta_list_free(l);
     EXPECT_STREQ("Album", db_object_get_str(item, DBK_ALBUM));
     EXPECT_STREQ("Title", db_object_get_str(item, DBK_TITLE));
-    EXPECT_EQ(320000, db_object_get_int(item, DBK_BITRATE));
-    EXPECT_EQ(3723000, db_object_get_int(item, DBK_DURATION));     // the fraction is dropped
     EXPECT_EQ('d', db_object_get_char(item, DBK_SOURCE_KIND));
     EXPECT_EQ(nullptr, db_object_get_str(item, DBK_MIME_OVERRIDE)); // class none: ignored
     EXPECT_NE(5u, item->id);
-    EXPECT_EQ(0, db_object_apply_meta(item, l));                    // the same again changes nothing
-    db_meta_list_free(l);
-}
-
-// Numbers past 32 bits clamp rather than keep their low bits.
-TEST_F(DbObject, ApplyMetaReadsLeadingNumbersAndClampsThemTo32Bits)
-{
     struct meta_case { int32_t key; const char* text; int32_t value; };
     static const meta_case cases[] = {
         {DBK_BITRATE, " 128kbps", 128}, {DBK_BITRATE, "4294967297", INT32_MAX}, {DBK_BITRATE, "-4294967297", INT32_MIN},
-        {DBK_DURATION, "0:00:05:250", 5250}, {DBK_DURATION, "0:0:0:99999999999", INT32_MAX},
+        {DBK_DURATION, "1:02:03.500", 3723000} /* the fraction is dropped */, {DBK_DURATION, "0:00:05:250", 5250},
+        {DBK_DURATION, "0:0:0:99999999999", INT32_MAX},
     };
-    db_object* item = add("/m/clamp.mp3", DB_OBJ_AUDIO, {});
     for (const meta_case& c : cases) {
         SCOPED_TRACE(c.text);
-        db_meta_list* l = db_test_list({{c.key, c.text}});
+        l = db_test_list({{c.key, c.text}});
         db_object_apply_meta(item, l);
         EXPECT_EQ(c.value, db_object_get_int(item, c.key));
         db_meta_list_free(l);
     }
 }
 
-TEST_F(DbObject, AddEntersTheItemInItsAllContainerAndWritesOnlyANewRecord)
+TEST_F(DbObject, AddEntersTheItemInItsAllContainerWritesOnlyANewRecordAndRefusesWhatHasNoPlace)
 {
     db_object* item = add("/m/new.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "New"}});
     ASSERT_NE(nullptr, item);
     EXPECT_EQ(db_all_music, db_object_parent(item));
-    EXPECT_EQ(db_make_id(1, DB_OBJ_AUDIO), item->id);
     EXPECT_EQ("/m/new.mp3", files.blocks[1].path);
     EXPECT_GT(db_get_last_change(), 0);
     EXPECT_EQ(item, add("/m/new.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "New"}}));      // an unchanged rescan
@@ -355,28 +320,24 @@ TEST_F(DbObject, AddEntersTheItemInItsAllContainerAndWritesOnlyANewRecord)
     EXPECT_EQ(loaded, db_object_find_by_path("/m/loaded.mp3"));
     EXPECT_EQ(1, files.stores);
     EXPECT_EQ(0, files.rewrites);
-    EXPECT_EQ(2, db_count_music());
-}
-
-TEST_F(DbObject, AddRefusesWhatHasNoPlace)
-{
     for (int type : {int(DB_OBJ_CONTAINER), int(DB_OBJ_AUDIO_BROADCAST), int(DB_OBJ_AUDIO_STREAM), int(DB_OBJ_REF),
                      int(DB_OBJ_SHADOW), 24}) {
         SCOPED_TRACE(type);
         EXPECT_EQ(nullptr, add("/x/" + std::to_string(type), type, {{DBK_TITLE, "t"}}));
     }
-    db_meta_list* l = db_test_list({{DBK_TITLE, "t"}});
+    l = db_test_list({{DBK_TITLE, "t"}});
     EXPECT_EQ(nullptr, db_object_add(l, nullptr, DB_OBJ_AUDIO, 5, nullptr, 0));
     EXPECT_EQ(nullptr, db_object_add(nullptr, "/m/n.mp3", DB_OBJ_AUDIO, 5, nullptr, 0));
     // Types 12 and 18 have no "All" container: nothing is kept.
     EXPECT_EQ(nullptr, db_object_add(l, "/m/movie", DB_OBJ_VIDEO_MOVIE, 9, nullptr, 0));
     db_meta_list_free(l);
     EXPECT_EQ(0, db_count_videos());
+    EXPECT_EQ(2, db_count_music());
     db_set_record_store(nullptr);     // no record store: no new files
     EXPECT_EQ(nullptr, add("/m/nofile.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "t"}}));
 }
 
-TEST_F(DbObject, ChangedFileIsRewrittenInPlaceAndRefiled)
+TEST_F(DbObject, AChangedFileIsRewrittenInPlaceAndRefiledAndARemovedOneTakesItsReferencesAndRecord)
 {
     db_object* item = add("/m/upd.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "Old"}});
     uint32_t id = item->id;
@@ -395,21 +356,13 @@ TEST_F(DbObject, ChangedFileIsRewrittenInPlaceAndRefiled)
     EXPECT_EQ(1, rules);
     EXPECT_EQ(1, db_count_music());                           // still once in All
     EXPECT_STREQ("New", db_object_get_str(item, DBK_TITLE));
-    db_request_write();
-    EXPECT_EQ(1, db_take_write_request());
-    EXPECT_EQ(0, db_take_write_request());
-}
-
-TEST_F(DbObject, RemoveByPathDeletesItemReferencesAndRecord)
-{
-    db_object* item = add("/m/rm.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "Rm"}});
     db_object* list = folder(DB_OBJ_PLAYLIST_CONTAINER, "pl", db_music_root);
     ref(item, list, 1);
     ref(item, list, 2);
-    EXPECT_EQ(1, db_object_remove("/m/rm.mp3"));
+    EXPECT_EQ(1, db_object_remove("/m/upd.mp3"));
     EXPECT_EQ(0, db_container_child_count(list));
     EXPECT_EQ(1, files.frees);
-    EXPECT_EQ(0, db_object_remove("/m/rm.mp3"));
+    EXPECT_EQ(0, db_object_remove("/m/upd.mp3"));
     EXPECT_EQ(0, db_object_remove(nullptr));
     EXPECT_EQ(1, db_count_music());                            // only the playlist folder is left
 }
@@ -419,10 +372,8 @@ TEST_F(DbObject, MemoryLimitRefusesEveryLaterFile)
     ASSERT_NE(nullptr, add("/m/fits.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "fits"}}));
     db_string_pool_add(std::string(2000, 'p').c_str());
     g_db_max_mem = 1;               // 1 KiB, long passed
-    testing::internal::CaptureStdout();
     EXPECT_EQ(nullptr, add("/m/over.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "over"}}));
     EXPECT_EQ(nullptr, add("/m/fits.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "changed"}}));
-    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find("mem limit reached\n"));
     EXPECT_EQ(1, db_count_music());
     g_db_max_mem = 0;
     EXPECT_NE(nullptr, add("/m/over.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "over"}}));
@@ -465,7 +416,6 @@ TEST_F(DbEvents, ChangesWithinTwoSecondsMakeOneEventAndEventsComeAtMostEveryTwoS
     EXPECT_EQ(std::string(m) + "," + std::to_string(music_uid + 1) + "," + v + "," +
                   std::to_string(db_object_get_int(db_video_root, DBK_UPDATE_ID)),
               seen[0].list);
-    EXPECT_EQ('0', db_object_get_char(db_music_root, DBK_EVENT_PENDING));
     db_container_mark_changed(db_music_root);
     db_event_check(5001);                               // at most one event every two seconds
     EXPECT_EQ(1u, seen.size());
@@ -490,16 +440,12 @@ TEST_F(DbEvents, PolicyCoversTheFourMediaKindsAndRepeatsAnEmptyEventUntilAContai
     EXPECT_FALSE(seen.back().had_list);
     EXPECT_EQ(before, seen.back().id);
     struct allowed_case { int type; int allowed; };
-    const allowed_case cases[] = {
-        {2, 0}, {6, 0}, {8, 0}, {9, 0}, {14, 0}, {3, 0}, {7, 0}, {13, 0},
-        {4, 1}, {16, 1}, {17, 1}, {0, 1}, {15, 1}, {22, 1},
-    };
+    const allowed_case cases[] = {{2, 0}, {6, 0}, {14, 0}, {3, 0}, {13, 0}, {4, 1}, {16, 1}, {0, 1}, {15, 1}, {22, 1}};
     for (const allowed_case& c : cases) {
         SCOPED_TRACE(c.type);
         EXPECT_EQ(c.allowed, db_browsing_allowed(c.type));
     }
     db_set_browsing_policy(DB_OBJ_PHOTO, 1);
-    EXPECT_EQ(1u, db_get_browsing_policy(DB_OBJ_PHOTO));
     EXPECT_EQ(1, db_browsing_allowed(DB_OBJ_PHOTO_ALBUM));
     first = seen.size();
     int64_t now = int64_t(time(nullptr)) + 10;

@@ -1,3 +1,4 @@
+// Most Played and Last Played as tracks enter and are played.
 #include "config/upnp_ini.h"
 #include "database/db_playlist.h"
 #include "unit/database/db_test_support.h"
@@ -6,6 +7,8 @@
 #include <vector>
 
 namespace {
+
+typedef std::vector<std::string> entries_t;
 
 // Lists two entries long, so that every test reaches the full-list rules.
 class PlayedListTest : public DbStoreTest {
@@ -33,9 +36,9 @@ protected:
     }
 
     // "title:number" for each entry, in list order.
-    static std::vector<std::string> entries(db_object* list)
+    static entries_t entries(db_object* list)
     {
-        std::vector<std::string> out;
+        entries_t out;
         for (int32_t i = 0; i < db_container_child_count(list); i++) {
             db_object* r = db_container_child(list, i);
             out.push_back(std::string(db_object_get_str(r, DBK_TITLE)) + ":" +
@@ -45,25 +48,19 @@ protected:
     }
 };
 
-TEST_F(PlayedListTest, MostPlayedKeepsTheHighestCountsAsTracksEnter)
-{
-    track("a", "5");
-    track("b", "3");
-    track("c", "7");                                    // full: the lowest (b) makes way
-    EXPECT_EQ(entries(db_most_played), (std::vector<std::string>{"a:5", "c:7"}));
-    EXPECT_EQ(db_most_played_min, 3);
-    track("d", "4");                                    // above the old threshold, below the list
-    EXPECT_EQ(entries(db_most_played), (std::vector<std::string>{"a:5", "c:7"}));
-    EXPECT_EQ(db_most_played_min, 5);
-}
-
-TEST_F(PlayedListTest, APlayedTrackAlreadyListedOnlyChangesItsNumber)
+TEST_F(PlayedListTest, MostPlayedKeepsTheHighestCountsAndAListedTrackOnlyChangesItsNumber)
 {
     db_object* a = track("a", "5");
-    track("b", "6");
+    track("b", "3");
+    track("c", "7");                                    // full: the lowest (b) makes way
+    EXPECT_EQ(entries(db_most_played), (entries_t{"a:5", "c:7"}));
+    EXPECT_EQ(db_most_played_min, 3);
+    track("d", "4");                                    // above the old threshold, below the list
+    EXPECT_EQ(entries(db_most_played), (entries_t{"a:5", "c:7"}));
+    EXPECT_EQ(db_most_played_min, 5);
     db_object_set_int(a, DBK_PLAY_COUNT, 9);
     db_most_played_update(a);
-    EXPECT_EQ(entries(db_most_played), (std::vector<std::string>{"a:9", "b:6"}));
+    EXPECT_EQ(entries(db_most_played), (entries_t{"a:9", "c:7"}));
 }
 
 TEST_F(PlayedListTest, LastPlayedRanksBySecondsSinceTheStoreWasMade)
@@ -72,13 +69,13 @@ TEST_F(PlayedListTest, LastPlayedRanksBySecondsSinceTheStoreWasMade)
     track("a", "1", start + 10);
     track("b", "1", start + 20);
     track("c", "1", start + 5);                         // older than both: stays out
-    EXPECT_EQ(entries(db_last_played), (std::vector<std::string>{"a:10", "b:20"}));
+    EXPECT_EQ(entries(db_last_played), (entries_t{"a:10", "b:20"}));
     track("d", "1", start + 30);                        // replaces the oldest
-    EXPECT_EQ(entries(db_last_played), (std::vector<std::string>{"b:20", "d:30"}));
+    EXPECT_EQ(entries(db_last_played), (entries_t{"b:20", "d:30"}));
     // The threshold became the last value itself, so a newer play than
     // the oldest entry but older than the threshold is not taken.
     track("e", "1", start + 25);
-    EXPECT_EQ(entries(db_last_played), (std::vector<std::string>{"b:20", "d:30"}));
+    EXPECT_EQ(entries(db_last_played), (entries_t{"b:20", "d:30"}));
 }
 
 TEST_F(PlayedListTest, EmptySlotsAndAZeroLengthLeaveEverythingAlone)

@@ -1,7 +1,6 @@
-// db_test_support.h: what the store's tests share. A store made afresh for
-// each test with a flat tree (root, Music, Picture, Video, Document), a
-// record store held in memory that counts what it was asked to do, and
-// small builders for items, folders and metadata lists.
+// db_test_support.h: a store made afresh for each test with a flat tree
+// (root, Music, Picture, Video, Document), a record store in memory that
+// counts what it was asked to do, and builders for items, folders and lists.
 #pragma once
 #include "database/db_object.h"
 #include "database/db_record.h"
@@ -17,6 +16,14 @@
 #include <utility>
 
 typedef std::initializer_list<std::pair<int, const char*>> db_test_fields;
+
+// A client's request for the flag probe; such a client has both flags.
+inline int db_client_tag;
+inline const HTTP_request* const db_client = reinterpret_cast<const HTTP_request*>(&db_client_tag);
+inline int db_test_probe_flags(const HTTP_request*, const char* flag)
+{
+    return !strcmp(flag, "AV:M") || !strcmp(flag, "XM:NOUTF8SORT");
+}
 
 // The records of the fake database file, by block; text only for stores.
 struct db_test_record { std::string path; int32_t type; std::string text; };
@@ -124,7 +131,6 @@ protected:
             db_event_check(t);
     }
 
-    // A new container of this type, in parent when one is given.
     static db_object* folder(int32_t type, const char* title, db_object* parent = nullptr)
     {
         db_object* c = db_container_new(db_next_id(type), title, 0);
@@ -133,7 +139,6 @@ protected:
         return c;
     }
 
-    // A reference to target, in parent when one is given.
     static db_object* ref(db_object* target, db_object* parent = nullptr, int32_t number = 0)
     {
         db_object* r = db_ref_new(number ? DB_OBJ_REF_TRACK : DB_OBJ_REF, target, number);
@@ -142,7 +147,7 @@ protected:
         return r;
     }
 
-    // A new item through the store's own entry, its record stored by the fake file.
+    // An item through the store's own entry, its record stored by the fake file.
     static db_object* add(const std::string& path, int32_t type, db_test_fields fields)
     {
         db_meta_list* list = db_test_list(fields);

@@ -8,11 +8,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 #include <sys/stat.h>
-
-namespace {
 
 TEST(DbTree, FileStatusFollowsTheLongestFittingSharedFolder)
 {
@@ -50,5 +47,3 @@ TEST(DbTree, FileStatusFollowsTheLongestFittingSharedFolder)
     upnp_ini_set(UPNP_OPT_CONTENTDIR, "");
     EXPECT_EQ(db_file_status(dir.file("up/f.mp3").c_str(), DB_OBJ_AUDIO), DB_FILE_GONE);
 }
-
-}  // namespace

@@ -4,14 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-#include <sys/time.h>
-
-#include <ctime>
-
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
+#include <sys/stat.h>
+#include <sys/time.h>
 
 namespace {
 
@@ -26,32 +24,23 @@ resolved resolve(const std::string& path, int64_t offset, int64_t size)
     return r;
 }
 
-TEST(UpnpAlbumart, FolderPictureIsPreferredToTheSmallOne)
+TEST(UpnpAlbumart, OnlyTheMarkerPairIsResolvedToTheFolderPicture)
 {
     test_dir dir;
-    ASSERT_TRUE(test_write_file(dir.file("Folder.jpg"), std::string(1234, 'F')));
-    ASSERT_TRUE(test_write_file(dir.file("AlbumArtSmall.jpg"), std::string(99, 'S')));
-    resolved r = resolve(dir.file("song.mp3"), 1, 1);
-    EXPECT_EQ(r.path, dir.file("Folder.jpg"));
-    EXPECT_EQ(r.offset, 0);
-    EXPECT_EQ(r.size, 1234);
-}
-
-TEST(UpnpAlbumart, TheExactNameWinsOverOneInAnotherCase)
-{
-    test_dir dir;
-    ASSERT_TRUE(test_write_file(dir.file("FOLDER.JPG"), "upper"));
-    ASSERT_TRUE(test_write_file(dir.file("Folder.jpg"), "exact"));
-    EXPECT_EQ(resolve(dir.file("a.mp3"), 1, 1).path, dir.file("Folder.jpg"));
-}
-
-TEST(UpnpAlbumart, OnlyTheMarkerPairIsResolved)
-{
-    test_dir dir;
-    ASSERT_TRUE(test_write_file(dir.file("AlbumArtSmall.jpg"), std::string(99, 'S')));
+    for (const char* sub : {"both", "cases", "sub"})
+        ASSERT_EQ(mkdir(dir.file(sub).c_str(), 0700), 0);
+    const std::string files[][2] = {
+        {"AlbumArtSmall.jpg", std::string(99, 'S')}, {"both/Folder.jpg", std::string(1234, 'F')},
+        {"both/AlbumArtSmall.jpg", "S"}, {"cases/FOLDER.JPG", "upper"}, {"cases/Folder.jpg", "exact"},
+        {"sub/folder.jpg", "x"},
+    };
+    for (const auto& f : files)
+        ASSERT_TRUE(test_write_file(dir.file(f[0]), f[1]));
     const std::string song = dir.file("song.mp3");
     struct { const char* name; std::string path; int64_t offset, size; resolved want; } cases[] = {
-        {"marker, small picture only", song, 1, 1, {dir.file("AlbumArtSmall.jpg"), 0, 99}},
+        {"small picture only", song, 1, 1, {dir.file("AlbumArtSmall.jpg"), 0, 99}},
+        {"the folder picture is preferred", dir.file("both/a.mp3"), 1, 1, {dir.file("both/Folder.jpg"), 0, 1234}},
+        {"the exact name wins over another case", dir.file("cases/a.mp3"), 1, 1, {dir.file("cases/Folder.jpg"), 0, 5}},
         {"embedded cover", song, 4096, 1, {song, 4096, 1}},
         {"no cover", song, -1, -1, {song, -1, -1}},
         {"path without a folder", "song.mp3", 1, 1, {"song.mp3", 1, 1}},
@@ -59,8 +48,6 @@ TEST(UpnpAlbumart, OnlyTheMarkerPairIsResolved)
         // Folders copied from Windows name the picture in any case.
         {"other case", dir.file("sub/song.mp3"), 1, 1, {dir.file("sub/folder.jpg"), 0, 1}},
     };
-    ASSERT_EQ(mkdir(dir.file("sub").c_str(), 0700), 0);
-    ASSERT_TRUE(test_write_file(dir.file("sub/folder.jpg"), "x"));
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         resolved r = resolve(c.path, c.offset, c.size);
@@ -73,10 +60,9 @@ TEST(UpnpAlbumart, OnlyTheMarkerPairIsResolved)
 TEST(UpnpAlbumart, FolderArtAddsTheMarkerPairOnlyWhenAPictureIsThere)
 {
     test_dir dir;
-    db_meta_list* list = upnp_albumart_add_folder_art(dir.file("a.mp3").c_str(), nullptr);
-    EXPECT_EQ(list, nullptr);
+    EXPECT_EQ(upnp_albumart_add_folder_art(dir.file("a.mp3").c_str(), nullptr), nullptr);
     ASSERT_TRUE(test_write_file(dir.file("Folder.jpg"), "jpeg"));
-    list = upnp_albumart_add_folder_art(dir.file("a.mp3").c_str(), nullptr);
+    db_meta_list* list = upnp_albumart_add_folder_art(dir.file("a.mp3").c_str(), nullptr);
     ASSERT_NE(list, nullptr);
     int pairs = 0;
     for (db_meta_list* n = list; n; n = n->next)
