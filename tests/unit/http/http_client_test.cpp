@@ -110,14 +110,12 @@ TEST(HttpClientReply, FramesTheBodyByLengthChunksOrClose)
         {"chunked", chunked + "5\r\nhello\r\n6;x=1\r\n world\r\n0\r\n\r\n", 0, DONE, "hello world"},
         {"chunked not yet", chunked + "5\r\nhel", 0, MORE, "<null>"},
         {"chunked cut by close", chunked + "5\r\nhel", 1, DONE, "hel"},
-        {"chunk size line without digits ends", chunked + "zz\r\n", 0, DONE, ""},
         {"close waits for the end", ok + "Connection: close\r\n\r\nabc", 0, MORE, "<null>"},
         {"close read to the end", ok + "Connection: close\r\n\r\nabc", 1, DONE, "abc"},
         {"no framing gives null", ok + "Server: x\r\n\r\nabc", 0, DONE, "<null>"},
         {"zero length is no framing", ok + "Content-Length: 0\r\n\r\n", 0, DONE, "<null>"},
         {"interim skipped", "HTTP/1.1 100 Continue\r\n\r\n" + ok + "Content-Length: 2\r\n\r\nok", 0, DONE, "ok"},
         {"interim alone", "HTTP/1.1 100 Continue\r\n\r\n", 0, MORE, "<null>"},
-        {"head not ended", "HTTP/1.1 200 OK\r\nContent-Len", 0, MORE, "<null>"},
         {"closed before a head", "HTTP/1.1 200 OK\r\n", 1, HTTP_REPLY_NO_HEAD, "<null>"},
         {"error page is a body", "HTTP/1.1 404 Not Found\r\nContent-Length: 4\r\n\r\nnope", 0, DONE, "nope"},
         {"huge length waits", ok + "Content-Length: 99999999999999999999999\r\n\r\nab", 0, MORE, "<null>"},
@@ -188,15 +186,12 @@ TEST(HttpClientTalk, FailsCleanlyWithoutAPeer)
 {
     EXPECT_EQ(-1, HTTP_open("http://no-such-host.invalid/desc.xml"));
     EXPECT_EQ(nullptr, HTTP_get("gopher://127.0.0.1/"));
-    EXPECT_EQ(nullptr, HTTP_get(nullptr));
     std::string url;
     {
         test_peer gone("x");
         url = gone.url();
     }
     EXPECT_EQ(nullptr, HTTP_get(url.c_str()));
-    test_peer peer("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
-    EXPECT_EQ("ok", body_text(HTTP_get(peer.url().c_str())));
 }
 
 }  // namespace

