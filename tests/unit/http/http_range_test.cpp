@@ -8,8 +8,6 @@
 
 namespace {
 
-struct range_case { const char* why; std::string head; int64_t start, end; int32_t time; };
-
 const std::string LINE = "GET /disk/music/O12.mp3 HTTP/1.1\r\nHost: a\r\n";
 const std::string DLNA_LINE = "GET /disk/DLNA-PNMP3-OP01-FLAGS01700000/music/O1.mp3 HTTP/1.1\r\n";
 const std::string NO_BYTE_SEEK = "GET /disk/DLNA-PNMP3-OP10-FLAGS01700000/music/O1.mp3 HTTP/1.1\r\n";
@@ -20,7 +18,7 @@ TEST(HttpRange, ByteRangesTimeSeekAndTheirRefusals)
 {
     const std::string seekable = "GET /disk/DLNA-PNMP3-OP11-FLAGS01700000/music/O1.mp3 HTTP/1.1\r\n";
     const std::string npt = "TimeSeekRange.dlna.org: npt=1.000-\r\n\r\n";
-    const range_case cases[] = {
+    const struct { const char* why; std::string head; int64_t start, end; int32_t time; } cases[] = {
         {"none", LINE + "\r\n", -1, -1, 0},
         {"open end", LINE + "Range: bytes=0-\r\n\r\n", 0, -1, 0},
         {"both ends", LINE + "Range: bytes=10-20\r\n\r\n", 10, 20, 0},
@@ -46,7 +44,7 @@ TEST(HttpRange, ByteRangesTimeSeekAndTheirRefusals)
         {"photo flags", PHOTO_NO_SEEK + npt, -2, -2, 1},
         {"time, profile without OP", PROFILE_ONLY + npt, -3, -3, 1},
     };
-    for (const range_case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.why);
         int64_t start = 0, end = 0;
         int32_t time = 9;
@@ -57,16 +55,14 @@ TEST(HttpRange, ByteRangesTimeSeekAndTheirRefusals)
     }
 }
 
-struct npt_case { const char* text; int32_t ms; };
-
 TEST(HttpRange, NptTimesKeepTheirHistoricArithmetic)
 {
-    const npt_case cases[] = {
+    const struct { const char* text; int32_t ms; } cases[] = {
         {"1.500", 1500},    {"1.5", 1005},          {"10", 10000},      {"0:00:10.000", 10000},
         {" 12.000", 12000}, {"1:00", INT32_MAX},    {"abc", -2},        {"", -2},
         {"2.000-3.000", 2000}, {"2147484.000", INT32_MAX},
     };
-    for (const npt_case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
         EXPECT_EQ(c.ms, HTTP_parse_npt(c.text));
     }

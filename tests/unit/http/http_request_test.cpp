@@ -18,14 +18,12 @@ HTTP_source memory(const std::string& bytes)
 
 // head: "<none>" when refused, "" when only the position counts; at: where
 // reading stopped, -1 when it does not matter.
-struct head_case { const char* why; std::string bytes; int32_t size; std::string head; int32_t at; };
-
 TEST(HttpHead, IsReadToItsBlankLineWithinItsBuffer)
 {
     const std::string post = "POST /x HTTP/1.1\r\nContent-Length: 4\r\n\r\n";
     const std::string get = "GET /a HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n";
     const std::string long_head = "GET /" + std::string(2000, 'a') + " HTTP/1.1\r\nHost: x\r\n\r\n";
-    const head_case cases[] = {
+    const struct { const char* why; std::string bytes; int32_t size; std::string head; int32_t at; } cases[] = {
         {"body left unread", post + "abcdGET / HTTP/1.1\r\n\r\n", HTTP_HEAD_SIZE, post, int32_t(post.size())},
         {"peer gone at once", "", HTTP_HEAD_SIZE, "<none>", -1},
         {"peer gone before the blank line", "GET / HTTP/1.1\r\nHost: a\r\n", HTTP_HEAD_SIZE, "<none>", -1},
@@ -41,7 +39,7 @@ TEST(HttpHead, IsReadToItsBlankLineWithinItsBuffer)
         {"chunked GET cut", get + "5\r\nhel", HTTP_HEAD_SIZE, "<none>", -1},
         {"buffer too small for any head", "GET / HTTP/1.1\r\n\r\n", 4, "<none>", -1},
     };
-    for (const head_case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.why);
         HTTP_source s = memory(c.bytes);
         std::string buffer(size_t(c.size), '\x7f');
@@ -95,18 +93,16 @@ TEST(HttpBody, IsFramedByLengthChunksOrCloseWithinItsCap)
     }
 }
 
-struct length_case { std::string head; int64_t length; };
-
 TEST(HttpHead, ContentLengthIsReadOneByteBehindTheColonAndChunkedAnywhere)
 {
     const std::string P = "POST / HTTP/1.1\r\n", L = P + "Content-Length: ";
-    const length_case cases[] = {
+    const struct { std::string head; int64_t length; } cases[] = {
         {L + "42\r\n\r\n", 42}, {P + "content-LENGTH: 7\r\n\r\n", 7}, {L + "-3\r\n\r\n", 0}, {L + "x\r\n\r\n", 0},
         {P + "\r\n", 0}, {"Content-Length:", 0}, {L + "9223372036854775807\r\n\r\n", INT64_MAX},
         {L + "9223372036854775808\r\n\r\n", -1}, {L + "18446744073709551616\r\n\r\n", -1},
         {P + "Content-Length:123\r\n\r\n", 23},   // one byte is always skipped
     };
-    for (const length_case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.head);
         EXPECT_EQ(c.length, HTTP_content_length(c.head.c_str()));
     }
@@ -146,18 +142,16 @@ parsed parse(const std::string& head)
     return p;
 }
 
-struct method_case { const char* head; int32_t method; };
-
 TEST(HttpParse, MethodsAreReadByPrefixInTheirOrder)
 {
-    const method_case cases[] = {
+    const struct { const char* head; int32_t method; } cases[] = {
         {"GET / HTTP/1.1\r\n\r\n", HTTP_METHOD_GET}, {"HEAD / HTTP/1.1\r\n\r\n", HTTP_METHOD_HEAD},
         {"POST / HTTP/1.1\r\n\r\n", HTTP_METHOD_POST}, {"SUBSCRIBE / HTTP/1.1\r\n\r\n", HTTP_METHOD_SUBSCRIBE},
         {"UNSUBSCRIBE / HTTP/1.1\r\n\r\n", HTTP_METHOD_UNSUBSCRIBE}, {"NOTIFY / HTTP/1.1\r\n\r\n", HTTP_METHOD_NOTIFY},
         {"GETX / HTTP/1.1\r\n\r\n", HTTP_METHOD_GET}, {"OPTIONS /disk HTTP/1.1\r\n\r\n", 0},
         {"get / HTTP/1.1\r\n\r\n", 0}, {"\r\n\r\n", 0},
     };
-    for (const method_case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.head);
         EXPECT_EQ(c.method, parse(c.head).r.method);
     }
@@ -194,11 +188,9 @@ TEST(HttpParse, TheTargetIsDecodedRewrittenCheckedAndItsVersionRead)
     }
 }
 
-struct close_case { const char* head; int close; int dlna; };
-
 TEST(HttpParse, PersistenceFollowsVersionConnectionAndDlna)
 {
-    const close_case cases[] = {
+    const struct { const char* head; int close; int dlna; } cases[] = {
         {"GET / HTTP/1.1\r\nHost: a\r\n\r\n", 0, 0},
         {"GET / HTTP/1.0\r\n\r\n", 1, 0},
         {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n", 1, 0},
@@ -208,7 +200,7 @@ TEST(HttpParse, PersistenceFollowsVersionConnectionAndDlna)
         {"GET / HTTP/1.1\r\nUser-Agent: X DLNADOC/1.00\r\n\r\n", 0, 10},
         {"GET / HTTP/1.1\r\nX: DLNADOC/1.50 DLNADOC/1.00\r\n\r\n", 0, 10},
     };
-    for (const close_case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.head);
         parsed p = parse(c.head);
         EXPECT_EQ(c.close, p.r.close);

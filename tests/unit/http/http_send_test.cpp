@@ -151,14 +151,12 @@ TEST(HttpHeader, ExtraHeadersAreBoundedAndCarryNoControlBytesAndAHeadTooLongIsNo
     EXPECT_EQ("", q.taken());
 }
 
-struct buffer_case { const char* why; std::string range, status_line, content_range, body, target = "/x"; };
-
 TEST(HttpBuffer, RangesAreJudgedAndServedFromMemory)
 {
     static const char data[] = "abcdefghij";   // ten bytes and the terminator
     const std::string bad = "HTTP/1.1 400 Bad Request", beyond = "HTTP/1.1 416 Requested Range Not Satisfiable";
     const std::string partial = "HTTP/1.1 206 Partial Content";
-    const buffer_case cases[] = {
+    const struct { const char* why; std::string range, status_line, content_range, body, target = "/x"; } cases[] = {
         {"whole", "", "HTTP/1.1 200 OK", "", "abcdefghij"},
         {"middle", "Range: bytes=2-4\r\n", partial, "bytes 2-4/10", "cde"},
         {"open end", "Range: bytes=7-\r\n", partial, "bytes 7-9/10", "hij"},
@@ -175,7 +173,7 @@ TEST(HttpBuffer, RangesAreJudgedAndServedFromMemory)
         {"resource without byte seek", "Range: bytes=0-\r\n", "HTTP/1.1 406 Not Acceptable", "", "",
          "/DLNA-PNMP3-OP10-FLAGS01700000/O1.mp3"},
     };
-    for (const buffer_case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.why);
         request_on_wire q("GET " + c.target + " HTTP/1.1\r\nHost: a\r\n" + c.range + "\r\n");
         q.r.mime_type = "text/plain";

@@ -74,9 +74,7 @@ TEST(SsdpParse, ReadsSearchesAsSubstringsOfTheHead)
     }
 }
 
-struct notify_case { const char* name; std::string text; int result; const char* url; };
-
-const notify_case notify_cases[] = {
+const struct { const char* name; std::string text; int result; const char* url; } notify_cases[] = {
     {"renderer alive", "NOTIFY * HTTP/1.1\r\nLOCATION: http://192.0.2.7:49152/d.xml\r\n"
                        "NT: urn:schemas-upnp-org:device:MediaRenderer:1\r\nNTS: ssdp:alive\r\n\r\n", 1,
      "http://192.0.2.7:49152/d.xml\r\nNT: "},
@@ -94,7 +92,7 @@ const notify_case notify_cases[] = {
 
 TEST(SsdpParse, FollowsOnlyAliveRenderersAndRemoteUiClients)
 {
-    for (const notify_case& c : notify_cases) {
+    for (const auto& c : notify_cases) {
         SCOPED_TRACE(c.name);
         const char* url = nullptr;
         size_t url_length = 0;
@@ -107,10 +105,8 @@ TEST(SsdpParse, FollowsOnlyAliveRenderersAndRemoteUiClients)
     }
 }
 
-struct subnet_case { const char* local; const char* mask; const char* peer; int same; };
-
 const char C24[] = "255.255.255.0", ONE[] = "255.255.255.255";
-const subnet_case subnet_cases[] = {
+const struct { const char* local; const char* mask; const char* peer; int same; } subnet_cases[] = {
     {"192.0.2.1", C24, "192.0.2.200", 1}, {"192.0.2.1", C24, "192.0.3.2", 0}, 
     {"192.0.2.1", ONE, "192.0.2.1", 1}, {"192.0.2.1", ONE, "192.0.2.2", 0},
     {"192.0.2.1", "", "192.0.2.2", 0},                 // no mask known: nobody
@@ -120,7 +116,7 @@ const subnet_case subnet_cases[] = {
 
 TEST(SsdpParse, SameSubnetNeedsThreeWellFormedAddresses)
 {
-    for (const subnet_case& c : subnet_cases) {
+    for (const auto& c : subnet_cases) {
         SCOPED_TRACE(std::string(c.local) + " " + c.mask + " " + c.peer);
         EXPECT_EQ(c.same, ssdp_same_subnet(c.local, c.mask, c.peer));
     }
@@ -132,19 +128,9 @@ TEST(SsdpParse, SameSubnetNeedsThreeWellFormedAddresses)
 
 // A UDP receiver and a sender on 127.0.0.1.
 struct loopback_udp {
-    int32_t receiver = -1, sender = -1, port = 0;
-    loopback_udp()
-    {
-        receiver = upnp_socket_udp();
-        sender = upnp_socket_udp();
-        if (receiver >= 0 && upnp_socket_bind(receiver, "127.0.0.1", 0) == 0)
-            port = upnp_socket_local_port(receiver);
-    }
-    ~loopback_udp()
-    {
-        upnp_socket_close(receiver);
-        upnp_socket_close(sender);
-    }
+    int32_t receiver = upnp_socket_udp(), sender = upnp_socket_udp();
+    int32_t port = upnp_socket_bind(receiver, "127.0.0.1", 0) == 0 ? upnp_socket_local_port(receiver) : 0;
+    ~loopback_udp() { upnp_socket_close(receiver), upnp_socket_close(sender); }
     // Every datagram sent so far: on loopback a send has arrived when it returns.
     std::vector<std::string> take()
     {
@@ -204,12 +190,10 @@ TEST_F(Ssdp, RepliesAnnouncementsAndGoodbyesHaveTheirFixedShapes)
         EXPECT_EQ(rows[i - 2], test_header(got[i], "NT")) << "goodbye " << i - 2;
 }
 
-struct target_case { std::string target; int notify, advertising; std::vector<std::string> rows; };
-
 TEST_F(Ssdp, OnlyAWholeTargetMatchesARowAndAllAnswersEveryRowInOrder)
 {
     const std::vector<std::string> all = {udn(), "upnp:rootdevice", server_rows[0], server_rows[1], server_rows[2]};
-    const target_case cases[] = {
+    const struct { std::string target; int notify, advertising; std::vector<std::string> rows; } cases[] = {
         {"ssdp:all", 0, 1, all},
         {"ssdp:all", 1, 1, all},
         {udn(), 0, 1, {udn()}},
@@ -223,7 +207,7 @@ TEST_F(Ssdp, OnlyAWholeTargetMatchesARowAndAllAnswersEveryRowInOrder)
         {server_rows[0], 0, 0, {}},
     };
     loopback_udp udp;
-    for (const target_case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.target + (c.notify ? " notify" : " reply") + (c.advertising ? "" : " without advertising"));
         if (c.advertising)
             ssdp_set_server_advertising();

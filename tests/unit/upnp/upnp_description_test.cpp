@@ -23,11 +23,9 @@
 
 namespace {
 
-struct name_case { const char *why, *option, *host, *name; };
-
 TEST(UpnpDescription, FriendlyNameFromOptionAndHostName)
 {
-    const name_case cases[] = {
+    const struct { const char *why, *option, *host, *name; } cases[] = {
         {"unset", nullptr, "box", "[box] Velmora Server"},
         {"empty", "", "box", "[box] Velmora Server"},
         {"own name", "Den", "box", "Den"},
@@ -40,7 +38,7 @@ TEST(UpnpDescription, FriendlyNameFromOptionAndHostName)
         {"no host name for the marker", "at %HOSTNAME%", "", "at "},
         {"not escaped", "Tom & Jerry", "box", "Tom & Jerry"},
     };
-    for (const name_case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.why);
         char out[1024];
         upnp_description_friendly_name(c.option, c.host, out, sizeof out);
@@ -111,28 +109,27 @@ TEST(UpnpDescription, FieldsComeFromTheirKeysInTheDescriptionText)
     }
 }
 
+// Icons JPEG first, then PNG, each large to small; the registrar is
+// reached by its fixed URLs only.
 TEST(UpnpDescription, DocumentCarriesIdentityIconsAndServicesButNoUrlBase)
 {
     std::string document = render("", "uuid:76656c6d-0000", "Den (2)");
     EXPECT_EQ(0u, document.find("<?xml version=\"1.0\"?><root xmlns=\"urn:schemas-upnp-org:device-1-0\">"));
     EXPECT_EQ(document.size() - 7, document.rfind("</root>"));
-    EXPECT_EQ(std::string::npos, document.find("URLBase"));
     EXPECT_EQ("uuid:76656c6d-0000", field(document, "UDN"));
     EXPECT_EQ("Den (2)", field(document, "friendlyName"));
-    EXPECT_EQ("urn:schemas-upnp-org:device:MediaServer:1", field(document, "deviceType"));
-    for (const char* text : {"<SCPDURL>/ConnectionManager.xml</SCPDURL>", "<controlURL>/ConnectionManager/Control<",
-                             "<eventSubURL>/ConnectionManager/Event<", "<SCPDURL>/ContentDirectory.xml</SCPDURL>",
-                             "<controlURL>/ContentDirectory/Control<", "<eventSubURL>/ContentDirectory/Event<"})
-        EXPECT_NE(std::string::npos, document.find(text)) << text;
-    // JPEG first, then PNG, each large to small.
     size_t at = 0;
-    for (const char* icon : {"120x120.jpg", "80x80.jpg", "48x48.jpg", "120x120.png", "80x80.png", "48x48.png"}) {
-        SCOPED_TRACE(icon);
-        at = document.find(std::string("<url>/images/velmoraicon-") + icon + "</url>", at);
-        ASSERT_NE(std::string::npos, at);
+    for (const char* text : {"<deviceType>urn:schemas-upnp-org:device:MediaServer:1<", "-120x120.jpg</url>",
+                             "-80x80.jpg</url>", "-48x48.jpg</url>", "-120x120.png</url>", "-80x80.png</url>",
+                             "-48x48.png</url>", "<SCPDURL>/ConnectionManager.xml</SCPDURL>",
+                             "<eventSubURL>/ConnectionManager/Event<", "<controlURL>/ConnectionManager/Control<",
+                             "<SCPDURL>/ContentDirectory.xml</SCPDURL>", "<eventSubURL>/ContentDirectory/Event<",
+                             "<controlURL>/ContentDirectory/Control<"}) {
+        at = document.find(text, at);
+        ASSERT_NE(std::string::npos, at) << text;
     }
-    // The registrar is reached by its fixed URLs only.
-    EXPECT_EQ(std::string::npos, document.find("MediaReceiverRegistrar"));
+    for (const char* absent : {"URLBase", "MediaReceiverRegistrar"})
+        EXPECT_EQ(std::string::npos, document.find(absent)) << absent;
 }
 
 TEST(UpnpDescription, ALongDocumentIsCutAtTheBuffer)
@@ -220,13 +217,11 @@ TEST_F(DescriptionFiles, NameAndUdnFollowTheOptionAtOnce)
     EXPECT_NE(field(first, "UDN"), field(serve(upnp_send_device_description, "/").body, "UDN"));
 }
 
-struct service_case { int (*handler)(HTTP_request*); const char* file; };
-
 TEST_F(DescriptionFiles, ServiceDocumentsGoOutUnchangedAndAMissingOneIsAnEmptyAnswer)
 {
-    const service_case cases[] = {
+    const struct { int (*handler)(HTTP_request*); const char* file; } cases[] = {
         {upnp_send_cds_xml, "cds.xml"}, {upnp_send_cms_xml, "cms.xml"}, {upnp_send_msreg_xml, "msreg.xml"}};
-    for (const service_case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.file);
         response missing = serve(c.handler, "/x.xml");
         EXPECT_EQ(0u, missing.head.find("HTTP/1.1 200 OK\r\n"));
