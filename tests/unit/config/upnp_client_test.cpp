@@ -115,18 +115,13 @@ TEST_F(ClientDb, FlagsAndNumbersFollowTheSubstringRules)
     const std::string inside = "ID:005\nXM:XID:006\nHP:1\nID:006\nXM:B\n";
     const std::string numbers = "ID:007\n# needs XM:WAN\nID:008\nPX:640\nPY:480junk\nTX:-12\n";
     const struct { const char* why; std::string text; int32_t number; const char* what; int want; } cases[] = {
-        {"own flag", db1, 1, "XM:DLNA15", 1},
-        {"the next entry's flag does not leak back", db1, 1, "HP:chunked", 0},
-        {"the next entry's own flag", db1, 2, "HP:chunked", 1},
-        {"an unknown number", db1, 3, "NA:One", 0},
+        {"own flag", db1, 1, "XM:DLNA15", 1}, {"the next entry's flag does not leak back", db1, 1, "HP:chunked", 0},
+        {"the next entry's own flag", db1, 2, "HP:chunked", 1}, {"an unknown number", db1, 3, "NA:One", 0},
         {"a flag running into the next ID:", inside, 5, "HP:1", 0},
         {"the flag holding ID: still counts", inside, 5, "XM:XID:0", 1},
-        {"the entry found inside a flag", inside, 6, "HP:1", 1},
-        {"a note line still counts", numbers, 7, "XM:WAN", 1},
-        {"a number", numbers, 8, "PX:", 640},
-        {"a number with junk behind", numbers, 8, "PY:", 480},
-        {"a negative number", numbers, 8, "TX:", -12},
-        {"a key of the next entry reads 0", numbers, 7, "PX:", 0},
+        {"the entry found inside a flag", inside, 6, "HP:1", 1}, {"a note line still counts", numbers, 7, "XM:WAN", 1},
+        {"a number", numbers, 8, "PX:", 640}, {"a number with junk behind", numbers, 8, "PY:", 480},
+        {"a negative number", numbers, 8, "TX:", -12}, {"a key of the next entry reads 0", numbers, 7, "PX:", 0},
         {"a key right behind the next ID: reads 0", "ID:003\nPX:ID:004\nID:004\n", 3, "PX:", 0},
     };
     for (const auto& c : cases) {
@@ -231,8 +226,7 @@ TEST_F(ClientDb, SetReplacesOnlyGeneralOrAutoKindsAndRemoveRebuildsTheList)
         {"", "1.2.3.4\r\n", 5, "1", 0, ""}, {"", "1111.2222.3333.44", 5, "1", 0, ""},
         {"10.0.0.1|005|1,10.0.0.2|006|0,10.0.0.3|001|1", "10.0.0.3", -1, "1", 0, "10.0.0.1|005|1,10.0.0.2|006|0"},
         {"10.0.0.1|005|1,10.0.0.2|006|0", "10.0.0.1", -1, "1", 0, "10.0.0.2|006|0"},
-        {"10.0.0.2|006|0", "10.0.0.9", -1, "1", 0, "10.0.0.2|006|0"},
-        {"10.0.0.2|006|0", "10.0.0.2", -1, "1", 0, ""},
+        {"10.0.0.2|006|0", "10.0.0.9", -1, "1", 0, "10.0.0.2|006|0"}, {"10.0.0.2|006|0", "10.0.0.2", -1, "1", 0, ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.ip ? c.ip : "null") + " " + std::to_string(c.number));

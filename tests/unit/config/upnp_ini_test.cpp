@@ -76,15 +76,13 @@ const struct { int32_t id; const char *before, *value; int32_t result; const cha
     {UPNP_OPT_ENABLEWEB, "2", "", 0, "2"},            // never empty, so never unset either
     {UPNP_OPT_ENABLEWEB, "2", "3", 1, "3"},
     {UPNP_OPT_FRIENDLYNAME, "Box", "Box", 0, "Box"},  // the same value is no change
-    {UPNP_OPT_FRIENDLYNAME, nullptr, "Box", 1, "Box"},
-    {UPNP_OPT_FRIENDLYNAME, "Box", nullptr, 1, nullptr},
+    {UPNP_OPT_FRIENDLYNAME, nullptr, "Box", 1, "Box"}, {UPNP_OPT_FRIENDLYNAME, "Box", nullptr, 1, nullptr},
     {UPNP_OPT_FRIENDLYNAME, "Box", "", 0, nullptr},   // "" unsets but reports no change
     {UPNP_OPT_FRIENDLYNAME, "Box", "a\r\nip=1.2.3.4", 0, "Box"},   // would write a line of its own
     {UPNP_OPT_MUSICNODE1, "A,%ARTIST", "Artist", 0, "A,%ARTIST"},  // nodes need a comma
     {UPNP_OPT_MUSICNODE1, nullptr, "Genre,[3]%GENRE", 1, "Genre,[3]%GENRE"},
     {UPNP_OPT_MUSICNODE1, "A,%ARTIST", "A,%ARTIST,ALBUM", 0, "A,%ARTIST"},   // the last level counts
-    {UPNP_OPT_MUSICNODE1, "A,%ARTIST", "A,", 0, "A,%ARTIST"},
-    {UPNP_OPT_MUSICNODE1, "A,%ARTIST", "", 0, nullptr},
+    {UPNP_OPT_MUSICNODE1, "A,%ARTIST", "A,", 0, "A,%ARTIST"}, {UPNP_OPT_MUSICNODE1, "A,%ARTIST", "", 0, nullptr},
     {UPNP_OPT_ALLNAME, nullptr, "Artist", 1, "Artist"},    // a list, but no node
     {UPNP_OPT_CONTENTDIR, nullptr, "/home/music", 1, "+A|/home/music"},
     {UPNP_OPT_CONTENTDIR, nullptr, "V|/home/video", 1, "+V|/home/video"},

@@ -72,10 +72,8 @@ const struct { const char* name; std::string bytes, text; } decode_cases[] = {
     {"without a final line end the last character is lost", config_utf16("|k|abc"), "ab"},
     {"text ends at the first control character", config_utf16("|k|ab\tc\r\n"), "ab"},
     {"no mark, no table", config_utf16("|k|abc\r\n", false), "k"},
-    {"odd length", config_utf16("|k|abc\r\n") + "x", "abc"},
-    {"a mark alone", "\xFF\xFE"s, "k"},
-    {"a mark and one unit", "\xFF\xFEx\0"s, "k"},
-    {"non-ASCII", config_utf16("|k|Größe ☃\r\n"), "Größe ☃"},
+    {"odd length", config_utf16("|k|abc\r\n") + "x", "abc"}, {"a mark alone", "\xFF\xFE"s, "k"},
+    {"a mark and one unit", "\xFF\xFEx\0"s, "k"}, {"non-ASCII", config_utf16("|k|Größe ☃\r\n"), "Größe ☃"},
     {"a long text is cut at 1023 bytes", config_utf16("|k|" + std::string(3000, 'a') + "\r\n"), std::string(1023, 'a')},
     {"on a character boundary", config_utf16("|k|" + lang_umlauts(600) + "\r\n"), lang_umlauts(511)},
 };

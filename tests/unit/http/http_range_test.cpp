@@ -19,13 +19,11 @@ TEST(HttpRange, ByteRangesTimeSeekAndTheirRefusals)
     const std::string seekable = "GET /disk/DLNA-PNMP3-OP11-FLAGS01700000/music/O1.mp3 HTTP/1.1\r\n";
     const std::string npt = "TimeSeekRange.dlna.org: npt=1.000-\r\n\r\n";
     const struct { const char* why; std::string head; int64_t start, end; int32_t time; } cases[] = {
-        {"none", LINE + "\r\n", -1, -1, 0},
-        {"open end", LINE + "Range: bytes=0-\r\n\r\n", 0, -1, 0},
+        {"none", LINE + "\r\n", -1, -1, 0}, {"open end", LINE + "Range: bytes=0-\r\n\r\n", 0, -1, 0},
         {"both ends", LINE + "Range: bytes=10-20\r\n\r\n", 10, 20, 0},
         {"blanks", LINE + "range: bytes= 10- 20\r\n\r\n", 10, 20, 0},
         {"end before start", LINE + "Range: bytes=5-2\r\n\r\n", -2, -2, 0},
-        {"no unit", LINE + "Range: 0-5\r\n\r\n", -2, -2, 0},
-        {"no hyphen", LINE + "Range: bytes=7\r\n\r\n", 7, -2, 0},
+        {"no unit", LINE + "Range: 0-5\r\n\r\n", -2, -2, 0}, {"no hyphen", LINE + "Range: bytes=7\r\n\r\n", 7, -2, 0},
         {"too large", LINE + "Range: bytes=99999999999999999999-\r\n\r\n", -2, -2, 0},
         {"end too large", LINE + "Range: bytes=1-99999999999999999999\r\n\r\n", -2, -2, 0},
         {"suffix alone", LINE + "Range: bytes=-500\r\n\r\n", -500, -2, 0},
@@ -41,8 +39,7 @@ TEST(HttpRange, ByteRangesTimeSeekAndTheirRefusals)
         {"time seek digit 0", DLNA_LINE + npt, -3, -3, 1},
         {"play speed", seekable + "PlaySpeed.dlna.org: speed=2\r\n" + npt, -3, -3, 1},
         {"background", seekable + "transferMode.dlna.org: Background\r\n" + npt, -2, -2, 1},
-        {"photo flags", PHOTO_NO_SEEK + npt, -2, -2, 1},
-        {"time, profile without OP", PROFILE_ONLY + npt, -3, -3, 1},
+        {"photo flags", PHOTO_NO_SEEK + npt, -2, -2, 1}, {"time, profile without OP", PROFILE_ONLY + npt, -3, -3, 1},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.why);

@@ -164,18 +164,13 @@ TEST(HttpParse, TheTargetIsDecodedRewrittenCheckedAndItsVersionRead)
     HTTP_set_default_page("/configpage");
     const std::string longest = "/" + std::string(HTTP_HEAD_SIZE - 6, 'a');
     const target_case cases[] = {
-        {"GET /a%20b HTTP/1.1\r\n\r\n", "/a b", 11},
-        {"GET /a HTTP/1.0\r\n\r\n", "/a", 10},
-        {"GET /a\r\nHost: x\r\n\r\n", "/a", 10},
-        {"GET /a  HTTP/1.1\r\n\r\n", "/a", 10},
+        {"GET /a%20b HTTP/1.1\r\n\r\n", "/a b", 11}, {"GET /a HTTP/1.0\r\n\r\n", "/a", 10},
+        {"GET /a\r\nHost: x\r\n\r\n", "/a", 10}, {"GET /a  HTTP/1.1\r\n\r\n", "/a", 10},
         {"GET http://192.168.1.2:9000/disk/x?y=1 HTTP/1.1\r\n\r\n", "/disk/x?y=1", 11},
-        {"GET http://host HTTP/1.1\r\n\r\n", "/configpage", 11},
-        {"GET / HTTP/1.1\r\n\r\n", "/configpage", 11},
-        {"GET  HTTP/1.1\r\n\r\n", "/configpage", 11},
-        {"POST / HTTP/1.1\r\n\r\n", "/ContentDirectory/Control", 11},
+        {"GET http://host HTTP/1.1\r\n\r\n", "/configpage", 11}, {"GET / HTTP/1.1\r\n\r\n", "/configpage", 11},
+        {"GET  HTTP/1.1\r\n\r\n", "/configpage", 11}, {"POST / HTTP/1.1\r\n\r\n", "/ContentDirectory/Control", 11},
         {"GET /favicon.ico HTTP/1.1\r\n\r\n", "/images/favicon.ico", 11},
-        {"GET /favicon.icox HTTP/1.1\r\n\r\n", "/favicon.icox", 11},
-        {"GARBAGE\r\n\r\n", "/configpage", 10},
+        {"GET /favicon.icox HTTP/1.1\r\n\r\n", "/favicon.icox", 11}, {"GARBAGE\r\n\r\n", "/configpage", 10},
         {"GET " + longest + " HTTP/1.1\r\n\r\n", longest, 10},    // kept whole; the version fell behind the cut
         {"GET /images/%2e%2e/%2e%2e/etc/passwd HTTP/1.1\r\n\r\n", "", 11},
     };
@@ -191,10 +186,8 @@ TEST(HttpParse, TheTargetIsDecodedRewrittenCheckedAndItsVersionRead)
 TEST(HttpParse, PersistenceFollowsVersionConnectionAndDlna)
 {
     const struct { const char* head; int close; int dlna; } cases[] = {
-        {"GET / HTTP/1.1\r\nHost: a\r\n\r\n", 0, 0},
-        {"GET / HTTP/1.0\r\n\r\n", 1, 0},
-        {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n", 1, 0},
-        {"GET / HTTP/1.1\r\nconnection: CLOSE\r\n\r\n", 1, 0},
+        {"GET / HTTP/1.1\r\nHost: a\r\n\r\n", 0, 0}, {"GET / HTTP/1.0\r\n\r\n", 1, 0},
+        {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n", 1, 0}, {"GET / HTTP/1.1\r\nconnection: CLOSE\r\n\r\n", 1, 0},
         {"GET / HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n", 0, 0},
         {"GET / HTTP/1.0\r\nUser-Agent: X DLNADOC/1.50\r\nConnection: Keep-Alive\r\n\r\n", 1, 15},
         {"GET / HTTP/1.1\r\nUser-Agent: X DLNADOC/1.00\r\n\r\n", 0, 10},

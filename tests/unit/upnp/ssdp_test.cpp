@@ -194,17 +194,13 @@ TEST_F(Ssdp, OnlyAWholeTargetMatchesARowAndAllAnswersEveryRowInOrder)
 {
     const std::vector<std::string> all = {udn(), "upnp:rootdevice", server_rows[0], server_rows[1], server_rows[2]};
     const struct { std::string target; int notify, advertising; std::vector<std::string> rows; } cases[] = {
-        {"ssdp:all", 0, 1, all},
-        {"ssdp:all", 1, 1, all},
-        {udn(), 0, 1, {udn()}},
-        {"upnp:rootdevice", 0, 1, {"upnp:rootdevice"}},
-        {server_rows[0], 0, 1, {server_rows[0]}},
+        {"ssdp:all", 0, 1, all}, {"ssdp:all", 1, 1, all}, {udn(), 0, 1, {udn()}},
+        {"upnp:rootdevice", 0, 1, {"upnp:rootdevice"}}, {server_rows[0], 0, 1, {server_rows[0]}},
         {server_rows[2], 1, 1, {server_rows[2]}},
         {"urn:schemas-upnp-org:service:X_MS_MediaReceiverRegistrar:1", 0, 1, {}},
         {"upnp:rootdevic", 0, 1, {}}, {"ssdp:all2", 0, 1, {}}, {"ssdp:alL", 0, 1, {}},
         // Without advertising only the UDN and the root device go out.
-        {"ssdp:all", 1, 0, {udn(), "upnp:rootdevice"}},
-        {server_rows[0], 0, 0, {}},
+        {"ssdp:all", 1, 0, {udn(), "upnp:rootdevice"}}, {server_rows[0], 0, 0, {}},
     };
     loopback_udp udp;
     for (const auto& c : cases) {

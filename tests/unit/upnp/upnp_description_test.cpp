@@ -26,15 +26,12 @@ namespace {
 TEST(UpnpDescription, FriendlyNameFromOptionAndHostName)
 {
     const struct { const char *why, *option, *host, *name; } cases[] = {
-        {"unset", nullptr, "box", "[box] Velmora Server"},
-        {"empty", "", "box", "[box] Velmora Server"},
-        {"own name", "Den", "box", "Den"},
-        {"marker alone", "%HOSTNAME%", "box", "box"},
+        {"unset", nullptr, "box", "[box] Velmora Server"}, {"empty", "", "box", "[box] Velmora Server"},
+        {"own name", "Den", "box", "Den"}, {"marker alone", "%HOSTNAME%", "box", "box"},
         {"marker inside", "Music on %HOSTNAME% (2)", "box", "Music on box (2)"},
         {"only the first marker", "%HOSTNAME%/%HOSTNAME%", "box", "box/%HOSTNAME%"},
         {"marker cut short", "%HOSTNAME", "box", "%HOSTNAME"},
-        {"marker in another case", "%hostname%", "box", "%hostname%"},
-        {"no host name", "", "", "[] Velmora Server"},
+        {"marker in another case", "%hostname%", "box", "%hostname%"}, {"no host name", "", "", "[] Velmora Server"},
         {"no host name for the marker", "at %HOSTNAME%", "", "at "},
         {"not escaped", "Tom & Jerry", "box", "Tom & Jerry"},
     };
