@@ -10,6 +10,8 @@
 #include <ctime>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 // Seconds since 1970 of an HTTP date or a 17-digit timestamp ("YYYYMMDDhhmmss"
@@ -56,23 +58,18 @@ TEST(UpnpDate, ConcurrentCallersAlwaysSeeWholeDatesOfThePresentSecond)
 
 TEST(UpnpDate, YmdIsTheUtcDateAndSmallBuffersAreCutAndTerminated)
 {
-    struct ymd_case { int64_t time; const char* text; };
-    static const ymd_case cases[] = {
-        {0, "1970-01-01"}, {951782400, "2000-02-29"}, {-86400, "1969-12-31"}, {4102444799, "2099-12-31"},
-    };
     char text[16];
-    for (const ymd_case& c : cases) {
-        upnp_date_ymd(c.time, text, sizeof text);
-        EXPECT_STREQ(c.text, text);
+    for (auto [time, ymd] : {std::pair<int64_t, const char*>{0, "1970-01-01"}, {951782400, "2000-02-29"},
+                             {-86400, "1969-12-31"}, {4102444799, "2099-12-31"}}) {
+        upnp_date_ymd(time, text, sizeof text);
+        EXPECT_STREQ(ymd, text);
     }
     memset(text, '#', sizeof text);
     upnp_http_date(text, 5);
-    EXPECT_EQ(4u, strlen(text));
-    EXPECT_EQ('#', text[5]);
+    EXPECT_EQ(std::make_tuple(4ul, '#'), std::make_tuple(strlen(text), text[5]));
     upnp_timestamp(text, 5);
     EXPECT_EQ(4u, strlen(text));
     upnp_date_ymd(0, text, 5);
-    EXPECT_STREQ("1970", text);
     upnp_http_date(nullptr, 10);
     upnp_http_date(text, 0);
     EXPECT_STREQ("1970", text);

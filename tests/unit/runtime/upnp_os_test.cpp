@@ -29,14 +29,8 @@ namespace {
 constexpr int32_t WAIT_MS = 5000;
 
 void sleep_ms(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
-
 const char* or_null(const char* text) { return text ? text : "(null)"; }
-
-bool is_cloexec(int fd)
-{
-    int flags = fcntl(fd, F_GETFD);
-    return flags >= 0 && (flags & FD_CLOEXEC);
-}
+bool is_cloexec(int fd) { return fd >= 3 && fcntl(fd, F_GETFD) == FD_CLOEXEC; }
 
 // A listener on 127.0.0.1 with a port of the system's choice, a client
 // connected to it and the accepted end.
@@ -88,19 +82,14 @@ std::string read_line(int fd)
     return line;
 }
 
-struct thread_seen {
-    std::atomic<int> ran{0}, sigpipe_blocked{-1}, idle{-1};
-    char name[32] = "";
-};
-
 }  // namespace
 
 TEST(OsThread, SpawnedThreadRunsWithSigpipeBlockedAShortNameAndIsCountedUntilItEnds)
 {
-    static thread_seen seen;
+    static struct { std::atomic<int> ran{0}, sigpipe_blocked{-1}, idle{-1}; char name[32] = ""; } seen;
     ASSERT_EQ(1, upnp_thread_spawn(
                      [](void* arg) {
-                         auto* s = static_cast<thread_seen*>(arg);
+                         auto* s = static_cast<decltype(seen)*>(arg);
                          upnp_thread_set_name("upnp_notify_new_contents_thread");
                          pthread_getname_np(pthread_self(), s->name, sizeof(s->name));
                          sigset_t now;
@@ -138,7 +127,7 @@ TEST(OsThread, WaitIdleGivesUpWhileAThreadRunsAndJoinedThreadsLeaveTheCount)
     EXPECT_EQ(0, upnp_thread_count());
 }
 
-TEST(OsSocket, TcpRoundTripOnLoopbackOnABlockingSocketAndCountReturns)
+TEST(OsSocket, LoopbackTrafficOnBlockingSocketsAndAClosedPeerGivesAFailureNotSigpipe)
 {
     int32_t open_before = upnp_socket_open_count();
     {
@@ -146,6 +135,8 @@ TEST(OsSocket, TcpRoundTripOnLoopbackOnABlockingSocketAndCountReturns)
         ASSERT_TRUE(pair.open());
         EXPECT_EQ(open_before + 3, upnp_socket_open_count());
         EXPECT_EQ(0, fcntl(pair.client, F_GETFL) & O_NONBLOCK);     // blocking again after the timed connect
+        for (int32_t s : {pair.listener, pair.client, pair.served})
+            EXPECT_TRUE(is_cloexec(s)) << s;
         const char request[] = "GET / HTTP/1.1\r\n\r\n";
         ASSERT_EQ(int32_t(sizeof(request)), upnp_socket_send_all(pair.client, request, sizeof(request)));
         char got[64] = {};
@@ -156,19 +147,26 @@ TEST(OsSocket, TcpRoundTripOnLoopbackOnABlockingSocketAndCountReturns)
         int32_t peer_port = 0;
         ASSERT_EQ(0, upnp_socket_get_peer(pair.served, ip, &peer_port));
         EXPECT_EQ(std::make_tuple("127.0.0.1"s, upnp_socket_local_port(pair.client)), std::make_tuple(ip, peer_port));
+
+        ASSERT_EQ(0, upnp_socket_set_recv_timeout(pair.client, 50));
+        errno = 0;
+        EXPECT_EQ(-1, upnp_socket_recv(pair.client, got, sizeof(got)));
+        EXPECT_TRUE(errno == EAGAIN || errno == EWOULDBLOCK);
+        upnp_socket_close(pair.served);
+        pair.served = -1;
+        // The first sends may still be taken by the kernel; a reset follows.
+        char block[4096] = {};
+        int32_t rc = 0;
+        for (int i = 0; i < 200 && rc >= 0; i++)
+            if ((rc = upnp_socket_send(pair.client, block, sizeof(block))) >= 0)
+                sleep_ms(5);
+        EXPECT_EQ(-1, rc);                 // and the process is still here
     }
     EXPECT_EQ(open_before, upnp_socket_open_count());
 }
 
-TEST(OsSocket, SocketsAreCloseOnExecAboveStdioWhichIsNeverClosed)
+TEST(OsSocket, NewSocketsStayAboveStdioWhichIsNeverClosed)
 {
-    loopback_pair pair;
-    ASSERT_TRUE(pair.open());
-    int32_t udp = upnp_socket_udp();
-    for (int32_t s : {pair.listener, pair.client, pair.served, udp})
-        EXPECT_TRUE(s >= 3 && is_cloexec(s)) << s;
-    upnp_socket_close(udp);
-
     int saved = fcntl(0, F_DUPFD_CLOEXEC, 3);
     ASSERT_GE(saved, 3);
     close(0);
@@ -177,39 +175,17 @@ TEST(OsSocket, SocketsAreCloseOnExecAboveStdioWhichIsNeverClosed)
     dup2(saved, 0);
     close(saved);
     EXPECT_TRUE(stdin_free);
-    EXPECT_TRUE(s >= 3 && is_cloexec(s)) << s;   // also when moved up from 0
+    EXPECT_TRUE(is_cloexec(s)) << s;   // also when moved up from 0
     upnp_socket_close(s);
-
     for (int32_t bad : {-1, 0, 1, 2})
         EXPECT_EQ(-1, upnp_socket_close(bad)) << bad;
-    EXPECT_GE(fcntl(1, F_GETFD), 0);
-    EXPECT_GE(fcntl(2, F_GETFD), 0);
-}
-
-TEST(OsSocket, SendToAClosedPeerFailsWithoutSigpipeAndRecvTimeoutIsAFailure)
-{
-    loopback_pair pair;
-    ASSERT_TRUE(pair.open());
-    ASSERT_EQ(0, upnp_socket_set_recv_timeout(pair.client, 50));
-    char buffer[8];
-    errno = 0;
-    EXPECT_EQ(-1, upnp_socket_recv(pair.client, buffer, sizeof(buffer)));
-    EXPECT_TRUE(errno == EAGAIN || errno == EWOULDBLOCK);
-
-    upnp_socket_close(pair.served);
-    pair.served = -1;
-    // The first sends may still be taken by the kernel; a reset follows.
-    char block[4096] = {};
-    int32_t rc = 0;
-    for (int i = 0; i < 200 && rc >= 0; i++)
-        if ((rc = upnp_socket_send(pair.client, block, sizeof(block))) >= 0)
-            sleep_ms(5);
-    EXPECT_EQ(-1, rc);                 // and the process is still here
+    EXPECT_TRUE(fcntl(1, F_GETFD) >= 0 && fcntl(2, F_GETFD) >= 0);
 }
 
 TEST(OsSocket, MalformedAddressTextAndAClosedPortAreRefused)
 {
     int32_t s = upnp_socket_udp(), closed = upnp_socket_tcp(), c = upnp_socket_tcp();
+    EXPECT_TRUE(is_cloexec(s)) << s;
     ASSERT_EQ(0, upnp_socket_bind(closed, "127.0.0.1", 0));   // bound, never listening
     EXPECT_EQ(-1, upnp_socket_connect_timeout(c, "127.0.0.1", upnp_socket_local_port(closed), WAIT_MS));
     EXPECT_EQ(-1, upnp_socket_bind(s, "999.1.1.1", 0));
@@ -237,14 +213,11 @@ TEST(OsLookup, ResolvesLocalNamesRefusesTheRestAndAlwaysTerminatesTheHostName)
         EXPECT_EQ(c.result, upnp_resolve_host(c.name, ip));
         EXPECT_STREQ(c.ip, ip);
     }
-    EXPECT_EQ(0, upnp_resolve_host("localhost", nullptr));
-
     char name[256], tiny[3] = {'x', 'x', 'x'};
     ASSERT_EQ(1, upnp_get_hostname(name, sizeof(name)));
     EXPECT_GT(strlen(name), 0u);
     upnp_get_hostname(tiny, sizeof(tiny));
     EXPECT_LT(strnlen(tiny, sizeof(tiny)), sizeof(tiny));
-    EXPECT_EQ(0, upnp_get_hostname(nullptr, 10));
 }
 
 // Every case runs from a library thread, whose mask blocks SIGPIPE; the
@@ -290,8 +263,7 @@ TEST(OsProcess, SpawnedOutputArrivesThroughThePipeAndEndedChildrenAreReaped)
     int32_t out = -1;
     int32_t pid = upnp_process_spawn("/bin/echo", argv, &out);
     ASSERT_GT(pid, 0);
-    ASSERT_GE(out, 3);
-    EXPECT_TRUE(is_cloexec(out));
+    ASSERT_TRUE(is_cloexec(out));
     EXPECT_EQ("hello", read_line(out));
     close(out);
     int status = -2;
@@ -304,10 +276,7 @@ TEST(OsProcess, SpawnedOutputArrivesThroughThePipeAndEndedChildrenAreReaped)
     ASSERT_GT(upnp_process_spawn("/bin/true", nullptr, nullptr), 0);
     EXPECT_EQ(2, upnp_process_count());
     int removed = 0;
-    EXPECT_TRUE(test_eventually([&] {
-        removed += upnp_process_reap();
-        return upnp_process_count() == 0;
-    }));
+    EXPECT_TRUE(test_eventually([&] { return (removed += upnp_process_reap()) && upnp_process_count() == 0; }));
     EXPECT_EQ(2, removed);
 }
 

@@ -7,6 +7,9 @@
 #include <climits>
 #include <cstring>
 #include <string>
+#include <tuple>
+
+using namespace std::string_literals;
 
 struct grow_case {
     const char* name;
@@ -28,8 +31,8 @@ static const grow_case grow_cases[] = {
     {"one more doubles", [] { return add(add(fresh("", 8), "1234567"), "8"); }, "12345678", 8, 16},
     {"exact fit when doubling is short", [] { return add(fresh("ab", 4), "0123456789"); }, "ab0123456789", 12, 13},
     {"null text keeps the record", [] { return add(fresh("x", 8), nullptr); }, "x", 1, 8},
-    {"bytes keep NUL bytes", [] { return bytes(nullptr, "a\0b", 3); }, "a\0b", 3, 256},
-    {"no bytes change nothing", [] { return bytes(bytes(nullptr, "a\0b", 3), "zz", 0); }, "a\0b", 3, 256},
+    {"bytes keep NUL bytes; no bytes change nothing", [] { return bytes(bytes(nullptr, "a\0b", 3), "zz", 0); },
+     "a\0b", 3, 256},
     {"bytes grow into a zero-filled buffer", [] { return bytes(fresh("abc", 4), "de", 2); }, "abcde", 5, 8},
     {"checked mode 1 cleans to UTF-8", [] { return checked(nullptr, "\xE4 ok", 1); }, "\xC3\xA4 ok", 5, 256},
     {"checked mode 0 gives Latin-1", [] { return checked(checked(nullptr, "\xE4 ok", 1), "|\xC3\xA4\xE2\x82\xAC", 0); },
@@ -48,8 +51,7 @@ TEST(UpnpString, AppendsGrowByDoublingOrExactFitIntoZeroFilledBuffers)
         SCOPED_TRACE(c.name);
         upnp_string* s = c.run();
         ASSERT_NE(nullptr, s);
-        EXPECT_EQ(c.length, s->length);
-        ASSERT_EQ(c.capacity, s->capacity);
+        ASSERT_EQ(std::make_tuple(c.length, c.capacity), std::make_tuple(s->length, s->capacity));
         std::string expected = std::string(c.text, size_t(c.length)) + std::string(size_t(c.capacity - c.length), '\0');
         EXPECT_EQ(expected, std::string(s->text, size_t(s->capacity)));
         upnp_string_free(s);
@@ -62,12 +64,9 @@ TEST(UpnpString, GrowthPastTwoGibIsRefusedAndLeavesTheRecord)
 {
     char small[8] = "abc";
     upnp_string fake = {INT32_MAX - 3, INT32_MAX - 2, small};
-    EXPECT_EQ(&fake, upnp_string_append(&fake, "0123456789"));
-    EXPECT_EQ(&fake, upnp_string_append_bytes(&fake, "0123456789", 10));
-    EXPECT_EQ(&fake, upnp_string_appendf(&fake, "%s", "0123456789"));
-    EXPECT_EQ(&fake, upnp_string_append_checked(&fake, "0123456789", 1));
-    EXPECT_EQ(INT32_MAX - 3, fake.length);
-    EXPECT_EQ(INT32_MAX - 2, fake.capacity);
-    EXPECT_EQ(small, fake.text);
-    EXPECT_STREQ("abc", small);
+    EXPECT_EQ(std::make_tuple(&fake, &fake, &fake, &fake),
+              std::make_tuple(add(&fake, "0123456789"), bytes(&fake, "0123456789", 10),
+                              upnp_string_appendf(&fake, "%s", "0123456789"), checked(&fake, "0123456789", 1)));
+    EXPECT_EQ(std::make_tuple(INT32_MAX - 3, INT32_MAX - 2, small, "abc"s),
+              std::make_tuple(fake.length, fake.capacity, fake.text, std::string(small)));
 }
