@@ -52,10 +52,12 @@ TEST(UpnpEncoding, Utf8AndUtf16RoundTripAndInvalidInputBecomesReplacementCharact
         std::vector<uint16_t> units(w, w + (w ? upnp_wcslen(w) : 0)), terminated = c.utf16;
         free(w);
         terminated.push_back(0);
-        if (c.ways & TO_UTF16)
+        if (c.ways & TO_UTF16) {
             EXPECT_EQ(c.utf16, units);
-        if (c.ways & TO_UTF8)
+        }
+        if (c.ways & TO_UTF8) {
             EXPECT_EQ(std::string(c.utf8), take(upnp_string_utf16_to_utf8(terminated.data())));
+        }
     }
 }
 
