@@ -188,7 +188,7 @@ struct Ssdp : ::testing::Test {
     }
 };
 
-TEST_F(Ssdp, AliveBurstsAtStartAndByebyeBurstsAtStop)
+TEST_F(Ssdp, AliveBurstsAtStartComeFromTheNamespaceAddressWithTheIniLifetime)
 {
     udp_client watcher(ns.client, client_ip, 1900, true);
     ASSERT_GE(watcher.fd, 0);
@@ -202,12 +202,9 @@ TEST_F(Ssdp, AliveBurstsAtStartAndByebyeBurstsAtStop)
         EXPECT_EQ(server_ip, d.from);
     // The server's own search for renderers goes out at start too.
     EXPECT_EQ(2u, count_with(alive, "M-SEARCH * HTTP/1.1\r\nMX: 4\r\nST: urn:schemas-upnp-org:device:MediaRenderer:1"));
-    // Nothing more until the next round, which is two minutes away.
+    // Nothing more until the next round, which is two minutes away; the
+    // byebye burst at stop is the soak's.
     EXPECT_EQ(0u, count_with(watcher.take(1000), "ssdp:alive"));
-    EXPECT_EQ(0, stop());
-    std::vector<datagram> byebye = watcher.take(1000);
-    EXPECT_EQ(10u, count_with(byebye, "NTS: ssdp:byebye"));
-    EXPECT_EQ(10u, byebye.size());
 }
 
 TEST_F(Ssdp, GssdpControlPointFindsTheServerForEveryTarget)
