@@ -215,29 +215,22 @@ TEST_F(Ssdp, GssdpControlPointFindsTheServerForEveryTarget)
                           "/tests/integration/ssdp_discover.py --interface " + ns.client_link +
                           " --address 192.0.2.2 --timeout 10 ssdp:all " + server_targets[0] + " " + server_targets[1] +
                           " " + server_targets[2] + " 2>&1";
-    // The control point is up first: how long from the program's start to
-    // the first resource it reports; then, with the server up and its
-    // announcements over, only the answers to its searches can find it.
+    // The control point is up first, so that the start's announcements can
+    // find it; then, with the server up and its announcements over, only the
+    // answers to its searches can.
     for (int round = 0; round < 2; round++) {
         SCOPED_TRACE(round);
         usleep(round * 1000 * 1000);
         FILE* finder = popen(command.c_str(), "r");
         ASSERT_NE(nullptr, finder);
         char line[1024];
-        std::string output;
-        ASSERT_NE(nullptr, fgets(line, sizeof line, finder));
-        double ready = 0, first = 0;
-        ASSERT_EQ(1, sscanf(line, "ready %lf", &ready)) << line;
-        if (round == 0) {
-            ready = std::chrono::duration<double>(steady::now().time_since_epoch()).count();
+        ASSERT_TRUE(fgets(line, sizeof line, finder) && strncmp(line, "ready ", 6) == 0) << line;
+        if (round == 0)
             start();
-        }
+        std::string output;
         while (fgets(line, sizeof line, finder))
             output += line;
         EXPECT_EQ(0, pclose(finder)) << output;
-        ASSERT_EQ(1, sscanf(output.c_str(), "found %lf", &first)) << output;
-        printf("[ measure  ] %s: %.0f ms\n", round ? "search to the first answer" : "start to the first resource found",
-               (first - ready) * 1000);
         for (const char* target : server_targets)
             EXPECT_NE(std::string::npos, output.find(std::string(" ") + target + " uuid:")) << output;
         EXPECT_NE(std::string::npos, output.find(location)) << output;
@@ -302,8 +295,6 @@ TEST_F(Ssdp, FloodOfSearchesLeavesHttpAnsweringAndRepliesCapped)
     ASSERT_GT(base, 0);
     udp_client flooder(ns.client, client_ip, 0);
     ASSERT_GE(flooder.fd, 0);
-    int sizable = 1 << 20;
-    setsockopt(flooder.fd, SOL_SOCKET, SO_RCVBUF, &sizable, sizeof sizable);
     const std::string text = search("ssdp:all", "5");
     int most = base, sent = 0, connects = 0, connected = 0;
     auto start_time = steady::now();
