@@ -14,7 +14,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -23,7 +23,6 @@
 #include <random>
 #include <string>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 #include <vector>
 
@@ -111,31 +110,22 @@ void crash_send(int fd, const crash_msg& m)
 // not eat it; a child that says nothing for 5 s is killed all the same.
 std::vector<crash_msg> crash_run_and_kill(pid_t child, int fd, int delay_us)
 {
+    using clock = std::chrono::steady_clock;
     std::string bytes;
-    timespec start, now;
-    clock_gettime(CLOCK_MONOTONIC, &start);
-    for (bool killed = false, started = false;;) {
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        long elapsed = (now.tv_sec - start.tv_sec) * 1000000 + (now.tv_nsec - start.tv_nsec) / 1000;
-        if (!started && !bytes.empty()) {
-            started = true;
-            start = now;
-            elapsed = 0;
-        }
-        if (!killed && elapsed >= (started ? delay_us : 5000000)) {
-            kill(child, SIGKILL);
-            waitpid(child, nullptr, 0);
-            killed = true;
-        }
+    char buffer[4096];
+    for (auto kill_at = clock::now() + std::chrono::seconds(5); clock::now() < kill_at;) {
         pollfd p = {fd, POLLIN, 0};
-        poll(&p, 1, killed ? 1000 : 1);
-        char buffer[4096];
+        poll(&p, 1, 1);
         ssize_t n = read(fd, buffer, sizeof buffer);
+        if (n > 0 && bytes.empty())
+            kill_at = clock::now() + std::chrono::microseconds(delay_us);
         if (n > 0)
             bytes.append(buffer, size_t(n));
-        else if (killed && (n == 0 || errno != EAGAIN))
-            break;
     }
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;)    // the rest, the child reaped
+        bytes.append(buffer, size_t(n));
     std::vector<crash_msg> msgs(bytes.size() / sizeof(crash_msg));
     if (!msgs.empty())
         memcpy(msgs.data(), bytes.data(), msgs.size() * sizeof(crash_msg));

@@ -81,19 +81,19 @@ TEST(Host, RefusesWhatItCannotServeWithOneLine)
     }
 }
 
-// The library shows the control API and nothing else of ours.
+// The library shows the functions its header declares and nothing else.
 TEST(Library, ExportsExactlyTheControlApi)
 {
-    std::set<std::string> exported, dapi;
+    std::set<std::string> declared, exported;
+    std::istringstream header(test_read_file(VELMORA_SOURCE_DIR "/include/velmora/dapi_dms.h"));
+    for (std::string line; std::getline(header, line);)
+        if (line.rfind("DAPI_DMS_EXPORT ", 0) == 0)
+            declared.insert(line.substr(line.find("dapi_dms_"), line.find('(') - line.find("dapi_dms_")));
     std::istringstream nm(test_output(std::string("nm -D --defined-only ") + VELMORA_SHARED_LIBRARY));
-    for (std::string line; std::getline(nm, line);) {
-        std::string name = line.substr(line.rfind(' ') + 1);
-        exported.insert(name);
-        if (name.rfind("dapi_dms_", 0) == 0)
-            dapi.insert(name);
-    }
-    EXPECT_EQ(26u, dapi.size());
-    EXPECT_EQ(dapi, exported);
+    for (std::string line; std::getline(nm, line);)
+        exported.insert(line.substr(line.rfind(' ') + 1));
+    EXPECT_FALSE(declared.empty());
+    EXPECT_EQ(declared, exported);
 }
 
 }  // namespace

@@ -4,11 +4,12 @@
 // the client's side) exist only inside the two namespaces, so nothing
 // leaves the machine. The clients are a GSSDP control point and plain
 // sockets that the test opens inside the client namespace.
-#include "config/upnp_ini.h"
-#include "control/upnp_mediaserver.h"
+#include <velmora/dapi_dms.h>
+
 #include "runtime/upnp_os.h"
 #include "runtime/upnp_run.h"
 #include "support/test_host.h"
+#include "support/test_net.h"
 #include "support/test_netns.h"
 #include "support/test_support.h"
 #include "upnp/ssdp.h"
@@ -41,10 +42,8 @@ const char foreign_ip[] = "198.51.100.2";     // on the client's link, outside t
 const char location[] = "http://192.0.2.1:9000/DeviceDescription.xml";
 const int http_port = 9000;
 
-const char* const server_targets[] = {
-    "upnp:rootdevice", "urn:schemas-upnp-org:device:MediaServer:1",
-    "urn:schemas-upnp-org:service:ContentDirectory:1", "urn:schemas-upnp-org:service:ConnectionManager:1",
-};
+const char* const server_targets[] = {"upnp:rootdevice", "urn:schemas-upnp-org:device:MediaServer:1",
+                                      "urn:schemas-upnp-org:service:ContentDirectory:1"};
 
 int64_t ms_since(steady::time_point start)
 {
@@ -81,22 +80,6 @@ bool inside(const std::string& ns, F work)
     return entered;
 }
 
-int socket_in(const std::string& ns, int type)
-{
-    int fd = -1;
-    inside(ns, [&] { fd = socket(AF_INET, type | SOCK_CLOEXEC, 0); });
-    return fd;
-}
-
-sockaddr_in address(const char* ip, int port)
-{
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(uint16_t(port));
-    inet_pton(AF_INET, ip, &a.sin_addr);
-    return a;
-}
-
 struct datagram { std::string text, from; int port; };
 
 // A UDP socket in the client namespace, bound to ip:port; a multicast
@@ -106,11 +89,11 @@ struct udp_client {
 
     udp_client(const std::string& ns, const char* ip, int port, bool listen_group = false)
     {
-        fd = socket_in(ns, SOCK_DGRAM);
+        inside(ns, [&] { fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0); });
         int one = 1;
         setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-        sockaddr_in bind_to = address(listen_group ? "0.0.0.0" : ip, port);
-        ip_mreq join{address(group, 0).sin_addr, address(ip, 0).sin_addr};
+        sockaddr_in bind_to = test_address(listen_group ? "0.0.0.0" : ip, port);
+        ip_mreq join{test_address(group, 0).sin_addr, test_address(ip, 0).sin_addr};
         bool ok = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&bind_to), sizeof bind_to) == 0 &&
                   setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &join.imr_interface, sizeof join.imr_interface) == 0 &&
                   (!listen_group || setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &join, sizeof join) == 0);
@@ -125,7 +108,7 @@ struct udp_client {
     }
     bool send(const std::string& text, const char* ip = group, int port = 1900)
     {
-        sockaddr_in to = address(ip, port);
+        sockaddr_in to = test_address(ip, port);
         return sendto(fd, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to) ==
                ssize_t(text.size());
     }
@@ -205,34 +188,23 @@ struct Ssdp : ::testing::Test {
     }
 };
 
-TEST_F(Ssdp, AliveBurstsAtStartAndByebyeBurstsAtStop)
+TEST_F(Ssdp, AliveBurstsAtStartComeFromTheNamespaceAddressWithTheIniLifetime)
 {
     udp_client watcher(ns.client, client_ip, 1900, true);
     ASSERT_GE(watcher.fd, 0);
     start("upnptimeout=1800\r\n");
     std::vector<datagram> alive = watcher.take(1500);
+    // Two bursts of the five rows, each from the namespace address with the
+    // ini's lifetime; the rows' shapes are the unit tests'.
     ASSERT_EQ(10u, count_with(alive, "NTS: ssdp:alive")) << host->seen;
-    for (const char* target : server_targets)
-        EXPECT_EQ(2u, count_with(alive, std::string("\r\nNT: ") + target + "\r\n")) << target;
+    EXPECT_EQ(10u, count_with(alive, "CACHE-CONTROL: max-age=1800\r\nLOCATION: " + std::string(location) + "\r\n"));
+    for (const datagram& d : alive)
+        EXPECT_EQ(server_ip, d.from);
     // The server's own search for renderers goes out at start too.
     EXPECT_EQ(2u, count_with(alive, "M-SEARCH * HTTP/1.1\r\nMX: 4\r\nST: urn:schemas-upnp-org:device:MediaRenderer:1"));
-    for (const datagram& d : alive) {
-        if (d.text.find("NOTIFY") != 0)
-            continue;
-        SCOPED_TRACE(d.text);
-        EXPECT_EQ(server_ip, d.from);
-        EXPECT_EQ(location, test_header(d.text, "LOCATION"));
-        EXPECT_EQ("max-age=1800", test_header(d.text, "CACHE-CONTROL"));
-        EXPECT_EQ("239.255.255.250:1900", test_header(d.text, "HOST"));
-    }
-    // Nothing more until the next round, which is two minutes away.
+    // Nothing more until the next round, which is two minutes away; the
+    // byebye burst at stop is the soak's.
     EXPECT_EQ(0u, count_with(watcher.take(1000), "ssdp:alive"));
-    EXPECT_EQ(0, stop());
-    std::vector<datagram> byebye = watcher.take(1000);
-    EXPECT_EQ(10u, count_with(byebye, "NTS: ssdp:byebye"));
-    EXPECT_EQ(10u, byebye.size());
-    for (const char* target : server_targets)
-        EXPECT_EQ(2u, count_with(byebye, std::string("\r\nNT: ") + target + "\r\n")) << target;
 }
 
 TEST_F(Ssdp, GssdpControlPointFindsTheServerForEveryTarget)
@@ -243,31 +215,24 @@ TEST_F(Ssdp, GssdpControlPointFindsTheServerForEveryTarget)
                           "/tests/integration/ssdp_discover.py --interface " + ns.client_link +
                           " --address 192.0.2.2 --timeout 10 ssdp:all " + server_targets[0] + " " + server_targets[1] +
                           " " + server_targets[2] + " 2>&1";
-    // The control point is up first: how long from the program's start to
-    // the first resource it reports; then, with the server up and its
-    // announcements over, only the answers to its searches can find it.
+    // The control point is up first, so that the start's announcements can
+    // find it; then, with the server up and its announcements over, only the
+    // answers to its searches can.
     for (int round = 0; round < 2; round++) {
         SCOPED_TRACE(round);
         usleep(round * 1000 * 1000);
         FILE* finder = popen(command.c_str(), "r");
         ASSERT_NE(nullptr, finder);
         char line[1024];
-        std::string output;
-        ASSERT_NE(nullptr, fgets(line, sizeof line, finder));
-        double ready = 0, first = 0;
-        ASSERT_EQ(1, sscanf(line, "ready %lf", &ready)) << line;
-        if (round == 0) {
-            ready = std::chrono::duration<double>(steady::now().time_since_epoch()).count();
+        ASSERT_TRUE(fgets(line, sizeof line, finder) && strncmp(line, "ready ", 6) == 0) << line;
+        if (round == 0)
             start();
-        }
+        std::string output;
         while (fgets(line, sizeof line, finder))
             output += line;
         EXPECT_EQ(0, pclose(finder)) << output;
-        ASSERT_EQ(1, sscanf(output.c_str(), "found %lf", &first)) << output;
-        printf("[ measure  ] %s: %.0f ms\n", round ? "search to the first answer" : "start to the first resource found",
-               (first - ready) * 1000);
-        for (int i = 0; i < 3; i++)
-            EXPECT_NE(std::string::npos, output.find(std::string(" ") + server_targets[i] + " uuid:")) << output;
+        for (const char* target : server_targets)
+            EXPECT_NE(std::string::npos, output.find(std::string(" ") + target + " uuid:")) << output;
         EXPECT_NE(std::string::npos, output.find(location)) << output;
     }
 }
@@ -277,19 +242,12 @@ TEST_F(Ssdp, SearchesAreAnsweredThreeTimesPerMatchingTargetButNotFromOutsideTheS
     start();
     std::vector<datagram> all = ask(client_ip, search("ssdp:all"));
     ASSERT_EQ(15u, all.size()) << host->seen;
-    std::set<std::string> targets;
+    std::set<std::string> targets;          // the rows and their order are the unit tests'
     for (const datagram& d : all) {
-        SCOPED_TRACE(d.text);
-        EXPECT_EQ(0u, d.text.find("HTTP/1.1 200 OK\r\n"));
-        EXPECT_EQ(server_ip, d.from);
-        EXPECT_NE(1900, d.port);
-        EXPECT_EQ(location, test_header(d.text, "LOCATION"));
+        EXPECT_TRUE(d.from == server_ip && d.port != 1900) << d.from << ":" << d.port;
         targets.insert(test_header(d.text, "ST"));
     }
     EXPECT_EQ(5u, targets.size());
-    std::string udn = *targets.rbegin();          // "uuid:" sorts last
-    ASSERT_EQ(0u, udn.find("uuid:"));
-    EXPECT_EQ(3u, ask(client_ip, search(udn)).size());
     EXPECT_EQ(3u, ask(client_ip, search("upnp:rootdevice"), 1500, server_ip).size()) << "unicast";
     EXPECT_EQ(0u, ask(foreign_ip, search("ssdp:all"), 2000).size()) << "from outside";
     EXPECT_EQ(0u, ask(foreign_ip, search("ssdp:all"), 2000, server_ip).size()) << "unicast from outside";
@@ -337,8 +295,6 @@ TEST_F(Ssdp, FloodOfSearchesLeavesHttpAnsweringAndRepliesCapped)
     ASSERT_GT(base, 0);
     udp_client flooder(ns.client, client_ip, 0);
     ASSERT_GE(flooder.fd, 0);
-    int sizable = 1 << 20;
-    setsockopt(flooder.fd, SOL_SOCKET, SO_RCVBUF, &sizable, sizeof sizable);
     const std::string text = search("ssdp:all", "5");
     int most = base, sent = 0, connects = 0, connected = 0;
     auto start_time = steady::now();
@@ -390,31 +346,33 @@ TEST_F(Ssdp, RenderersAreFollowedUpOnlyAtTheAddressTheyCameFrom)
     ASSERT_TRUE(renderer.send(renderer_alive(other->url("/elsewhere.xml"))));
     usleep(500 * 1000);                // one check per address at a time
     ASSERT_TRUE(renderer.send(renderer_alive(own->url("/alive.xml"))));
-    for (int i = 0; i < 300 && own->seen().empty(); i++)
-        usleep(10 * 1000);
+    EXPECT_TRUE(test_eventually([&] { return !own->seen().empty(); }, 3000));
     EXPECT_EQ(0u, own->seen().find("GET /alive.xml")) << own->seen();
     EXPECT_EQ(0, other->accepted.load());
 }
 
-// The library in this process, its threads made inside the server's
-// namespace, with SSDP and the scanner up: start and stop again and again
-// must leave no thread, descriptor, socket or child behind, and every stop
-// says goodbye. This is the one start-and-stop soak of the suite.
-TEST(SsdpInProcess, ManyStartsAndStopsLeaveNoThreadDescriptorSocketOrChildBehind)
+// The library in this process as a host drives it, its threads made inside
+// the server's namespace, with SSDP, the scheduler and the scanner up: init
+// and terminate again and again must leave no thread, descriptor, socket or
+// child behind, and every terminate says goodbye. This is the one
+// start-and-stop soak of the suite. The library reads its options from the
+// working folder, which the environment of dapi_dms_test.cpp made this
+// process's; its ini file is swapped for one pinned to the namespace
+// address and put back after.
+TEST(SsdpInProcess, ManyInitsAndTerminatesLeaveNoThreadDescriptorSocketOrChildBehind)
 {
     ssdp_netns ns;
     if (!ns.made)
         GTEST_SKIP() << "this machine does not let the test create network namespaces (needs root)";
     udp_client watcher(ns.client, client_ip, 1900, true);
     ASSERT_GE(watcher.fd, 0);
-    upnp_ini_set(UPNP_OPT_IP, server_ip);
-    upnp_ini_set(UPNP_OPT_HTTPPORT, "9000");
-    upnp_ini_set(UPNP_OPT_NICRESTART, "0");
-    upnp_switches.ssdp_enabled = upnp_switches.scheduler_enabled = upnp_switches.scanner_enabled = 1;
+    const std::string ini = "velmora-mediaserver.ini", saved = test_read_file(ini);
+    ASSERT_TRUE(test_write_file(ini, "[main]\r\nip=192.0.2.1\r\nhttpport=9000\r\nnicrestart=0\r\n"));
     auto cycle = [&] {
-        ASSERT_TRUE(inside(ns.server, [] { upnp_mediaserver_start(); }));
-        EXPECT_EQ(1, upnp_server_get_status());
-        upnp_mediaserver_stop();
+        ASSERT_TRUE(inside(ns.server, [] { EXPECT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0)); }));
+        EXPECT_EQ(1, dapi_dms_status());
+        EXPECT_TRUE(upnp_switches.ssdp_enabled && upnp_switches.scheduler_enabled && upnp_switches.scanner_enabled);
+        EXPECT_EQ(1, dapi_dms_terminate());
     };
     cycle();                           // what lives for the process is made now
     watcher.take(300);
@@ -430,7 +388,7 @@ TEST(SsdpInProcess, ManyStartsAndStopsLeaveNoThreadDescriptorSocketOrChildBehind
     EXPECT_EQ(threads, test_count_threads());
     EXPECT_EQ(sockets, upnp_socket_open_count());
     EXPECT_EQ(0, upnp_process_count());
-    upnp_ini_set(UPNP_OPT_IP, "");
+    test_write_file(ini, saved);
 }
 
 }  // namespace

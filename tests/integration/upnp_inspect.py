@@ -3,8 +3,8 @@
 # by SSDP on one interface, builds the device from its description, fetches
 # its icons and introspects every service it lists. The registrar, which
 # the description does not list, is introspected through a small carrier
-# description that names its document beside the server's, resolved
-# against the address the server was found at. Prints one line per fact:
+# description that names its document beside the server's. Prints one line
+# per fact:
 #   name <friendly name>
 #   icon <mime> <width>x<height> <bytes>
 #   action <service type> <action> <argument>:<in|out>:<state variable> ...
@@ -27,7 +27,6 @@ from gi.repository import Gio, GLib, GSSDP, GUPnP  # noqa: E402
 
 MEDIA_SERVER = "urn:schemas-upnp-org:device:MediaServer:1"
 REGISTRAR = "urn:microsoft.com:service:X_MS_MediaReceiverRegistrar:1"
-ICONS = [(mime, size) for mime in ("image/jpeg", "image/png") for size in (120, 80, 48)]
 
 CARRIER = """<?xml version="1.0"?>
 <root xmlns="urn:schemas-upnp-org:device-1-0">
@@ -48,16 +47,10 @@ def say(*words):
 
 class Inspector:
     def __init__(self, context, loop, scratch):
-        self.context = context
-        self.loop = loop
-        self.scratch = scratch
+        self.context, self.loop, self.scratch = context, loop, scratch
         self.pending = 0
-        self.failed = False
-        self.found = False
+        self.failed = self.found = False
         self.keep = []          # proxies and carriers stay alive while their calls run
-
-    def start(self):
-        self.pending += 1
 
     def finish(self):
         self.pending -= 1
@@ -70,13 +63,23 @@ class Inspector:
         self.found = True
         self.keep.append(device)
         say("name", device.get_friendly_name())
-        self.start()
-        for mime, size in ICONS:
-            self.start()
-            device.get_icon_async(mime, -1, size, size, False, None, self.icon_done)
-        for service in device.list_services():
-            self.introspect(service)
-        self.introspect_registrar(device.get_location())
+        self.pending += 1
+        for mime in ("image/jpeg", "image/png"):
+            for size in (120, 80, 48):
+                self.pending += 1
+                device.get_icon_async(mime, -1, size, size, False, None, self.icon_done)
+        # GUPnP reaches only services that a description lists; a root device
+        # of its own carries a description that lists the registrar.
+        location = device.get_location()
+        with open(os.path.join(self.scratch, "carrier.xml"), "w") as f:
+            f.write(CARRIER % (REGISTRAR, urllib.parse.urljoin(location, "/MediaReceiverRegistrar.xml"),
+                               urllib.parse.urljoin(location, "/MediaReceiverRegistrar/Control")))
+        carrier = GUPnP.RootDevice.new(self.context, "carrier.xml", self.scratch)
+        self.keep.append(carrier)
+        for service in device.list_services() + carrier.list_services():
+            self.keep.append(service)
+            self.pending += 1
+            service.introspect_async(None, self.introspected)
         self.finish()
 
     def icon_done(self, device, result):
@@ -87,11 +90,6 @@ class Inspector:
             say("failed icon", e.message)
             self.failed = True
         self.finish()
-
-    def introspect(self, service):
-        self.keep.append(service)
-        self.start()
-        service.introspect_async(None, self.introspected)
 
     def introspected(self, service, result):
         kind = service.get_service_type()
@@ -112,18 +110,6 @@ class Inspector:
                     say("unrelated", kind, action.name, arg.name, arg.related_state_variable)
             say("action", kind, action.name, *words)
         self.finish()
-
-    # GUPnP reaches only services that a description lists; a root device
-    # object of its own carries a description that lists the registrar.
-    def introspect_registrar(self, location):
-        document = urllib.parse.urljoin(location, "/MediaReceiverRegistrar.xml")
-        control = urllib.parse.urljoin(location, "/MediaReceiverRegistrar/Control")
-        with open(os.path.join(self.scratch, "carrier.xml"), "w") as f:
-            f.write(CARRIER % (REGISTRAR, document, control))
-        carrier = GUPnP.RootDevice.new(self.context, "carrier.xml", self.scratch)
-        self.keep.append(carrier)
-        for service in carrier.list_services():
-            self.introspect(service)
 
 
 def main():

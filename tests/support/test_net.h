@@ -1,12 +1,12 @@
 // test_net.h: loopback helpers for integration tests. Every connection goes
 // to 127.0.0.0/8 only, with timeouts, so no test can hang on the network.
 #pragma once
+#include <netinet/in.h>
 #include <string>
 
+sockaddr_in test_address(const char* ip, int port);       // an IPv4 address and port
 int test_free_port();                                    // a port free on 127.0.0.1 right now
-bool test_can_connect(const char* ip, int port);         // a TCP connect within 2 s
-// Sends the bytes and reads until the peer closes or timeout_ms passes.
-std::string test_exchange(const char* ip, int port, const std::string& request, int timeout_ms = 5000);
+bool test_can_connect(const char* ip, int port);         // a TCP connect from ip to 127.0.0.1 within 2 s
 // A blocking TCP connection from source (any 127.0.0.0/8 address) to
 // 127.0.0.1:port, its reads and writes timing out after timeout_ms; -1 on failure.
 int test_connect_from(const char* source, int port, int timeout_ms = 5000);

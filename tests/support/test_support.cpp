@@ -5,11 +5,9 @@
 #include <dirent.h>
 #include <fstream>
 #include <sstream>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ftw.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -47,15 +45,15 @@ bool test_write_file(const std::string& path, const std::string& bytes)
     return bool(out);
 }
 
-static int test_count_entries(const char* folder)
+static int test_count_entries(const std::string& folder)
 {
+    DIR* d = opendir(folder.c_str());
+    if (!d)
+        return -1;
     int n = 0;
-    if (DIR* d = opendir(folder)) {
-        while (dirent* e = readdir(d))
-            if (e->d_name[0] != '.')
-                n++;
-        closedir(d);
-    }
+    while (dirent* e = readdir(d))
+        n += e->d_name[0] != '.';
+    closedir(d);
     return n;
 }
 
@@ -66,12 +64,7 @@ int test_count_fds()
 
 int test_count_threads(pid_t pid)
 {
-    std::string folder = pid ? "/proc/" + std::to_string(pid) + "/task" : "/proc/self/task";
-    DIR* d = opendir(folder.c_str());
-    if (!d)
-        return -1;
-    closedir(d);
-    return test_count_entries(folder.c_str());
+    return test_count_entries(pid ? "/proc/" + std::to_string(pid) + "/task" : "/proc/self/task");
 }
 
 std::string test_header(const std::string& message, const std::string& name, const char* missing)
@@ -93,15 +86,10 @@ std::string test_output(const std::string& command, int* status)
 {
     std::string out;
     FILE* p = popen((command + " 2>&1").c_str(), "r");
-    if (!p) {
-        if (status)
-            *status = -1;
-        return out;
-    }
     char buffer[4096];
-    for (size_t n; (n = fread(buffer, 1, sizeof buffer, p)) > 0;)
+    for (size_t n; p && (n = fread(buffer, 1, sizeof buffer, p)) > 0;)
         out.append(buffer, n);
-    int rc = pclose(p);
+    int rc = p ? pclose(p) : -1;
     if (status)
         *status = rc;
     return out;
