@@ -67,12 +67,12 @@ TEST(UpnpEncoding, CountedFormsStopAtTheCountAndNullInGivesNullOut)
     EXPECT_EQ((std::vector<uint16_t>{'a', 0xD83D, 0xDE00, 0}), std::vector<uint16_t>(w, w + 4));
     free(w);
     std::vector<uint16_t> units = {'x', 0xD83D, 0xDE00, 'y'};
-    EXPECT_EQ("x\xEF\xBF\xBD", take(upnp_string_utf16_to_utf8_n(units.data(), 2)));
-    EXPECT_EQ("x\xF0\x9F\x98\x80y", take(upnp_string_utf16_to_utf8_n(units.data(), 4)));
+    EXPECT_EQ(std::make_tuple(std::string("x\xEF\xBF\xBD"), std::string("x\xF0\x9F\x98\x80y")),
+              std::make_tuple(take(upnp_string_utf16_to_utf8_n(units.data(), 2)),
+                              take(upnp_string_utf16_to_utf8_n(units.data(), 4))));
 
-    for (char* (*convert)(const char*) : {upnp_string_sjis_to_utf8, upnp_string_latin1_to_utf8,
-                                           upnp_string_clean_utf8, upnp_string_to_latin1})
-        EXPECT_EQ(nullptr, convert(nullptr));
+    EXPECT_TRUE(!upnp_string_sjis_to_utf8(nullptr) && !upnp_string_latin1_to_utf8(nullptr)
+                && !upnp_string_clean_utf8(nullptr) && !upnp_string_to_latin1(nullptr));
     EXPECT_EQ(std::make_tuple((uint16_t*)nullptr, (char*)nullptr, -1, -1),
               std::make_tuple(upnp_string_utf8_to_utf16(nullptr), upnp_string_utf16_to_utf8(nullptr),
                               upnp_string_utf8_to_wide(nullptr, nullptr, 0),
@@ -84,9 +84,8 @@ TEST(UpnpEncoding, WideFormsMeasureThenConvertNeverPastTheBufferNorSplittingACha
     const char* text = "a\xF0\x9F\x98\x80";
     EXPECT_EQ(4, upnp_string_utf8_to_wide(text, nullptr, 0));
     uint16_t out[8] = {0x1111, 0x1111, 0x1111, 0x1111};
-    EXPECT_EQ(0, upnp_string_utf8_to_wide(text, out, 3));
+    EXPECT_TRUE(upnp_string_utf8_to_wide(text, out, 3) == 0 && upnp_string_utf8_to_wide("abc", out, 0) == 0);
     EXPECT_EQ((std::vector<uint16_t>{'a', 0, 0x1111, 0x1111}), std::vector<uint16_t>(out, out + 4));   // no half pair
-    EXPECT_EQ(0, upnp_string_utf8_to_wide("abc", out, 0));
     EXPECT_EQ(8, upnp_string_acp_to_wide(text, out, 8));
     EXPECT_EQ((std::vector<uint16_t>{'a', 0xD83D, 0xDE00, 0}), std::vector<uint16_t>(out, out + 4));
     const uint16_t wide[] = {'a', 0x20AC, 0};
@@ -94,8 +93,7 @@ TEST(UpnpEncoding, WideFormsMeasureThenConvertNeverPastTheBufferNorSplittingACha
     EXPECT_EQ(5, upnp_string_wide_to_utf8(wide, nullptr, 0));
     EXPECT_EQ(0, upnp_string_wide_to_utf8(wide, bytes, 3));
     EXPECT_EQ(std::string("a\0##", 4), std::string(bytes, 4));
-    EXPECT_EQ(5, upnp_string_wide_to_utf8(wide, bytes, 8));
-    EXPECT_STREQ("a\xE2\x82\xAC", bytes);
+    EXPECT_TRUE(upnp_string_wide_to_utf8(wide, bytes, 8) == 5 && bytes == std::string("a\xE2\x82\xAC")) << bytes;
 }
 
 struct convert_case { char* (*convert)(const char*); const char* name; const char* in; const char* out; };

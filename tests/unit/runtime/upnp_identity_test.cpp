@@ -15,9 +15,8 @@ TEST(UpnpIdentity, UdnTakesItsSeedFromTheLastParenthesisOfTheName)
         {"a(1) b(7)", "37"} /* the last parenthesis decides */, {"trailing(", "00"},
     };
     for (const udn_case& c : cases) {
-        SCOPED_TRACE(c.friendly_name);
         std::string udn = upnp_get_udn(c.friendly_name);
-        EXPECT_EQ(std::string("uuid:76656c6d-6f72-1063-80") + c.seed_hex + "-", udn.substr(0, 29));
-        EXPECT_EQ(41u, udn.size());
+        EXPECT_EQ(std::make_tuple(std::string("uuid:76656c6d-6f72-1063-80") + c.seed_hex + "-", 41ul),
+                  std::make_tuple(udn.substr(0, 29), udn.size())) << c.friendly_name;
     }
 }

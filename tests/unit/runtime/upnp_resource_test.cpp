@@ -1,4 +1,4 @@
-// Tests of the program's own files: resource look-up and refusal, and temp names.
+// Tests of the program's own files: resource look-up and refusal.
 #include "runtime/upnp_string.h"
 
 #include "config/upnp_ini.h"
@@ -7,10 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <sys/stat.h>
-#include <unistd.h>
 
 // A program folder (as the host's argv[0] gives it) with a resources folder.
 struct UpnpResource : ::testing::Test {
@@ -59,17 +57,4 @@ TEST_F(UpnpResource, RefusesNamesThatLeaveTheProgramFolderAndWhatIsNoRegularFile
         EXPECT_EQ("<none>", read(name)) << name;
     EXPECT_EQ("a", read("sub/a.txt"));
     EXPECT_EQ(0, upnp_read_resource(nullptr, nullptr, nullptr));
-}
-
-TEST_F(UpnpResource, TempNamesCountUpUnderTheDatabaseFolder)
-{
-    std::string prefix = dir.path + "/temp/tempfile";
-    char *first = upnp_temp_file_name(dir.path.c_str()), *second = upnp_temp_file_name(dir.path.c_str());
-    std::string a = first ? first : "", b = second ? second : "";
-    free(first);
-    free(second);
-    ASSERT_TRUE(a.find(prefix) == 0 && b.find(prefix) == 0) << a << " " << b;
-    EXPECT_EQ(atoi(a.c_str() + prefix.size()) + 1, atoi(b.c_str() + prefix.size()));
-    struct stat st;
-    EXPECT_TRUE(stat(dir.file("temp").c_str(), &st) == 0 && S_ISDIR(st.st_mode));
 }

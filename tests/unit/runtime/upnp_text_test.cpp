@@ -45,9 +45,9 @@ TEST(UpnpText, FoldedCompareIgnoresCaseFoldsLettersAndOrdersByLength)
         {nullptr, nullptr, 0}, {nullptr, "a", -1}, {"a", nullptr, 1},
     };
     for (const compare_case& c : cases) {
-        SCOPED_TRACE(std::string(c.a ? c.a : "(null)") + " vs " + (c.b ? c.b : "(null)"));
         int result = upnp_strcmp_folded(c.a, c.b);
-        EXPECT_EQ(c.sign, c.a && c.b ? (result > 0) - (result < 0) : result);
+        EXPECT_EQ(c.sign, c.a && c.b ? (result > 0) - (result < 0) : result) << (c.a ? c.a : "(null)") << " vs "
+                                                                              << (c.b ? c.b : "(null)");
     }
 }
 
@@ -85,12 +85,11 @@ TEST(UpnpText, WholeFieldParsersTakePlainDigitsThatFitAndTheSignedOneSign)
         {"12a", 2, 1, 12, 1, 12}, {"-1x", 2, 0, 0, 1, -1},   // only the counted bytes are read
     };
     for (const parse_case& c : cases) {
-        SCOPED_TRACE(c.text ? std::string(c.text, c.length) : "(null)");
         uint64_t u = 12345;
         int64_t i = 12345;
         int u_ok = upnp_parse_u64(c.text, c.length, &u), i_ok = upnp_parse_i64(c.text, c.length, &i);
         EXPECT_EQ(std::make_tuple(c.u_ok, c.u_ok ? c.u : 12345u, c.i_ok, c.i_ok ? c.i : 12345),
-                  std::make_tuple(u_ok, u, i_ok, i));
+                  std::make_tuple(u_ok, u, i_ok, i)) << (c.text ? std::string(c.text, c.length) : "(null)");
     }
 }
 

@@ -23,14 +23,10 @@ static std::string outline(const upnp_xml_node* n, bool deep = true)
 {
     if (!n)
         return "<null>";
-    std::string s = n->name;
-    if (n->attributes) {
-        s += "{";
-        for (const upnp_xml_attr* a = n->attributes; a; a = a->next)
-            s += std::string(a->name) + "=" + a->value + ";";
-        s += "}";
-    }
-    s += n->value ? "=" + std::string(n->value) : "";
+    std::string s = std::string(n->name) + (n->attributes ? "{" : "");
+    for (const upnp_xml_attr* a = n->attributes; a; a = a->next)
+        s += std::string(a->name) + "=" + a->value + ";";
+    s += (n->attributes ? "}" : "") + (n->value ? "=" + std::string(n->value) : "");
     if (!deep)
         return s + ";";
     s += "[";
