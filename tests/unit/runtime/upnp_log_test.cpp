@@ -69,4 +69,3 @@ TEST_F(LogFile, LongMessagesAreCutNotOverrun)
     upnp_log(UPNP_LOG_INFO, UPNP_LOG_SYSTEM, "%s\n", std::string(10000, 'x').c_str());
     EXPECT_TRUE(text().size() > 1000u && text().size() < 5000u) << text().size();
 }
-

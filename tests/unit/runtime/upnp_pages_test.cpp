@@ -41,4 +41,3 @@ TEST(UpnpPages, MappingGrowsAndShrinksKeepingItsContents)
     EXPECT_EQ(r[first / 2 - 1], 0x33);
     upnp_pages_release(r, first / 2);
 }
-
