@@ -1,7 +1,5 @@
-// config_test_support.h: what the configuration tests share. A program
-// folder under a scratch folder with the shipped string files in its
-// "resources", a start of the option store in it with a command line, the
-// language variables pinned to "C", and a log file to read back.
+// config_test_support.h: a scratch program folder with the shipped string
+// files, the option store started in it, the locale pinned, a log to read.
 #pragma once
 #include "config/upnp_ini.h"
 #include "runtime/upnp_log.h"

@@ -1,6 +1,4 @@
-// The client database: flag and field answers with their substring traps,
-// the client list in option "clients" with its event, allowed and denied
-// clients, and detection from a device description served on 127.0.0.1.
+// The client database, the "clients" list, and detection from a renderer on 127.0.0.1.
 #include "config/upnp_client.h"
 
 #include "config/upnp_ini.h"

@@ -1,5 +1,4 @@
-// Tests of the service lifecycle's pure pieces; starting and stopping for
-// real is covered by the integration tests.
+// The service lifecycle's pure pieces; starting and stopping is left to the integration tests.
 #include "control/upnp_mediaserver.h"
 
 #include <gtest/gtest.h>

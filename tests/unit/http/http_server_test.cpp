@@ -1,5 +1,4 @@
-// The route table and the default page: registration limits, and which
-// entry a request finds; the connection limits and their test hook.
+// The route table, the default page and the connection limits.
 #include "http/http_server.h"
 
 #include <gtest/gtest.h>

