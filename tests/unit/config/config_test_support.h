@@ -43,10 +43,7 @@ inline std::string config_from_utf16(const std::string& bytes)
 
 inline std::string config_or_null(const char* text) { return text ? text : "<null>"; }
 
-inline bool config_has(const std::string& text, const std::string& piece)
-{
-    return text.find(piece) != std::string::npos;
-}
+inline bool config_has(const std::string& text, const std::string& piece) { return text.find(piece) != text.npos; }
 
 // Keeps the locale variables for the length of a test and sets them (null
 // unsets one).

@@ -145,10 +145,9 @@ TEST_F(IniStart, AProgramWithoutAUsableFolderLivesInTheCurrentOne)
         ASSERT_EQ(0, chdir(dir.path.c_str()));
         argv0 = c.argv0;
         start();
-        EXPECT_STREQ(c.kept_argv0, upnp_ini_get_argv0());
-        EXPECT_STREQ(c.program_dir, upnp_ini_get_program_dir());
-        EXPECT_STREQ("./velmora-mediaserver.ini", upnp_ini_get_path());
-        EXPECT_EQ(dir.file("velmoramedia.db"), value(UPNP_OPT_DBDIR));
+        EXPECT_EQ(c.kept_argv0 + " "s + c.program_dir + " ./velmora-mediaserver.ini " + dir.file("velmoramedia.db"),
+                  config_or_null(upnp_ini_get_argv0()) + " " + config_or_null(upnp_ini_get_program_dir()) + " " +
+                      config_or_null(upnp_ini_get_path()) + " " + value(UPNP_OPT_DBDIR));
         upnp_ini_release();
         ASSERT_EQ(0, chdir(cwd.c_str()));
     }
@@ -163,11 +162,9 @@ TEST_F(IniStart, TheIniFileOverridesTheDefaultsButNotTheSystemLanguage)
     write_strings("de", "|artist|Interpret\r\n|friendlyname|Servername\r\n");
     write_ini("[main]\r\nfriendlyname=Living Room\r\nstreambuffer=64000\r\nlanguage=en\r\nenableweb=\r\n");
     start();
-    EXPECT_EQ("Living Room", value(UPNP_OPT_FRIENDLYNAME));
-    EXPECT_EQ("64000", value(UPNP_OPT_STREAMBUFFER));
-    EXPECT_EQ("de", value(UPNP_OPT_LANGUAGE));
-    EXPECT_EQ("1", value(UPNP_OPT_ENABLEWEB));
-    EXPECT_EQ("Interpret,%ARTIST", value(UPNP_OPT_MUSICNODE1));
+    EXPECT_EQ("Living Room|64000|de|1|Interpret,%ARTIST",
+              value(UPNP_OPT_FRIENDLYNAME) + "|" + value(UPNP_OPT_STREAMBUFFER) + "|" + value(UPNP_OPT_LANGUAGE) + "|" +
+                  value(UPNP_OPT_ENABLEWEB) + "|" + value(UPNP_OPT_MUSICNODE1));
 }
 
 // Without an ini file the built-in defaults hold, with the database beside
@@ -182,11 +179,10 @@ TEST_F(IniStart, AFirstStartTakesTheDefaultsOrTheDefaultIniAndWritesTheRealOne)
     named.replace(name_at, 17, "\r\nfriendlyname=From Default\r\n");
     upnp_switches.tree_flat = 1;     // as the host starts by default
     start();
-    EXPECT_EQ(argv0, upnp_ini_get_argv0());
-    EXPECT_EQ(dir.path, upnp_ini_get_program_dir());
-    EXPECT_EQ(ini, upnp_ini_get_path());
+    EXPECT_EQ(argv0 + " " + dir.path + " " + ini + " " + dir.file("velmoramedia.db/cache"),
+              config_or_null(upnp_ini_get_argv0()) + " " + config_or_null(upnp_ini_get_program_dir()) + " " +
+                  config_or_null(upnp_ini_get_path()) + " " + value(UPNP_OPT_CACHEDIR));
     EXPECT_EQ(dir.file("velmoramedia.db"), value(UPNP_OPT_DBDIR));
-    EXPECT_EQ(dir.file("velmoramedia.db/cache"), value(UPNP_OPT_CACHEDIR));
     struct stat st;
     EXPECT_TRUE(stat(dir.file("velmoramedia.db/cache").c_str(), &st) == 0 && S_ISDIR(st.st_mode));
     auto expected = ini_snapshot();
@@ -287,8 +283,7 @@ TEST_F(IniStart, HostileIniFilesLoadWhatTheyCanAndNeverStopTheStart)
         log_to_file();   // each start sets the log from its options at the end
         ASSERT_TRUE(test_write_file(ini, c.raw ? c.body : config_utf16(c.body)));
         start();
-        EXPECT_EQ(c.friendlyname, value(UPNP_OPT_FRIENDLYNAME));
-        EXPECT_EQ(c.httpport, value(UPNP_OPT_HTTPPORT));
+        EXPECT_EQ(c.friendlyname + " " + c.httpport, value(UPNP_OPT_FRIENDLYNAME) + " " + value(UPNP_OPT_HTTPPORT));
         upnp_ini_release();
         EXPECT_EQ(std::string("\xFF\xFE", 2), test_read_file(ini).substr(0, 2));
     }
@@ -308,10 +303,10 @@ TEST_F(IniStart, CommandLineOptionsSetByExactName)
 {
     start({"-friendlyname", "Box", "-D", "-dlna", "-uic", "-mc", "-httpport", "-logfile", "x.log", "stray",
            "-FriendlyName", "Other", "-streambuffer", "1000"});
-    EXPECT_EQ("Box", value(UPNP_OPT_FRIENDLYNAME));
-    EXPECT_EQ("<null>", value(UPNP_OPT_HTTPPORT));     // "-mc" took it as its argument
-    EXPECT_EQ("<null>", value(UPNP_OPT_LOGFILE));      // only the ini file sets the log file
-    EXPECT_EQ("1000", value(UPNP_OPT_STREAMBUFFER));   // "-FriendlyName Other" and "stray" set nothing
+    // "-mc" took "-httpport" as its argument; only the ini file sets the log
+    // file; "-FriendlyName Other" and "stray" set nothing.
+    EXPECT_EQ("Box <null> <null> 1000", value(UPNP_OPT_FRIENDLYNAME) + " " + value(UPNP_OPT_HTTPPORT) + " " +
+                                            value(UPNP_OPT_LOGFILE) + " " + value(UPNP_OPT_STREAMBUFFER));
 }
 
 const struct { const char* ini; std::vector<std::string> arguments; const char *friendlyname, *httpport; }
@@ -329,8 +324,8 @@ TEST_F(IniStart, CommandLineBeatsTheIniFile)
         write_ini(c.ini);
         log_to_file();
         start(c.arguments);
-        EXPECT_EQ(config_or_null(c.friendlyname), value(UPNP_OPT_FRIENDLYNAME));
-        EXPECT_EQ(config_or_null(c.httpport), value(UPNP_OPT_HTTPPORT));
+        EXPECT_EQ(config_or_null(c.friendlyname) + config_or_null(c.httpport),
+                  value(UPNP_OPT_FRIENDLYNAME) + value(UPNP_OPT_HTTPPORT));
         upnp_ini_release();
     }
     EXPECT_EQ("My Box", arguments[2]);
@@ -353,10 +348,8 @@ TEST_F(IniStart, TheLogFollowsTheOptionsAtTheEnd)
 
 TEST_F(IniStartDeathTest, HelpPrintsTheUsageAndEndsTheProcess)
 {
-    for (const char* asked : {"-?", "help", "--help", "a?b"}) {
-        SCOPED_TRACE(asked);
-        EXPECT_EXIT(start({"-friendlyname", "x", asked}), testing::ExitedWithCode(0), "");
-    }
+    for (const char* asked : {"-?", "help", "--help", "a?b"})
+        EXPECT_EXIT(start({"-friendlyname", "x", asked}), testing::ExitedWithCode(0), "") << asked;
 }
 
 // A first start leaves the folder alone; a later one empties it of plain
