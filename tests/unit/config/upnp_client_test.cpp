@@ -264,11 +264,7 @@ struct check_case { const char *why, *list; std::string text; const char* source
 TEST_F(ClientDb, DetectionFetchesOnlyFromTheAnnouncingAddressAndUpgradesOnlyTheGeneralKind)
 {
     load(two_kinds);
-    std::string closed;
-    {
-        test_peer gone("x");
-        closed = gone.url("/d.xml");
-    }
+    std::string closed = test_peer("x").url("/d.xml");   // the peer is gone at the end of the line
     test_peer peer(description("<root><device><modelName>Foo Renderer 9000</modelName></device></root>"));
     ASSERT_GT(peer.port, 0);
     std::string port = std::to_string(peer.port);

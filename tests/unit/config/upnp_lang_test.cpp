@@ -13,12 +13,7 @@ namespace {
 using LangStart = ConfigStart;
 using namespace std::string_literals;
 
-std::string lang_take(char* text)
-{
-    std::string out = config_or_null(text);
-    free(text);
-    return out;
-}
+std::string lang_take(char* text) { std::string out = config_or_null(text); return free(text), out; }
 
 // "xx" has only an artist; "name" is inside "|friendlyname|" but is no key.
 const struct { const char* language; char* (*lookup)(const char*); const char *key, *found; } lookup_cases[] = {
@@ -46,10 +41,9 @@ TEST_F(LangStart, LookupsTryTheLocalTableThenEnglishThenGiveTheKey)
     }
     // No such file, or a code that would leave the resources folder: no table.
     for (const char* code : {"fr", "../evil", "de/../de", "a b", "x\\y"}) {
-        SCOPED_TRACE(code);
         upnp_ini_set(UPNP_OPT_LANGUAGE, code);
-        EXPECT_EQ(nullptr, upnp_lang_get_local());
-        EXPECT_EQ("Server name", lang_take(upnp_lang_text("friendlyname")));
+        EXPECT_EQ(nullptr, upnp_lang_get_local()) << code;
+        EXPECT_EQ("Server name", lang_take(upnp_lang_text("friendlyname"))) << code;
     }
 }
 
@@ -65,7 +59,6 @@ std::string lang_umlauts(int count)
 // "k" itself without a usable table.
 const struct { const char* name; std::string bytes, text; } decode_cases[] = {
     {"the last unit gives way to the terminator", config_utf16("|k|abc\r\n"), "abc"},
-    {"without a final line end the last character is lost", config_utf16("|k|abc"), "ab"},
     {"text ends at the first control character", config_utf16("|k|ab\tc\r\n"), "ab"},
     {"no mark, no table", config_utf16("|k|abc\r\n", false), "k"},
     {"odd length", config_utf16("|k|abc\r\n") + "x", "abc"}, {"a mark alone", "\xFF\xFE"s, "k"},

@@ -168,11 +168,7 @@ TEST(HttpClientTalk, FailsCleanlyWithoutAPeer)
 {
     EXPECT_EQ(-1, HTTP_open("http://no-such-host.invalid/desc.xml"));
     EXPECT_EQ(nullptr, HTTP_get("gopher://127.0.0.1/"));
-    std::string url;
-    {
-        test_peer gone("x");
-        url = gone.url();
-    }
+    std::string url = test_peer("x").url();   // the peer is gone at the end of the line
     EXPECT_EQ(nullptr, HTTP_get(url.c_str()));
 }
 

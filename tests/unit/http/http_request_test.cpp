@@ -10,10 +10,7 @@
 
 namespace {
 
-HTTP_source memory(const std::string& bytes)
-{
-    return HTTP_source{-1, bytes.data(), int32_t(bytes.size()), 0, 0};
-}
+HTTP_source memory(const std::string& bytes) { return HTTP_source{-1, bytes.data(), int32_t(bytes.size()), 0, 0}; }
 
 // head: "<none>" when refused, "" when only the position counts; at: where
 // reading stopped, -1 when it does not matter.
