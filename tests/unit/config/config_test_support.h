@@ -1,7 +1,5 @@
-// config_test_support.h: what the configuration tests share. A program
-// folder under a scratch folder with the shipped string files in its
-// "resources", a start of the option store in it with a command line, the
-// language variables pinned to "C", and a log file to read back.
+// config_test_support.h: a scratch program folder with the shipped string
+// files, the option store started in it, the locale pinned, a log to read.
 #pragma once
 #include "config/upnp_ini.h"
 #include "runtime/upnp_log.h"
@@ -45,10 +43,7 @@ inline std::string config_from_utf16(const std::string& bytes)
 
 inline std::string config_or_null(const char* text) { return text ? text : "<null>"; }
 
-inline bool config_has(const std::string& text, const std::string& piece)
-{
-    return text.find(piece) != std::string::npos;
-}
+inline bool config_has(const std::string& text, const std::string& piece) { return text.find(piece) != text.npos; }
 
 // Keeps the locale variables for the length of a test and sets them (null
 // unsets one).

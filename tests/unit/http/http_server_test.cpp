@@ -1,5 +1,4 @@
-// The route table and the default page: registration limits, and which
-// entry a request finds; the connection limits and their test hook.
+// The route table, the default page and the connection limits.
 #include "http/http_server.h"
 
 #include <gtest/gtest.h>
@@ -38,10 +37,8 @@ TEST_F(RouteTable, TheFirstEntryWhosePrefixAndMethodsFitWins)
         {HTTP_METHOD_GET, "/x", nullptr}, {HTTP_METHOD_HEAD, "/d", nullptr},
         {0, "/x", handler_b},                          // the empty prefix fits every URL
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::to_string(c.method) + " " + c.url);
-        EXPECT_EQ(c.handler, found(c.method, c.url));
-    }
+    for (const auto& c : cases)
+        EXPECT_EQ(c.handler, found(c.method, c.url)) << c.method << " " << c.url;
     HTTP_clear_handlers();
     EXPECT_EQ(0, HTTP_handler_count());
     EXPECT_EQ(nullptr, found(HTTP_METHOD_GET, "/disk"));
@@ -79,9 +76,8 @@ TEST(HttpLimits, TheTestHookMayLowerButNeverRaiseThem)
     HTTP_limits lower = {100, 200, 300, 2, 9999, 10}, l;
     HTTP_set_limits(&lower);
     HTTP_get_limits(&l);
-    EXPECT_EQ(100, l.head_timeout_ms);
-    EXPECT_EQ(2, l.per_peer);
-    EXPECT_EQ(HTTP_MAX_CONNECTIONS, l.total);
+    EXPECT_EQ("100 2 " + std::to_string(HTTP_MAX_CONNECTIONS),
+              std::to_string(l.head_timeout_ms) + " " + std::to_string(l.per_peer) + " " + std::to_string(l.total));
     HTTP_set_limits(nullptr);
     HTTP_get_limits(&l);
     EXPECT_EQ(HTTP_HEAD_TIMEOUT_MS, l.head_timeout_ms);
