@@ -63,8 +63,7 @@ int32_t count_event(int32_t code, const char* text)
 
 TEST_F(Dapi, InitServesOnThePinnedAddressUntilTerminateAndRestartReusesTheLastArguments)
 {
-    EXPECT_EQ(0, dapi_dms_status());
-    EXPECT_EQ(0, dapi_dms_terminate());    // nothing to stop
+    EXPECT_TRUE(dapi_dms_status() == 0 && dapi_dms_terminate() == 0);    // nothing to stop
     const uint32_t flags = DAPI_FLAG_NO_SCHEDULER | DAPI_FLAG_LOG;
     ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, flags));
     EXPECT_EQ(0, dapi_dms_init(DAPI_MODE_FULL, flags));   // a second init while running is refused
