@@ -52,16 +52,9 @@ std::string crash_text(int round, uint32_t seq)
     return s;
 }
 
-std::string crash_folder(uint32_t seq)
-{
-    return "A|/folder" + std::to_string(seq % 5);
-}
+std::string crash_folder(uint32_t seq) { return "A|/folder" + std::to_string(seq % 5); }
 
-void crash_send(int fd, const crash_msg& m)
-{
-    if (write(fd, &m, sizeof m) != sizeof m)
-        _exit(3);
-}
+void crash_send(int fd, const crash_msg& m) { if (write(fd, &m, sizeof m) != sizeof m) _exit(3); }
 
 // The child: writes until it is killed. It knows the records of earlier
 // rounds from the parent's memory, copied by fork.

@@ -68,7 +68,6 @@ TEST(Host, RefusesWhatItCannotServeWithOneLine)
     const struct { const char* why; std::vector<std::string> args; const char* message; } cases[] = {
         {"missing folder", {"/nonexistent/velmora-media"}, "folder not found: /nonexistent/velmora-media"},
         {"work dir under a file", {media.path, "--workdir", media.file("blocker") + "/state"}, "working folder"},
-        {"bad port", {media.path, "--port", "70000"}, "--port"},
         {"unknown option", {"--bogus"}, "unknown option --bogus"},
     };
     for (const auto& c : cases) {

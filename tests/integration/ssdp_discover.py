@@ -1,14 +1,11 @@
 #!/usr/bin/python3
-# Finds SSDP resources the way any GSSDP control point does: a resource
-# browser per search target on one interface, which searches and listens
-# for announcements. Prints one line per resource that becomes available,
-#   found <monotonic seconds> <target> <usn> <location>
-# and ends when every target was found (status 0) or the time is up
-# (status 1). Debian's gssdp-tools carries no discovery command of its own,
-# so this stands in for one, using the same library through its bindings.
+# Finds SSDP resources as any GSSDP control point does: a resource browser
+# per search target on one interface. Prints "ready", then "found <target>
+# <usn> <location>" per resource, and ends when every target was found
+# (status 0) or the time is up (status 1). Debian's gssdp-tools has no
+# discovery command of its own, so this stands in for one.
 import argparse
 import sys
-import time
 
 import gi
 
@@ -31,7 +28,7 @@ def main():
     browsers = []
 
     def available(browser, usn, locations, target):
-        print("found %.6f %s %s %s" % (time.monotonic(), target, usn, " ".join(locations)), flush=True)
+        print("found", target, usn, " ".join(locations), flush=True)
         missing.discard(target)
         if not missing:
             loop.quit()
@@ -41,7 +38,7 @@ def main():
         browser.connect("resource-available", available, target)
         browser.set_active(True)
         browsers.append(browser)
-    print("ready %.6f" % time.monotonic(), flush=True)
+    print("ready", flush=True)
     GLib.timeout_add(int(args.timeout * 1000), loop.quit)
     loop.run()
     for target in sorted(missing):

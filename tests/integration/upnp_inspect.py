@@ -1,18 +1,13 @@
 #!/usr/bin/python3
-# Looks at a media server the way a GUPnP control point does: discovers it
-# by SSDP on one interface, builds the device from its description, fetches
-# its icons and introspects every service it lists. The registrar, which
-# the description does not list, is introspected through a small carrier
-# description that names its document beside the server's. Prints one line
-# per fact:
-#   name <friendly name>
-#   icon <mime> <width>x<height> <bytes>
-#   action <service type> <action> <argument>:<in|out>:<state variable> ...
-#   unrelated <service type> <action> <argument> <state variable>
-#   failed ... / missing ...
-#   done
-# and ends with status 0 once everything was seen, 1 on a failure or when
-# the time is up. Needs Debian's python3-gi and gir1.2-gupnp-1.6.
+# Looks at a media server as a GUPnP control point does: discovers it by
+# SSDP on one interface, builds the device from its description, fetches its
+# icons and introspects every service; the registrar, which the description
+# does not list, through a small carrier description that names its document.
+# Prints one line per fact: "name <friendly name>", "icon <mime> <w>x<h>
+# <bytes>", "action <service type> <action> <argument>:<in|out>:<variable>...",
+# "unrelated ..." for an argument without its state variable, "failed ...",
+# and "done" with status 0 once everything was seen. Needs Debian's
+# python3-gi and gir1.2-gupnp-1.6.
 import argparse
 import os
 import sys
@@ -97,11 +92,9 @@ class Inspector:
             info = service.introspect_finish(result)
         except GLib.Error as e:
             say("failed", kind, e.message)
-            self.failed = True
-            self.finish()
-            return
-        variables = {v.name for v in info.list_state_variables()}
-        for action in info.list_actions():
+            self.failed, info = True, None
+        for action in info.list_actions() if info else []:
+            variables = {v.name for v in info.list_state_variables()}
             words = []
             for arg in action.arguments:
                 way = "in" if arg.direction == GUPnP.ServiceActionArgDirection.IN else "out"
@@ -130,8 +123,6 @@ def main():
         timed_out = []
         GLib.timeout_add(int(args.timeout * 1000), lambda: timed_out.append(1) or loop.quit())
         loop.run()
-        if not inspector.found:
-            say("missing", MEDIA_SERVER)
         ok = inspector.found and not inspector.failed and not timed_out
         if ok:
             say("done")

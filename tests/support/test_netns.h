@@ -1,9 +1,7 @@
 // test_netns.h: two network namespaces of the test's own, joined by a veth
-// pair, for tests that need multicast or a second machine. The server side
-// holds 192.0.2.1/24, the client side 192.0.2.2/24, both with a route for
-// 224.0.0.0/4; the addresses exist only inside the namespaces, so nothing
-// leaves the machine. Both namespaces go with the object. Creating them
-// needs root: made stays false where that is refused.
+// pair: the server side holds 192.0.2.1/24, the client side 192.0.2.2/24,
+// both with a multicast route; nothing leaves the machine. Both go with the
+// object; made stays false where creating them is refused (needs root).
 #pragma once
 #include <cstdlib>
 #include <string>

@@ -1,8 +1,4 @@
-// test_support.h: small helpers shared by the unit and integration tests:
-// a scratch folder that removes itself, whole-file reads and writes,
-// counters of descriptors and threads, a bounded wait, the pieces of an
-// HTTP or SSDP message, a command's output, and a loopback peer that
-// answers HTTP requests with a fixed reply.
+// test_support.h: small helpers shared by the unit and integration tests.
 #pragma once
 #include <atomic>
 #include <chrono>
