@@ -248,25 +248,20 @@ TEST_F(DbFileDamage, DamagedRecordsAreSkippedTheRestLoadsAndWritesSpareIt)
     }
 }
 
-TEST_F(DbFileDir, FileOfAnotherVersionIsDeletedAndMadeAnew)
+// A file of another version is made anew. The first start (no marker)
+// makes the marker and empties the watch folder for the initial build;
+// later starts leave it, until a reset is asked for, which runs at the
+// close and keeps the database.
+TEST_F(DbFileDir, VersionMarkerAndResetDecideWhatIsKeptAndWithoutAFolderNothingOpens)
 {
     db_image image = db_three_records();
     memcpy(&image.bytes[0], "9.9", 4);
     std::string path = dbdir + "/velmoramedia.main.db";
     ASSERT_TRUE(test_write_file(path, image.bytes));
-    ASSERT_TRUE(db_file_open());
-    EXPECT_EQ(0u, db_file_last_block());
-    EXPECT_EQ(db_image().bytes, test_read_file(path));
-}
-
-// The first start (no marker) makes the marker and empties the watch folder
-// for the initial build; later starts leave it, until a reset is asked for,
-// which runs at the close and keeps the database.
-TEST_F(DbFileDir, MarkerAndResetDecideWhenTheWatchFolderIsEmptied)
-{
     mkdir((dbdir + "/watch").c_str(), 0755);
     ASSERT_TRUE(test_write_file(dbdir + "/watch/change1", "x"));
     ASSERT_TRUE(db_file_open());
+    EXPECT_EQ(db_image().bytes, test_read_file(path));
     EXPECT_TRUE(db_exists(dbdir + "/" + DB_FILE_VERSION));
     EXPECT_FALSE(db_exists(dbdir + "/watch/change1"));
     uint32_t block = db_store(db_text(800, 1));
@@ -280,15 +275,11 @@ TEST_F(DbFileDir, MarkerAndResetDecideWhenTheWatchFolderIsEmptied)
     EXPECT_FALSE(db_file_reset_requested());
     ASSERT_TRUE(db_file_open());
     EXPECT_EQ(db_text(800, 1), db_test_read(block));
-}
-
-TEST(DbFileOpen, WithoutADatabaseFolderNothingOpens)
-{
+    db_file_close();
     upnp_ini_set(UPNP_OPT_DBDIR, "");
     EXPECT_FALSE(db_file_open());
-    EXPECT_FALSE(db_file_is_open());
-    EXPECT_EQ(0u, db_store(db_text(10, 1)));
-    EXPECT_EQ(0, db_file_get_folder_time("A|/x"));
+    EXPECT_EQ(std::make_tuple(0, 0u, int64_t(0)),
+              std::make_tuple(db_file_is_open(), db_store(db_text(10, 1)), db_file_get_folder_time("A|/x")));
 }
 
 TEST_F(DbFileMemory, FolderTimesAreSetOverwrittenAndFoundAndTheirCountAndNamesBounded)
@@ -362,7 +353,7 @@ TEST_F(DbFileStore, ItemsComeBackAfterARestartWithTheirIdsAndTheirLastRecord)
     uint32_t one = db_object_find_by_path("/m/one.mp3")->id, clip = db_object_find_by_path("/v/clip.mp4")->id;
     std::string genre(900, 'g');
     ASSERT_TRUE(submit({{DBK_TITLE, "Clip"}, {DBK_GENRE, genre.c_str()}, {DBK_SIZE_TEXT, "3000000000"},
-                        {DBK_TYPE, "16"}, {DBK_PATH, "/v/clip.mp4"}}));
+                        {DBK_DURATION, "0:03:25"}, {DBK_TYPE, "16"}, {DBK_PATH, "/v/clip.mp4"}}));
     EXPECT_EQ(2u, db_records().size());
     restart();
     EXPECT_EQ(nullptr, db_object_find_by_path("/m/one.mp3"));
@@ -370,10 +361,10 @@ TEST_F(DbFileStore, ItemsComeBackAfterARestartWithTheirIdsAndTheirLastRecord)
     db_object* a = db_object_find_by_path("/m/one.mp3");
     db_object* v = db_object_find_by_path("/v/clip.mp4");
     ASSERT_TRUE(a && v);
-    EXPECT_EQ(std::make_tuple(one, clip, std::string("One"), 'd', std::string("Clip"), genre, std::string("3000000000")),
+    EXPECT_EQ(std::make_tuple(one, clip, std::string("One"), 'd', std::string("Clip"), genre, std::string("3000000000"), 205000),
               std::make_tuple(a->id, v->id, std::string(db_object_get_str(a, DBK_TITLE)), db_object_get_char(a, DBK_SOURCE_KIND),
                               std::string(db_object_get_str(v, DBK_TITLE)), std::string(db_object_get_str(v, DBK_GENRE)),
-                              std::string(db_object_get_str(v, DBK_SIZE_TEXT))));
+                              std::string(db_object_get_str(v, DBK_SIZE_TEXT)), db_object_get_int(v, DBK_DURATION)));
     char* path = db_file_get_path(one);
     EXPECT_STREQ("/m/one.mp3", path);
     free(path);

@@ -14,8 +14,6 @@
 
 using DbObject = DbStoreTest;
 
-// The record sizes themselves are pinned where the records are declared;
-// here that each shape and slot is counted at its size and given back.
 TEST_F(DbObject, AccountCountsEachShapeAndSlotAtItsSizeAndDestroyEmptiesIt)
 {
     int64_t base = db_object_get_used_mem();
@@ -40,8 +38,6 @@ TEST_F(DbObject, AccountCountsEachShapeAndSlotAtItsSizeAndDestroyEmptiesIt)
     db_destroy();
     EXPECT_EQ(std::make_tuple(int64_t(0), 0, int64_t(0)),
               std::make_tuple(db_object_get_used_mem(), db_string_pool_count(), db_string_pool_get_used_mem()));
-    db_lock();                  // no lock exists now: both do nothing
-    db_unlock();
     db_create();                // for TearDown
 }
 
@@ -154,7 +150,6 @@ TEST_F(DbObject, ReadsAnswerFromTheRecordTheSlotsOrWhatTheyDelegateTo)
         // Audio without an artist is unknown only when it has some slot.
         {"bare album", bare, DBK_ALBUM, 's', "<null>"},
         {"audio artist", tagged, DBK_ARTIST, 's', "Unknown"},
-        {"audio genre", tagged, DBK_GENRE, 's', "Unknown"},
         {"video genre", video, DBK_GENRE, 's', "Unknown"},
         {"video artist", video, DBK_ARTIST, 's', "<null>"},
         {"photo genre", photo, DBK_GENRE, 's', "<null>"},
@@ -173,16 +168,13 @@ TEST_F(DbObject, ReadsAnswerFromTheRecordTheSlotsOrWhatTheyDelegateTo)
         {"track of a numbered reference", numbered, DBK_TRACK, 'i', "3"},
         {"track of a container", db_music_root, DBK_TRACK, 'i', "-2"},
         {"parent id", item, DBK_PARENT_ID, 'i', std::to_string(int32_t(db_music_root->id))},
-        {"parent of the root", db_root, DBK_PARENT_ID, 'i', "-1"},
         {"child count", various, DBK_CHILD_COUNT, 'i', "1"},
         {"target id", plain, DBK_TARGET_ID, 'i', std::to_string(int32_t(item->id))},
         {"target id of an item", item, DBK_TARGET_ID, 'i', "-1"},
         {"character slot", item, DBK_SOURCE_KIND, 'c', "h"},
-        {"character through a reference", plain, DBK_SOURCE_KIND, 'c', "h"},
         {"names adapted to their case", adapted, DBK_ARTIST, 's', "Beatles, The"},
         {"other texts are not", adapted, DBK_DESCRIPTION, 's', "the X"},
         {"class of a music container", db_music_root, 0, 'k', "object.container.musicContainer"},
-        {"class of a reference", plain, 0, 'k', "object.item"},
     };
     for (const read_case& c : cases) {
         SCOPED_TRACE(c.why);
@@ -218,13 +210,11 @@ TEST_F(DbObject, WritesChangeOnlyWhatDiffersInTheRightShape)
         {"the same byte", item, DBK_SOURCE_KIND, 'c', "h", 0, "h"},
         {"a change of case alone", item, DBK_ALBUM, 's', "GOLD", 0, "gold"},
         {"is a change for titles", item, DBK_TITLE, 's', "SONG", 1, "SONG"},
-        {"the same title", item, DBK_TITLE, 's', "SONG", 0, "SONG"},
         {"null on no slot", item, DBK_KEYWORDS, 's', nullptr, 0, "<null>"},
         {"null clears a slot", item, DBK_DESCRIPTION, 's', nullptr, 1, "<null>"},
         {"a number into a text key", item, DBK_ALBUM, 'i', "5", 0, "-1"},
         {"a text into a number key", item, DBK_BITRATE, 's', "5", 0, "<null>"},
         {"containers take no slots", c, DBK_ALBUM, 's', "A", 0, "<null>"},
-        {"nor numbers", c, DBK_BITRATE, 'i', "5", 0, "-1"},
         {"but a title", c, DBK_TITLE, 's', "Tunes", 1, "Tunes"},
         {"track of a numbered reference", numbered, DBK_TRACK, 'i', "4", 1, "4"},
         {"track of a container", c, DBK_TRACK, 'i', "4", 0, "-2"},

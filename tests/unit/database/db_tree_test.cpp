@@ -34,7 +34,6 @@ TEST(DbTree, FileStatusFollowsTheLongestFittingSharedFolder)
         {"outside every folder", dir.file("g.mp3"), DB_OBJ_AUDIO, DB_FILE_GONE},
         {"missing file", dir.file("music/none.mp3"), DB_OBJ_AUDIO, DB_FILE_GONE},
         {"web address", "http://radio.example/stream", DB_OBJ_AUDIO_STREAM, DB_FILE_URL},
-        {"ftp address", "ftp://host/file.mp3", DB_OBJ_AUDIO, DB_FILE_URL},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
