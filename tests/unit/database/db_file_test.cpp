@@ -51,7 +51,6 @@ static std::string db_text(size_t n, char seed)
     return s;
 }
 
-// Every record the file holds now, by first block.
 static std::map<uint32_t, std::string> db_records(db_file_walk_result* result = nullptr)
 {
     std::map<uint32_t, std::string> found;
@@ -99,7 +98,6 @@ struct DbFileMemory : ::testing::Test {
 };
 using DbFileDamage = DbFileMemory;
 
-// A dbdir of its own, in full mode.
 struct DbFileDir : ::testing::Test {
     test_dir dir;
     std::string dbdir = dir.file("db");
@@ -213,8 +211,6 @@ static const damage_case damage_cases[] = {
      [](db_image& i) { i.put32(20, 3); i.put32(24, 900); }},
 };
 
-// What was sound loads, and no later write (record, folder time, prune or
-// free) takes or touches a block of it.
 TEST_F(DbFileDamage, DamagedRecordsAreSkippedTheRestLoadsAndWritesSpareIt)
 {
     for (const damage_case& c : damage_cases) {
@@ -248,10 +244,6 @@ TEST_F(DbFileDamage, DamagedRecordsAreSkippedTheRestLoadsAndWritesSpareIt)
     }
 }
 
-// A file of another version is made anew. The first start (no marker)
-// makes the marker and empties the watch folder for the initial build;
-// later starts leave it, until a reset is asked for, which runs at the
-// close and keeps the database.
 TEST_F(DbFileDir, VersionMarkerAndResetDecideWhatIsKeptAndWithoutAFolderNothingOpens)
 {
     db_image image = db_three_records();
@@ -318,7 +310,6 @@ TEST_F(DbFileMemory, PruneDropsFoldersNoLongerSharedAndFreesTheirBlocks)
     EXPECT_EQ(gone, db_file_free_head());
 }
 
-// The store over a block file in memory, and a dbdir for import files.
 struct DbFileStore : DbStoreTest {
     test_dir dir;
     int32_t saved_full_mode = upnp_switches.full_mode;

@@ -82,7 +82,6 @@ static void db_collect_import(uint32_t block, const char* text, int32_t length, 
     static_cast<std::vector<std::string>*>(context)->push_back(std::string(text, size_t(length)));
 }
 
-// Fields of the longest value until the record passes its limit.
 static std::string db_overlong_record()
 {
     std::string record;

@@ -18,7 +18,6 @@ protected:
     {
         return add("/m/sort" + std::to_string(next++) + ".mp3", DB_OBJ_AUDIO, fields);
     }
-    // The titles of db_all_music's children in the order db_sort_objects gives.
     static titles sorted(const char* criteria, int32_t type = DB_OBJ_CONTAINER, const HTTP_request* request = nullptr)
     {
         std::vector<db_object*> v(size_t(db_container_child_count(db_all_music)));

@@ -93,7 +93,6 @@ protected:
         return c;
     }
 
-    // Sends out whatever is pending, so a test sees only its own changes.
     static void settle_events()
     {
         db_set_event_sink(nullptr);
@@ -117,7 +116,6 @@ protected:
         return r;
     }
 
-    // An item through the store's own entry, its record stored in the block file.
     static db_object* add(const std::string& path, int32_t type, db_test_fields fields)
     {
         db_meta_list* list = db_test_list(fields);
@@ -127,7 +125,6 @@ protected:
         return o;
     }
 
-    // A list handed to db_scan_submit, as a format reader would.
     static int submit(db_test_fields fields)
     {
         db_meta_list* list = db_test_list(fields, false);

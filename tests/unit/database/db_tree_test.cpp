@@ -40,7 +40,6 @@ TEST(DbTree, FileStatusFollowsTheLongestFittingSharedFolder)
         EXPECT_EQ(db_file_status(c.path.c_str(), c.type), c.status);
     }
     EXPECT_EQ(db_file_status(nullptr, DB_OBJ_AUDIO), DB_FILE_GONE);
-    // An empty upload folder and dbdir admit nothing.
     db_set_upload_dir(nullptr);
     upnp_ini_set(UPNP_OPT_DBDIR, "");
     upnp_ini_set(UPNP_OPT_CONTENTDIR, "");

@@ -43,7 +43,6 @@ TEST(UpnpAlbumart, OnlyTheMarkerPairIsResolvedToTheFolderPicture)
         {"the folder picture is preferred", dir.file("both/a.mp3"), 1, 1, {dir.file("both/Folder.jpg"), 0, 1234}},
         {"the exact name wins over another case", dir.file("cases/a.mp3"), 1, 1, {dir.file("cases/Folder.jpg"), 0, 5}},
         {"embedded cover", song, 4096, 1, {song, 4096, 1}},
-        {"no cover", song, -1, -1, {song, -1, -1}},
         {"path without a folder", "song.mp3", 1, 1, {"song.mp3", 1, 1}},
         {"no picture in that folder", "/nonexistent/velmora/song.mp3", 1, 1, {"/nonexistent/velmora/song.mp3", 1, 1}},
         // Folders copied from Windows name the picture in any case.
