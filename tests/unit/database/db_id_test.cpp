@@ -73,11 +73,10 @@ TEST_F(DbId, WordsAreFoundBelowTheirAllContainerAndItemsOnlyInTheirOwn)
     db_object* album = folder(DB_OBJ_MUSIC_ALBUM, "f", db_music_root);
     for (db_object* o : {track, photo, album, ref(track, album)})
         EXPECT_EQ(o, db_get_pItem_by_id(o->id));
-    EXPECT_EQ(nullptr, db_get_pItem_by_id(db_make_id(999, DB_OBJ_AUDIO)));
-    EXPECT_EQ(nullptr, db_get_pItem_by_id(db_make_id(1, DB_OBJ_VIDEO_BROADCAST)));   // empty slot
+    for (uint32_t none : {db_make_id(999, DB_OBJ_AUDIO), db_make_id(1, DB_OBJ_VIDEO_BROADCAST) /* empty slot */})
+        EXPECT_EQ(nullptr, db_get_pItem_by_id(none));
     EXPECT_EQ(track, db_container_find(db_all_music, track->id));
-    EXPECT_EQ(nullptr, db_container_find(db_all_video, track->id));
-    EXPECT_EQ(nullptr, db_container_find(track, track->id));
+    EXPECT_TRUE(!db_container_find(db_all_video, track->id) && !db_container_find(track, track->id));
     db_container_remove_child(db_all_music, track);
     EXPECT_EQ(nullptr, db_get_pItem_by_id(track->id));              // out of the tree
 }
@@ -221,7 +220,8 @@ TEST_F(DbId, StreamLookupGivesPathAndDurationOfMediaItemsAndCountsPlaysOfAudio)
         SCOPED_TRACE(c.name);
         int32_t duration = 99;
         std::string path = res_of(c.o, &duration);
-        EXPECT_EQ(std::make_tuple(path, duration, db_object_get_int(c.o, DBK_PLAY_COUNT)), std::make_tuple(c.path, c.duration, c.plays));
+        EXPECT_EQ(std::make_tuple(path, duration, db_object_get_int(c.o, DBK_PLAY_COUNT)),
+                  std::make_tuple(c.path, c.duration, c.plays));
     }
     EXPECT_GE(db_object_get_int(a, DBK_LAST_PLAYED), before);
     for (auto [o, plays] : {std::pair{a, "2"}, std::pair{zero, "1"}})
@@ -246,7 +246,8 @@ TEST_F(DbId, AFolderCoverIsThatOfItsFirstTrackWithOne)
         SCOPED_TRACE(c.name);
         int64_t offset = 0, length = 0;
         char* path = db_get_album_art(id_of(c.o).c_str(), nullptr, &offset, &length);
-        EXPECT_EQ(std::make_tuple(std::string(path ? path : "(null)"), offset, length), std::make_tuple(std::string(c.path), c.offset, c.length));
+        EXPECT_EQ(std::make_tuple(std::string(path ? path : "(null)"), offset, length),
+                  std::make_tuple(std::string(c.path), c.offset, c.length));
         free(path);
     }
 }

@@ -28,8 +28,7 @@ TEST(DbPlaylistFile, HeadsAndBlocksReadBackAsWritten)
     ASSERT_NE(nullptr, f);
     int64_t at = db_playlist_write_head(f, "/m/list.m3u", "Rock/Old", 1);
     ASSERT_GT(at, 0);
-    EXPECT_TRUE(db_playlist_write_block(f, 7));
-    EXPECT_TRUE(db_playlist_write_block(f, 0x01020304));
+    EXPECT_TRUE(db_playlist_write_block(f, 7) && db_playlist_write_block(f, 0x01020304));
     EXPECT_TRUE(db_playlist_write_count(f, at, 2));
     EXPECT_TRUE(db_playlist_write_block(f, 9));            // the count went back to the end
     EXPECT_EQ(-1, db_playlist_write_head(f, "", "x", 1));

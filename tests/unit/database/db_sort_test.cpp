@@ -65,16 +65,6 @@ TEST_F(DbSort, ContainersFirstThenEachCriterionByItsFieldFoldingAccentsUnlessThe
     }
 }
 
-TEST_F(DbSort, DateTiesGoByMtimeThenTitleInTheLastDirection)
-{
-    track({{DBK_TITLE, "b"}, {DBK_DATE, "2001-01-01"}, {DBK_MTIME, "5"}});
-    track({{DBK_TITLE, "a"}, {DBK_DATE, "2001-01-01"}, {DBK_MTIME, "5"}});
-    track({{DBK_TITLE, "c"}, {DBK_DATE, "2001-01-01"}, {DBK_MTIME, "0"}});
-    track({{DBK_TITLE, "d"}, {DBK_DATE, "2001-01-01"}, {DBK_MTIME, "9"}});
-    EXPECT_EQ((titles{"c", "a", "b", "d"}), sorted("+dc:date"));
-    EXPECT_EQ((titles{"d", "b", "a", "c"}), sorted("-dc:date"));
-}
-
 TEST_F(DbSort, ShuffleIsAPermutationThatRepeats)
 {
     for (int i = 0; i < 40; i++)
