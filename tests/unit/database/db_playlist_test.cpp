@@ -35,7 +35,6 @@ protected:
                     {DBK_LAST_PLAYED, last_played < 0 ? nullptr : last.c_str()}});
     }
 
-    // "title:number" for each entry, in list order.
     static entries_t entries(db_object* list)
     {
         entries_t out;

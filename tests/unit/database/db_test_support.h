@@ -1,17 +1,18 @@
 // db_test_support.h: a store made afresh for each test with a flat tree
-// (root, Music, Picture, Video, Document), a record store in memory that
-// counts what it was asked to do, and builders for items, folders and lists.
+// (root, Music, Picture, Video, Document) over a block file in memory, and
+// builders for items, folders and lists.
 #pragma once
+#include "database/db_file.h"
+#include "database/db_id.h"
 #include "database/db_object.h"
 #include "database/db_record.h"
 #include "runtime/upnp_run.h"
+#include "runtime/upnp_string.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
-#include <map>
 #include <string>
 #include <utility>
 
@@ -25,53 +26,27 @@ inline int db_test_probe_flags(const HTTP_request*, const char* flag)
     return !strcmp(flag, "AV:M") || !strcmp(flag, "XM:NOUTF8SORT");
 }
 
-// The records of the fake database file, by block; text only for stores.
-struct db_test_record { std::string path; int32_t type; std::string text; };
-struct db_test_records {
-    std::map<uint32_t, db_test_record> blocks;
-    uint32_t next_block = 1;
-    int stores = 0, rewrites = 0, frees = 0;
-};
-inline db_test_records* db_test_files;
-
-inline uint32_t db_test_store(const char* text, int32_t length)
+// The text of the record at block in the block file; "<none>" at its end.
+inline std::string db_test_read(uint32_t block)
 {
-    int32_t type = DB_RECORD_NO_TYPE;
-    char* path = db_record_path_and_type(text, length, &type);
-    db_test_files->stores++;
-    db_test_files->blocks[db_test_files->next_block] = {path ? path : "", type, std::string(text, size_t(length))};
-    free(path);
-    return db_test_files->next_block++;
+    upnp_string* s = nullptr;
+    std::string out = !db_file_read_record(block, &s) ? "<none>" : s ? std::string(s->text, size_t(s->length)) : "";
+    upnp_string_free(s);
+    return out;
 }
 
-inline int db_test_rewrite(uint32_t block, const db_object* o, const char* path)
+// A field as a record holds it: key, length, value.
+inline std::string db_test_field(int32_t key, const std::string& value)
 {
-    db_test_files->rewrites++;
-    db_test_files->blocks[block] = {path, db_object_type_of(o), ""};
-    return 1;
-}
-
-inline void db_test_free_chain(uint32_t block)
-{
-    db_test_files->frees++;
-    db_test_files->blocks.erase(block);
-}
-
-inline char* db_test_read_path(uint32_t block, int32_t* type)
-{
-    auto it = db_test_files->blocks.find(block);
-    if (it == db_test_files->blocks.end())
-        return nullptr;
-    *type = it->second.type;
-    return strdup(it->second.path.c_str());
+    char head[16];
+    snprintf(head, sizeof head, "%02X%03X", unsigned(key), unsigned(value.size()));
+    return head + value + "\n";
 }
 
 // A record as a scanner would submit it: type and path fields.
 inline std::string db_test_raw(const std::string& path, int32_t type)
 {
-    char head[32];
-    snprintf(head, sizeof head, "%02X%03X%02d\n%02X%03X", DBK_TYPE, 2, type, DBK_PATH, unsigned(path.size()));
-    return head + path + "\n";
+    return db_test_field(DBK_TYPE, std::string(type < 10, '0') + std::to_string(type)) + db_test_field(DBK_PATH, path);
 }
 
 // A list from (key, value) pairs, behind a type node unless untyped: a
@@ -86,15 +61,11 @@ inline db_meta_list* db_test_list(db_test_fields fields, bool typed = true)
 
 class DbStoreTest : public ::testing::Test {
 protected:
-    db_test_records files;
-
     void SetUp() override
     {
         upnp_switches.oid_seed = 0;
-        db_test_files = &files;
         db_create();
-        db_record_store store = {db_test_store, db_test_rewrite, db_test_free_chain, db_test_read_path};
-        db_set_record_store(&store);
+        ASSERT_TRUE(db_file_open_memory(nullptr, 0));
         db_root = db_container_new(0, "root", 1);
         db_music_root = db_all_music = add_top(DB_OBJ_MUSIC_CONTAINER, 10, "Music");
         db_picture_root = db_all_pictures = add_top(DB_OBJ_PHOTO_ALBUM, 30, "Picture");
@@ -108,12 +79,10 @@ protected:
         db_set_event_sink(nullptr);
         db_set_tree_rules(nullptr);
         db_set_client_flag_probe(nullptr);
-        db_set_record_store(nullptr);
-        db_path_index_free();
+        db_file_close();
         db_destroy();
         g_db_max_mem = -1;
         upnp_switches.oid_seed = 0;
-        db_test_files = nullptr;
     }
 
     static db_object* add_top(int32_t type, uint32_t seq, const char* title)
@@ -123,7 +92,6 @@ protected:
         return c;
     }
 
-    // Sends out whatever is pending, so a test sees only its own changes.
     static void settle_events()
     {
         db_set_event_sink(nullptr);
@@ -147,7 +115,6 @@ protected:
         return r;
     }
 
-    // An item through the store's own entry, its record stored by the fake file.
     static db_object* add(const std::string& path, int32_t type, db_test_fields fields)
     {
         db_meta_list* list = db_test_list(fields);
@@ -157,7 +124,6 @@ protected:
         return o;
     }
 
-    // A list handed to db_scan_submit, as a format reader would.
     static int submit(db_test_fields fields)
     {
         db_meta_list* list = db_test_list(fields, false);

@@ -34,14 +34,12 @@ TEST(DbTree, FileStatusFollowsTheLongestFittingSharedFolder)
         {"outside every folder", dir.file("g.mp3"), DB_OBJ_AUDIO, DB_FILE_GONE},
         {"missing file", dir.file("music/none.mp3"), DB_OBJ_AUDIO, DB_FILE_GONE},
         {"web address", "http://radio.example/stream", DB_OBJ_AUDIO_STREAM, DB_FILE_URL},
-        {"ftp address", "ftp://host/file.mp3", DB_OBJ_AUDIO, DB_FILE_URL},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         EXPECT_EQ(db_file_status(c.path.c_str(), c.type), c.status);
     }
     EXPECT_EQ(db_file_status(nullptr, DB_OBJ_AUDIO), DB_FILE_GONE);
-    // An empty upload folder and dbdir admit nothing.
     db_set_upload_dir(nullptr);
     upnp_ini_set(UPNP_OPT_DBDIR, "");
     upnp_ini_set(UPNP_OPT_CONTENTDIR, "");
