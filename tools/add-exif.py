@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Give a JPEG an EXIF block, so the sample pictures carry the camera fields
-(maker, model, capture date, orientation, pixel size) that a real photo has.
+(maker, model, capture date, orientation, pixel size, and a caption when
+given) that a real photo has.
 
 ffmpeg writes no EXIF, so this builds the TIFF structure by hand and places
 it as an APP1 segment directly after SOI, where picture readers look first.
@@ -12,7 +13,7 @@ can never disagree with the image. Any EXIF segment the file already has is
 dropped first, so running the tool twice gives the same file.
 
 Usage: add-exif.py FILE --make TEXT --model TEXT --date "YYYY:MM:DD HH:MM:SS"
-                   [--orientation N]
+                   [--orientation N] [--description TEXT]
 """
 
 import argparse
@@ -26,6 +27,7 @@ TYPE_LONG = 4
 TYPE_RATIONAL = 5
 TYPE_UNDEFINED = 7
 
+TAG_IMAGE_DESCRIPTION = 270
 TAG_MAKE = 271
 TAG_MODEL = 272
 TAG_ORIENTATION = 274
@@ -105,7 +107,8 @@ def pack_ifd(entries, start):
     return table + struct.pack(">I", 0) + values
 
 
-def build_tiff(make, model, date, orientation, width, height):
+def build_tiff(make, model, date, orientation, width, height,
+               description=None):
     ifd0 = [
         (TAG_MAKE, ascii_value(make)),
         (TAG_MODEL, ascii_value(model)),
@@ -117,6 +120,8 @@ def build_tiff(make, model, date, orientation, width, height):
         (TAG_YCBCR_POSITIONING, short_value(1)),
         (TAG_EXIF_IFD, long_value(0)),
     ]
+    if description:
+        ifd0.insert(0, (TAG_IMAGE_DESCRIPTION, ascii_value(description)))
     exif = [
         (TAG_EXIF_VERSION, undefined_value(b"0232")),
         (TAG_DATE_ORIGINAL, ascii_value(date)),
@@ -171,11 +176,11 @@ def is_exif(segment):
     return segment[1] == 0xE1 and segment[4:10] == EXIF_HEADER
 
 
-def add_exif(jpeg, make, model, date, orientation):
+def add_exif(jpeg, make, model, date, orientation, description=None):
     segments, rest = split_segments(jpeg)
     width, height = frame_size(segments)
     payload = EXIF_HEADER + build_tiff(make, model, date, orientation,
-                                       width, height)
+                                       width, height, description)
     if len(payload) + 2 > 0xFFFF:
         raise ValueError("EXIF block too large for one segment")
     app1 = b"\xff\xe1" + struct.pack(">H", len(payload) + 2) + payload
@@ -199,12 +204,13 @@ def main():
     parser.add_argument("--date", required=True, type=check_date)
     parser.add_argument("--orientation", type=int, default=1,
                         choices=range(1, 9))
+    parser.add_argument("--description")
     args = parser.parse_args()
     with open(args.file, "rb") as f:
         jpeg = f.read()
     try:
         result = add_exif(jpeg, args.make, args.model, args.date,
-                          args.orientation)
+                          args.orientation, args.description)
     except (ValueError, UnicodeEncodeError) as error:
         print("add-exif: %s: %s" % (args.file, error), file=sys.stderr)
         return 1
