@@ -14,9 +14,9 @@ Usage: corpus-files.py N OUT_DIR BASE_DIR
 """
 
 import calendar
-import importlib.util
 import os
 import random
+import runpy
 import struct
 import sys
 import time
@@ -27,11 +27,9 @@ MARKER_TEXT = "velmora corpus v1 N=%d\n"
 
 
 def load_add_exif():
+    """The add_exif function of tools/add-exif.py."""
     path = os.path.join(HERE, "..", "tools", "add-exif.py")
-    spec = importlib.util.spec_from_file_location("add_exif", path)
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
-    return module
+    return runpy.run_path(path, run_name="add_exif")["add_exif"]
 
 
 # Word lists for names. A few words carry accents so that tags and file
@@ -296,7 +294,7 @@ def make_photos(rng, out, count, base, add_exif):
         # A phone that turns the pixels itself stores a portrait frame.
         portrait = orientation == 1 and rng.random() < 0.25
         picture = base["portrait"] if portrait else base["landscape"]
-        data = add_exif.add_exif(
+        data = add_exif(
             picture, make, model,
             "%04d:%02d:%02d %02d:%02d:%02d" % (year, month, day, hour,
                                                minute, second),
