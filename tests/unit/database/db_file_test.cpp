@@ -352,7 +352,7 @@ TEST_F(DbFileStore, ItemsComeBackAfterARestartWithTheirIdsAndTheirLastRecord)
     ASSERT_TRUE(a && v);
     auto t = [](db_object* o, int32_t key) { return std::string(db_object_get_str(o, key)); };
     EXPECT_EQ(std::make_tuple(one, clip, "One", 'd', "Clip", genre, "3000000000", 205000),
-              std::make_tuple(a->id, v->id, t(a, DBK_TITLE), db_object_get_char(a, DBK_SOURCE_KIND), t(v, DBK_TITLE),
+              std::make_tuple(uint32_t(a->id), uint32_t(v->id), t(a, DBK_TITLE), db_object_get_char(a, DBK_SOURCE_KIND), t(v, DBK_TITLE),
                               t(v, DBK_GENRE), t(v, DBK_SIZE_TEXT), db_object_get_int(v, DBK_DURATION)));
     char* path = db_file_get_path(one);
     EXPECT_STREQ("/m/one.mp3", path);

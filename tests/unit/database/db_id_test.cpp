@@ -85,8 +85,8 @@ TEST_F(DbId, PathsLeadToTheirItemsByExactTextWhateverTheirHashAsTheIndexAndThePo
 {
     db_object* a = add("/music/a.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "a"}});
     db_object* b = add("/photos/b.jpg", DB_OBJ_PHOTO, {{DBK_TITLE, "b"}});
-    EXPECT_EQ(a->id, upnp_cds_db_file_get_id_by_res("/music/a.mp3"));
-    EXPECT_EQ(b->id, upnp_cds_db_file_get_id_by_res("/photos/b.jpg"));
+    EXPECT_EQ(uint32_t(a->id), upnp_cds_db_file_get_id_by_res("/music/a.mp3"));
+    EXPECT_EQ(uint32_t(b->id), upnp_cds_db_file_get_id_by_res("/photos/b.jpg"));
     EXPECT_EQ(0u, upnp_cds_db_file_get_id_by_res("/music/none.mp3"));
     EXPECT_EQ(0u, upnp_cds_db_file_get_id_by_res(nullptr));
     EXPECT_EQ(2, db_path_index_count());
@@ -101,9 +101,9 @@ TEST_F(DbId, PathsLeadToTheirItemsByExactTextWhateverTheirHashAsTheIndexAndThePo
         SCOPED_TRACE(p);
         db_object* o = add(p, DB_OBJ_DOCUMENT, {{DBK_TITLE, "t"}});
         ASSERT_NE(nullptr, o);
-        EXPECT_EQ(o->id, upnp_cds_db_file_get_id_by_res(p));
+        EXPECT_EQ(uint32_t(o->id), upnp_cds_db_file_get_id_by_res(p));
     }
-    EXPECT_EQ(a->id, upnp_cds_db_file_get_id_by_res("/music/a.mp3"));
+    EXPECT_EQ(uint32_t(a->id), upnp_cds_db_file_get_id_by_res("/music/a.mp3"));
     // Each path is its title too, so that the string pool grows as well.
     std::vector<std::tuple<std::string, uint32_t, const char*>> added;
     for (int i = 0; i < 12000; i++) {
@@ -129,7 +129,7 @@ TEST_F(DbId, ADeletedItemLeavesAStalePairThatFindsNothingAndSeededIdsLeadBack)
     EXPECT_EQ(0u, upnp_cds_db_file_get_id_by_res("/m/stale.mp3"));
     db_object* again = add("/m/stale.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "s"}});
     ASSERT_NE(nullptr, again);
-    EXPECT_EQ(again->id, upnp_cds_db_file_get_id_by_res("/m/stale.mp3"));
+    EXPECT_EQ(uint32_t(again->id), upnp_cds_db_file_get_id_by_res("/m/stale.mp3"));
     upnp_switches.oid_seed = 120000;
     db_object* seeded = add("/p/seed.jpg", DB_OBJ_PHOTO, {{DBK_TITLE, "s"}});
     ASSERT_NE(nullptr, seeded);

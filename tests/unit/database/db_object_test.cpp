@@ -229,7 +229,7 @@ TEST_F(DbObject, WritesChangeOnlyWhatDiffersInTheRightShape)
     EXPECT_EQ(nullptr, db_object_parent(b));
     uint32_t video_id = uint32_t(DB_OBJ_VIDEO) << DB_ID_TYPE_SHIFT | 99;
     EXPECT_EQ(1, db_object_set_int(item, DBK_OBJECT_ID, int32_t(video_id)));
-    EXPECT_EQ(video_id, item->id);
+    EXPECT_EQ(video_id, uint32_t(item->id));
 }
 
 TEST_F(DbObject, SizeTextBecomesANumberBelowTheLimitAndSlotsStopAtTheirCap)
@@ -260,7 +260,7 @@ TEST_F(DbObject, ApplyMetaStoresEachKeyByItsClassAndClampsNumbersTo32Bits)
     // The override's key class is none: ignored.
     EXPECT_EQ("Album Title d <null>", read(item, DBK_ALBUM, 's') + " " + read(item, DBK_TITLE, 's') + " "
                   + read(item, DBK_SOURCE_KIND, 'c') + " " + read(item, DBK_MIME_OVERRIDE, 's'));
-    EXPECT_NE(5u, item->id);
+    EXPECT_NE(5u, uint32_t(item->id));
     struct meta_case { int32_t key; const char* text; int32_t value; };
     static const meta_case cases[] = {
         {DBK_BITRATE, " 128kbps", 128}, {DBK_BITRATE, "4294967297", INT32_MAX}, {DBK_BITRATE, "-4294967297", INT32_MIN},
@@ -289,7 +289,7 @@ TEST_F(DbObject, AddEntersTheItemInItsAllContainerWritesOnlyANewRecordAndRefuses
     db_object* loaded = db_object_add(l, "/m/loaded.mp3", DB_OBJ_AUDIO, block, nullptr, 0);
     db_meta_list_free(l);
     ASSERT_NE(nullptr, loaded);
-    EXPECT_EQ(db_make_id(block, DB_OBJ_AUDIO), loaded->id);
+    EXPECT_EQ(db_make_id(block, DB_OBJ_AUDIO), uint32_t(loaded->id));
     EXPECT_EQ(loaded, db_object_find_by_path("/m/loaded.mp3"));
     // Neither the rescan nor the load wrote: the new item's record is the reader's text.
     EXPECT_EQ(block, db_file_last_block());
@@ -322,7 +322,7 @@ TEST_F(DbObject, AChangedFileIsRewrittenInPlaceAndRefiledAndARemovedOneTakesItsR
     db_set_tree_rules([](db_object*, db_object*, db_object*, const char*) { rules++; });
     db_object* updated = add("/m/upd.mp3", DB_OBJ_AUDIO, {{DBK_TITLE, "New"}});
     EXPECT_EQ(item, updated);
-    EXPECT_EQ(id, updated->id);
+    EXPECT_EQ(id, uint32_t(updated->id));
     EXPECT_NE(std::string::npos, db_test_read(db_id_to_block(id)).find(db_test_field(DBK_TITLE, "New")));
     EXPECT_EQ(0, db_container_child_count(album));           // its old references are gone
     EXPECT_EQ(1, db_take_container_sweep());
