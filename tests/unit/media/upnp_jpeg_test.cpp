@@ -1,61 +1,56 @@
 #include "database/db_object.h"
 #include "media/upnp_jpeg.h"
+#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
 
 struct entry { uint16_t tag, type; uint32_t count, value; };
 
-void put(std::string* s, uint32_t v, int n, bool little)
+std::string word(uint32_t v, int n, bool little = false)
 {
+    std::string s;
     for (int i = 0; i < n; i++)
-        *s += char(v >> (little ? 8 * i : 8 * (n - 1 - i)));
+        s += char(v >> (little ? 8 * i : 8 * (n - 1 - i)));
+    return s;
 }
 
 std::string segment(int marker, const std::string& payload)
 {
-    std::string s = {'\xFF', char(marker)};
-    put(&s, uint32_t(payload.size() + 2), 2, false);
-    return s + payload;
+    return std::string{'\xFF', char(marker)} + word(uint32_t(payload.size() + 2), 2) + payload;
 }
 
 std::string frame(int marker, uint32_t width, uint32_t height)
 {
-    std::string s = "\x08";
-    put(&s, height, 2, false);
-    put(&s, width, 2, false);
-    return segment(marker, s + "\x01\x01\x11");
+    return segment(marker, "\x08" + word(height, 2) + word(width, 2) + "\x01\x01\x11");
 }
 
 // IFDs laid out one after another from 8. The first IFD's next word is
 // absolute; later ones count from the IFD before, as the chain reads them.
 std::string tiff(const std::vector<std::vector<entry>>& ifds, bool little = false, const std::string& tail = "")
 {
-    std::string s = little ? std::string("II*\0", 4) : std::string("MM\0*", 4);
-    put(&s, 8, 4, little);
+    std::string s = std::string(little ? "II*\0" : "MM\0*", 4) + word(8, 4, little);
     for (size_t k = 0; k < ifds.size(); k++) {
-        put(&s, uint32_t(ifds[k].size()), 2, little);
-        for (const entry& e : ifds[k]) {
-            put(&s, e.tag, 2, little);
-            put(&s, e.type, 2, little);
-            put(&s, e.count, 4, little);
-            put(&s, e.value, 4, little);
-        }
+        s += word(uint32_t(ifds[k].size()), 2, little);
+        for (const entry& e : ifds[k])
+            s += word(e.tag, 2, little) + word(e.type, 2, little) + word(e.count, 4, little) + word(e.value, 4, little);
         uint32_t size = uint32_t(6 + 12 * ifds[k].size());
-        put(&s, k + 1 == ifds.size() ? 0 : k == 0 ? uint32_t(s.size()) + 4 : size, 4, little);
+        s += word(k + 1 == ifds.size() ? 0 : k == 0 ? uint32_t(s.size()) + 4 : size, 4, little);
     }
     return s + tail;
 }
 
-std::string jpeg(const std::string& tiff_block, const std::string& before = "")
+std::string jpeg(const std::string& tiff_block, const std::string& before = "", const std::string& after = "")
 {
-    return "\xFF\xD8" + before + segment(0xE1, std::string("Exif\0\0", 6) + tiff_block) + frame(0xC0, 640, 480);
+    return "\xFF\xD8" + before + segment(0xE1, std::string("Exif\0\0", 6) + tiff_block) + after +
+           frame(0xC0, 640, 480);
 }
 
 upnp_exif_info parse(const std::string& file)
@@ -69,9 +64,8 @@ const entry exif_pointer = {34665, 4, 1, 1};
 
 TEST(UpnpJpeg, FrameSizeComesOnlyFromStartOfFrameMarkers)
 {
-    const std::string comment = segment(0xFE, "hi");
     struct { const char* name; std::string bytes; int result; uint32_t width, height; } cases[] = {
-        {"baseline", "\xFF\xD8" + comment + frame(0xC0, 640, 480), 0, 640, 480},
+        {"baseline", "\xFF\xD8" + segment(0xFE, "hi") + frame(0xC0, 640, 480), 0, 640, 480},
         {"progressive", "\xFF\xD8" + frame(0xC2, 3, 2), 0, 3, 2},
         {"tables carry no size", "\xFF\xD8" + frame(0xC4, 3, 2), 1, 0, 0},
         {"cut in the frame", ("\xFF\xD8" + frame(0xC0, 3, 2)).substr(0, 8), 1, 0, 0},
@@ -91,43 +85,31 @@ TEST(UpnpJpeg, EachTakenTagReachesItsField)
 {
     const uint32_t tail = 8 + 2 + 24 + 4;       // IFD0 of two entries, then the tail
     const std::string data = std::string("\0\0\0\x90\0\0\0\x02", 8) + std::string("ASCII\0\0\0hi", 10);
-    struct {
-        entry e;
-        uint32_t upnp_exif_info::*number;
-        uint32_t want;
-        char* upnp_exif_info::*text;
-        const char* said;
-    } cases[] = {
-        {{274, 3, 1, 6u << 16}, &upnp_exif_info::orientation, 6, nullptr, nullptr},
-        {{282, 5, 1, tail}, &upnp_exif_info::x_resolution, 72, nullptr, nullptr},
-        {{283, 10, 1, tail}, &upnp_exif_info::y_resolution, 72, nullptr, nullptr},
-        {{513, 4, 1, 20}, &upnp_exif_info::thumbnail_offset, 20, nullptr, nullptr},
-        {{514, 4, 1, 9}, &upnp_exif_info::thumbnail_size, 9, nullptr, nullptr},
-        {{40962, 4, 1, 800}, &upnp_exif_info::width, 640, nullptr, nullptr},      // the frame came first
-        {{40963, 3, 2, 7}, &upnp_exif_info::height, 480, nullptr, nullptr},
-        {{270, 2, 3, 0x61620000}, nullptr, 0, &upnp_exif_info::description, "ab"},
-        {{305, 2, 4, 0x61626300}, nullptr, 0, &upnp_exif_info::software, "abc"},
-        {{306, 7, 8, tail + 8}, nullptr, 0, &upnp_exif_info::date_time, "ASCII"},
-        {{36867, 2, 3, 0x61620000}, nullptr, 0, &upnp_exif_info::date_original, "ab"},
-        {{37510, 7, 10, tail + 8}, nullptr, 0, &upnp_exif_info::user_comment, "hi"},
+    using I = upnp_exif_info;
+    struct { entry e; bool little; uint32_t I::*number; uint32_t want; char* I::*text; const char* said; } cases[] = {
+        {{274, 3, 1, 6u << 16}, false, &I::orientation, 6, nullptr, nullptr},
+        {{274, 3, 1, 6}, true, &I::orientation, 0, nullptr, nullptr},    // shifted out of a little-endian word
+        {{282, 5, 1, tail}, false, &I::x_resolution, 72, nullptr, nullptr},
+        {{283, 10, 1, tail}, false, &I::y_resolution, 72, nullptr, nullptr},
+        {{513, 4, 1, 20}, false, &I::thumbnail_offset, 20, nullptr, nullptr},
+        {{514, 4, 1, 9}, true, &I::thumbnail_size, 9, nullptr, nullptr},
+        {{40962, 4, 1, 800}, false, &I::width, 640, nullptr, nullptr},      // the frame came first
+        {{40963, 3, 2, 7}, false, &I::height, 480, nullptr, nullptr},
+        {{270, 2, 3, 0x61620000}, false, nullptr, 0, &I::description, "ab"},
+        {{305, 2, 4, 0x61626300}, false, nullptr, 0, &I::software, "abc"},
+        {{306, 7, 8, tail + 8}, false, nullptr, 0, &I::date_time, "ASCII"},
+        {{36867, 2, 3, 0x61620000}, false, nullptr, 0, &I::date_original, "ab"},
+        {{37510, 7, 10, tail + 8}, false, nullptr, 0, &I::user_comment, "hi"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.e.tag);
-        upnp_exif_info info = parse(jpeg(tiff({{c.e, exif_pointer}}, false, data)));
+        upnp_exif_info info = parse(jpeg(tiff({{c.e, exif_pointer}}, c.little, data)));
         if (c.number)
             EXPECT_EQ(info.*c.number, c.want);
         else
             EXPECT_STREQ(info.*c.text, c.said);
         upnp_exif_info_free(&info);
     }
-}
-
-TEST(UpnpJpeg, ShortsOfLittleEndianFilesComeOutAsZero)
-{
-    upnp_exif_info le = parse(jpeg(tiff({{{274, 3, 1, 6}}}, true)));
-    upnp_exif_info be = parse(jpeg(tiff({{{274, 3, 1, 6u << 16}}})));
-    EXPECT_EQ(le.orientation, 0u);
-    EXPECT_EQ(be.orientation, 6u);
 }
 
 TEST(UpnpJpeg, DateTextsBeforeNineteenThirtyOneGiveTheCreationDate)
@@ -183,15 +165,26 @@ TEST(UpnpJpeg, ChainStopsAfterThirtyTwoIfds)
     EXPECT_EQ(info.width, 0u);
 }
 
+TEST(UpnpJpeg, FileReadingFindsAFrameBehindLargeSegments)
+{
+    test_dir dir;
+    std::string big;
+    for (int i = 0; i < 5; i++)
+        big += segment(0xE2, std::string(60000, 'x'));
+    std::string file = jpeg(tiff({{{270, 2, 2, 0x78000000}}}), "", big);
+    ASSERT_TRUE(test_write_file(dir.file("a.jpg"), file));
+    upnp_exif_info info;
+    ASSERT_EQ(upnp_exif_read(dir.file("a.jpg").c_str(), &info), 1);
+    EXPECT_EQ(std::tie(info.file_size, info.width, info.height), std::make_tuple(int64_t(file.size()), 640u, 480u));
+    EXPECT_STREQ(info.description, "x");
+    EXPECT_EQ(strlen(info.date_original), 10u);
+    upnp_exif_info_free(&info);
+}
+
 TEST(UpnpJpeg, HandlerListCarriesThePictureKeys)
 {
-    upnp_exif_info info = {};
-    info.width = 640;
-    info.height = 480;
-    info.orientation = 6;
-    info.file_size = 12345;
-    info.mtime = 1000;
-    info.date_original = strdup("2005-03-04");
+    upnp_exif_info info = {640, 480, 6, 0, 0, 0, 0, 12345, 1000, nullptr, strdup("2005-03-04"), nullptr, nullptr,
+                           nullptr};
     std::map<int, std::string> keys;
     db_meta_list* list = upnp_jpeg_meta_list("/pics/Trip/beach.jpg", &info);
     for (db_meta_list* n = list; n; n = n->next)
