@@ -7,6 +7,7 @@
 
 #include "host_ini.h"
 
+#include <arpa/inet.h>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -14,6 +15,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <ifaddrs.h>
+#include <netinet/in.h>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -195,6 +198,23 @@ static std::string host_shared_folders(const host_options& o, const std::string&
     return list;
 }
 
+// A person who names one address wants that address: the library, given
+// one it cannot bind, would clear it and serve on every interface instead.
+static void host_check_address(const std::string& ip)
+{
+    in_addr wanted{};
+    ifaddrs* list = nullptr;
+    bool found = false;
+    if (inet_pton(AF_INET, ip.c_str(), &wanted) == 1 && getifaddrs(&list) == 0) {
+        for (ifaddrs* a = list; a && !found; a = a->ifa_next)
+            found = a->ifa_addr && a->ifa_addr->sa_family == AF_INET &&
+                    reinterpret_cast<sockaddr_in*>(a->ifa_addr)->sin_addr.s_addr == wanted.s_addr;
+        freeifaddrs(list);
+    }
+    if (!found)
+        host_fail("no interface of this machine has the address " + ip);
+}
+
 static host_ini_settings host_settings(const host_options& o, const std::string& folders)
 {
     host_ini_settings settings = {{"contentdir", folders}};
@@ -202,8 +222,10 @@ static host_ini_settings host_settings(const host_options& o, const std::string&
         settings.push_back({"friendlyname", o.name});
     if (!o.port.empty())
         settings.push_back({"httpport", o.port});
-    if (!o.ip.empty())
+    if (!o.ip.empty()) {
+        host_check_address(o.ip);
         settings.push_back({"ip", o.ip});
+    }
     return settings;
 }
 

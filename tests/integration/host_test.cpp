@@ -69,6 +69,7 @@ TEST(Host, RefusesWhatItCannotServeWithOneLine)
         {"missing folder", {"/nonexistent/velmora-media"}, "folder not found: /nonexistent/velmora-media"},
         {"work dir under a file", {media.path, "--workdir", media.file("blocker") + "/state"}, "working folder"},
         {"unknown option", {"--bogus"}, "unknown option --bogus"},
+        {"address no interface has", {media.path, "--ip", "192.0.2.77"}, "no interface of this machine has"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.why);
