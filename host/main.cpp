@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <ifaddrs.h>
 #include <netinet/in.h>
 #include <string>
@@ -27,7 +28,14 @@ struct host_options {
     std::string name, port, workdir, ip;
     int32_t mode = DAPI_MODE_FULL;
     uint32_t flags = 0;
+    bool verbose = false;
 };
+
+// Where this program's own lines go. Unless --verbose is given, the
+// library's start-up traces on standard output go to a file in the
+// working folder instead, and this keeps the terminal.
+static FILE* host_out = stdout;
+static const char HOST_OUTPUT_FILE[] = "velmora-output.txt";
 
 static const char HOST_USAGE[] =
     "usage: velmora-dms [options] [folder ...]\n"
@@ -39,6 +47,7 @@ static const char HOST_USAGE[] =
     "  --log            write DMSLOG.txt in the working folder\n"
     "  --mode N         0 full server (default), 1 HTTP only\n"
     "  --flags N        start flags (decimal or 0x hex)\n"
+    "  --verbose        show the library's own traces on the terminal too\n"
     "  --help, --version\n";
 
 static void host_fail(const std::string& message)
@@ -95,6 +104,8 @@ static host_options host_parse(int argc, char** argv)
         } else if (arg == "--version") {
             printf("velmora-dms %s\n", VELMORA_VERSION);
             exit(0);
+        } else if (arg == "--verbose") {
+            o.verbose = true;
         } else if (arg == "--log") {
             o.flags |= DAPI_FLAG_LOG;
         } else if (std::string* target = host_value_option(&o, arg)) {
@@ -254,8 +265,8 @@ static int32_t host_on_event(int32_t code, const char* text)
     // A request head spans lines; its first line says enough.
     std::string first = text ? text : "";
     first = first.substr(0, first.find_first_of("\r\n"));
-    printf("%s %s %s\n", stamp, name, first.c_str());
-    fflush(stdout);
+    fprintf(host_out, "%s %s %s\n", stamp, name, first.c_str());
+    fflush(host_out);
     return 0;
 }
 
@@ -279,14 +290,31 @@ static void host_wait(const sigset_t* stop)
     for (;;) {
         std::string now = host_nic_text();
         if (now != shown) {
-            fputs(now.c_str(), stdout);
-            fflush(stdout);
+            fputs(now.c_str(), host_out);
+            fflush(host_out);
             shown = now;
         }
         struct timespec tick = {1, 0};
         if (sigtimedwait(stop, nullptr, &tick) > 0)
             return;
     }
+}
+
+// The terminal stays this program's; the library's traces go to the file.
+static void host_quiet_library(const std::string& workdir)
+{
+    int terminal = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+    int file = open((workdir + "/" + HOST_OUTPUT_FILE).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    FILE* out = terminal >= 0 ? fdopen(terminal, "w") : nullptr;
+    if (!out || file < 0 || dup2(file, STDOUT_FILENO) < 0) {
+        fprintf(stderr, "velmora-dms: the library's output stays on the terminal\n");
+        if (out)
+            fclose(out);
+    } else {
+        host_out = out;
+    }
+    if (file >= 0)
+        close(file);
 }
 
 int main(int argc, char** argv)
@@ -313,6 +341,8 @@ int main(int argc, char** argv)
     sigaddset(&stop, SIGINT);
     sigaddset(&stop, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+    if (!o.verbose)
+        host_quiet_library(workdir);
 
     dapi_dms_register_callback(host_on_event);
     if (!dapi_dms_init(o.mode, o.flags))
@@ -323,10 +353,12 @@ int main(int argc, char** argv)
     dapi_dms_get_udn(&udn);
     // Without a name of its own the server makes one from the host name.
     std::string shown = name && *name ? "\"" + std::string(name) + "\"" : "(default name)";
-    printf("Velmora media server %s: %s (%s)\n", VELMORA_VERSION, shown.c_str(), udn ? udn : "");
-    printf("Sharing %s\nWorking folder %s\n", folders.c_str(), workdir.c_str());
+    fprintf(host_out, "Velmora media server %s: %s (%s)\n", VELMORA_VERSION, shown.c_str(), udn ? udn : "");
+    fprintf(host_out, "Sharing %s\nWorking folder %s\n", folders.c_str(), workdir.c_str());
+    fflush(host_out);
     host_wait(&stop);
-    printf("Stopping...\n");
+    fprintf(host_out, "Stopping...\n");
+    fflush(host_out);
     dapi_dms_terminate();
     return 0;
 }

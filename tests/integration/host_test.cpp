@@ -41,6 +41,9 @@ TEST(Host, ServesTheFolderStopsCleanlyOnSigintOrSigtermAndASecondStartTakesNewOp
         EXPECT_EQ(0, host.wait_exit()) << host.seen;
         EXPECT_FALSE(test_can_connect("127.0.0.1", port));
         EXPECT_EQ(0u, test_read_file(work.file("velmora-mediaserver.ini")).find("\xFF\xFE"));   // written back
+        // The library's start-up traces go to a file, not to the terminal.
+        EXPECT_EQ(std::string::npos, host.seen.find("upnp_mediaserver_start")) << host.seen;
+        EXPECT_NE(std::string::npos, test_read_file(work.file("velmora-output.txt")).find("upnp_mediaserver_start"));
     }
 }
 
