@@ -179,16 +179,6 @@ static uint32_t upnp_exif_number(const exif_view* v, const exif_entry* e)
     return 0;
 }
 
-static char* exif_copy(const uint8_t* bytes, size_t n)
-{
-    char* text = static_cast<char*>(malloc(n + 1));
-    if (text) {
-        memcpy(text, bytes, n);
-        text[n] = 0;
-    }
-    return text;
-}
-
 static char* upnp_exif_text(const exif_view* v, const exif_entry* e)
 {
     if ((e->type != 2 && e->type != 7) || e->count == 0 || !exif_fits(v, e, 1))
@@ -197,7 +187,7 @@ static char* upnp_exif_text(const exif_view* v, const exif_entry* e)
     media_cursor c = media_at(&v->whole, e->value);
     if (e->count > 4 && !media_take(&c, e->count, &bytes))
         return nullptr;
-    return exif_copy(bytes, e->count);
+    return upnp_copy_bytes(bytes, e->count);
 }
 
 // Only the ASCII form of a user comment is taken: an 8-byte code, then text.
@@ -208,7 +198,7 @@ static void exif_comment(const exif_view* v, const exif_entry* e, upnp_exif_info
     media_cursor c = media_at(&v->whole, e->value);
     const uint8_t *code, *text;
     if (media_take(&c, 8, &code) && memcmp(code, "ASCII\0\0\0", 8) == 0 && media_take(&c, e->count - 8, &text))
-        info->user_comment = exif_copy(text, e->count - 8);
+        info->user_comment = upnp_copy_bytes(text, e->count - 8);
 }
 
 // ---------------------------------------------------------------- IFDs

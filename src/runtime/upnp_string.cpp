@@ -143,3 +143,13 @@ void upnp_string_free(upnp_string* s)
     free(s->text);
     free(s);
 }
+
+char* upnp_copy_bytes(const void* bytes, size_t n)
+{
+    char* text = static_cast<char*>(malloc(n + 1));
+    if (text) {
+        memcpy(text, bytes, n);
+        text[n] = 0;
+    }
+    return text;
+}

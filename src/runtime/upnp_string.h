@@ -94,6 +94,9 @@ int64_t upnp_time_to_ms(const char* text);
 
 char* upnp_base64_encode(const char* text);
 
+// A new text of the n bytes and a terminator; null when out of memory.
+char* upnp_copy_bytes(const void* bytes, size_t n);
+
 // Titles.
 char* upnp_title_adapt(char* text, int enable);
 char* upnp_title_from_path(const char* path);

@@ -76,19 +76,9 @@ static const char* xml_find_tag(const xml_reader* r, const char* p)
     return r->end;
 }
 
-static char* xml_copy(const char* p, size_t n)
-{
-    char* s = static_cast<char*>(malloc(n + 1));
-    if (s) {
-        memcpy(s, p, n);
-        s[n] = 0;
-    }
-    return s;
-}
-
 static char* xml_copy_decoded(const char* p, size_t n)
 {
-    char* s = xml_copy(p, n);
+    char* s = upnp_copy_bytes(p, n);
     upnp_xml_unescape(s);
     return s;
 }
@@ -122,7 +112,7 @@ static int xml_add_attribute(const xml_reader* r, upnp_xml_node* node, const cha
         eq--;
     upnp_xml_attr* a = static_cast<upnp_xml_attr*>(calloc(1, sizeof *a));
     if (a) {
-        a->name = xml_copy(name, size_t(eq - name));
+        a->name = upnp_copy_bytes(name, size_t(eq - name));
         a->value = xml_attribute_value(v, vend);
     }
     if (!a || !a->name || !a->value) {
@@ -234,7 +224,7 @@ static upnp_xml_node* xml_element(const xml_reader* r, const char* start, int de
     upnp_xml_node* node = static_cast<upnp_xml_node*>(calloc(1, sizeof *node));
     if (!node)
         return nullptr;
-    node->name = xml_copy(tag + 1, size_t(name_end - tag - 1));
+    node->name = upnp_copy_bytes(tag + 1, size_t(name_end - tag - 1));
     if (!node->name) {
         free(node);
         return nullptr;
@@ -429,5 +419,5 @@ char* upnp_xml_escape(const char* text)
         memcpy(out + n, add, len);
         n += len;
     }
-    return xml_copy(out, n);
+    return upnp_copy_bytes(out, n);
 }
