@@ -10,3 +10,23 @@ void upnp_filescan_request_rescan();    // walk everything again
 // metadata reader, else 0.
 int upnp_filescan_add_file(const char* path, char media_class, int compilation, uint32_t since_low,
                            uint32_t since_high);
+// 1 when path lies in the database folder or under an ignored folder name.
+int upnp_filescan_is_ignored(const char* path);
+// 1 when the folder path names a compilations folder.
+int upnp_filescan_is_compilation(const char* path);
+
+// The queue between the folder watch and the scanner.
+void upnp_filescan_queue_init();
+void upnp_filescan_queue_term();
+void upnp_filescan_pending_add(const char* entry, const char* path, int32_t is_dir);
+
+// The thread body, started by the service start sequence; it returns when
+// the run flag leaves 1.
+void upnp_filescan_thread();
+int32_t upnp_filescan_started();
+
+// Work hung on the scanner's once-a-second tick (housekeeping, plugins,
+// the transcode cache), registered at start; at most 8.
+typedef void (*upnp_filescan_tick_fn)(int64_t now);
+void upnp_filescan_add_tick(upnp_filescan_tick_fn tick);
+void upnp_filescan_clear_ticks();
