@@ -53,6 +53,10 @@ enum {
     DAPI_EVENT_STREAM_FINISHED = 3,  /* text: the request head */
     DAPI_EVENT_STREAM_FAILED = 5,    /* text: the request head */
     DAPI_EVENT_NIC_RESTART = 6,      /* text: null */
+    /* A pass over the shared folders: text "started", "progress" (at most
+     * every 2 s) or "finished", then four numbers: folders walked, files
+     * seen, files admitted, milliseconds since the pass began. */
+    DAPI_EVENT_SCAN = 7,
 };
 
 /* A request to stop a transfer: five texts and three numbers, with a reserved

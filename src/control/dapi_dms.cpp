@@ -299,7 +299,7 @@ static_assert(int(UPNP_EVENT_FILE_ADDED) == DAPI_EVENT_FILE_ADDED &&
               int(UPNP_EVENT_STREAM_STARTED) == DAPI_EVENT_STREAM_STARTED &&
               int(UPNP_EVENT_STREAM_FINISHED) == DAPI_EVENT_STREAM_FINISHED &&
               int(UPNP_EVENT_STREAM_FAILED) == DAPI_EVENT_STREAM_FAILED &&
-              int(UPNP_EVENT_NIC_RESTART) == DAPI_EVENT_NIC_RESTART);
+              int(UPNP_EVENT_NIC_RESTART) == DAPI_EVENT_NIC_RESTART && int(UPNP_EVENT_SCAN) == DAPI_EVENT_SCAN);
 
 static void dapi_event_sink(int32_t code, const char* text)
 {

@@ -39,6 +39,7 @@ enum upnp_event_code : int32_t {
     UPNP_EVENT_STREAM_FINISHED = 3,   // text: the request head
     UPNP_EVENT_STREAM_FAILED = 5,     // text: the request head
     UPNP_EVENT_NIC_RESTART = 6,       // text: null
+    UPNP_EVENT_SCAN = 7,              // text: "started|progress|finished F S A MS"
 };
 
 // The notification gate towards the host: hands (code, text) to the sink
