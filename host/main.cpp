@@ -2,7 +2,8 @@
 // folder (the library keeps its ini file, database, log and resources
 // there), writes the shared folders, name, port and address into the ini
 // file, starts the library and waits for SIGINT or SIGTERM, printing the
-// served addresses whenever they change and one line per library event.
+// served addresses whenever they change, one line per library event, and
+// the start, progress and end of each pass over the shared folders.
 #include <velmora/dapi_dms.h>
 
 #include "host_ini.h"
@@ -11,12 +12,14 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <ifaddrs.h>
+#include <mutex>
 #include <netinet/in.h>
 #include <string>
 #include <sys/stat.h>
@@ -251,9 +254,50 @@ static const host_event_name host_event_names[] = {
     {DAPI_EVENT_NIC_RESTART, "network restart"},
 };
 
-// Runs on the library's threads: one formatted write per event keeps lines whole.
+// The program's lines come from its own thread and the library's threads;
+// one lock keeps each line whole and in one piece on the terminal.
+static std::mutex host_out_lock;
+
+static void host_print(const char* format, ...) __attribute__((format(printf, 1, 2)));
+static void host_print(const char* format, ...)
+{
+    std::lock_guard<std::mutex> hold(host_out_lock);
+    va_list args;
+    va_start(args, format);
+    vfprintf(host_out, format, args);
+    va_end(args);
+    fflush(host_out);
+}
+
+// A pass over the shared folders reports "started", "progress" or
+// "finished" with folders walked, files seen, files admitted and the
+// milliseconds since it began.
+static void host_on_scan(const char* text)
+{
+    char phase[16];
+    unsigned folders = 0, seen = 0, admitted = 0;
+    unsigned long ms = 0;
+    if (!text || sscanf(text, "%15s %u %u %u %lu", phase, &folders, &seen, &admitted, &ms) != 5)
+        return;
+    double seconds = double(ms) / 1000.0;
+    // Seen files over the time the walk took; a pass of under a millisecond counts as one.
+    double rate = double(seen) / (ms ? seconds : 0.001);
+    if (strcmp(phase, "started") == 0)
+        host_print("Scanning the shared folders...\n");
+    else if (strcmp(phase, "progress") == 0)
+        host_print("Scanned %u folders, %u files seen, %u admitted, %.0f files/s\n", folders, seen, admitted, rate);
+    else if (strcmp(phase, "finished") == 0)
+        host_print("Scan finished: %u folders, %u files seen, %u admitted in %.1f s (%.0f files/s)\n", folders, seen,
+                   admitted, seconds, rate);
+}
+
+// Runs on the library's threads, which wait for it: short, one line.
 static int32_t host_on_event(int32_t code, const char* text)
 {
+    if (code == DAPI_EVENT_SCAN) {
+        host_on_scan(text);
+        return 0;
+    }
     const char* name = "event";
     for (const host_event_name& e : host_event_names)
         if (e.code == code)
@@ -265,8 +309,7 @@ static int32_t host_on_event(int32_t code, const char* text)
     // A request head spans lines; its first line says enough.
     std::string first = text ? text : "";
     first = first.substr(0, first.find_first_of("\r\n"));
-    fprintf(host_out, "%s %s %s\n", stamp, name, first.c_str());
-    fflush(host_out);
+    host_print("%s %s %s\n", stamp, name, first.c_str());
     return 0;
 }
 
@@ -290,8 +333,7 @@ static void host_wait(const sigset_t* stop)
     for (;;) {
         std::string now = host_nic_text();
         if (now != shown) {
-            fputs(now.c_str(), host_out);
-            fflush(host_out);
+            host_print("%s", now.c_str());
             shown = now;
         }
         struct timespec tick = {1, 0};
@@ -353,12 +395,10 @@ int main(int argc, char** argv)
     dapi_dms_get_udn(&udn);
     // Without a name of its own the server makes one from the host name.
     std::string shown = name && *name ? "\"" + std::string(name) + "\"" : "(default name)";
-    fprintf(host_out, "Velmora media server %s: %s (%s)\n", VELMORA_VERSION, shown.c_str(), udn ? udn : "");
-    fprintf(host_out, "Sharing %s\nWorking folder %s\n", folders.c_str(), workdir.c_str());
-    fflush(host_out);
+    host_print("Velmora media server %s: %s (%s)\n", VELMORA_VERSION, shown.c_str(), udn ? udn : "");
+    host_print("Sharing %s\nWorking folder %s\n", folders.c_str(), workdir.c_str());
     host_wait(&stop);
-    fprintf(host_out, "Stopping...\n");
-    fflush(host_out);
+    host_print("Stopping...\n");
     dapi_dms_terminate();
     return 0;
 }

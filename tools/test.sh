@@ -8,7 +8,7 @@ set -euo pipefail
 top="$(cd "$(dirname "$0")/.." && pwd)"
 . "$top/tools/deps.sh"
 velmora_install "${VELMORA_BUILD_PACKAGES[@]}" clang libclang-rt-14-dev libgtest-dev libgmock-dev \
-    curl iproute2 libxml2-utils python3-gi gir1.2-gssdp-1.6 gir1.2-gupnp-1.6
+    curl iproute2 libxml2-utils python3-gi gir1.2-gssdp-1.6 gir1.2-gupnp-1.6 ffmpeg
 jobs="$(nproc)"
 fuzz_seconds="${VELMORA_FUZZ_SECONDS:-30}"
 

@@ -25,10 +25,13 @@ std::vector<std::string> host_args(const test_dir& media, const test_dir& work, 
 }
 
 // The second start in the same working folder takes the command line's
-// options over the ini file that the first one wrote.
+// options over the ini file that the first one wrote. Each start walks the
+// folder once and says when the pass begins and ends.
 TEST(Host, ServesTheFolderStopsCleanlyOnSigintOrSigtermAndASecondStartTakesNewOptions)
 {
     test_dir media, work;
+    for (const char* name : {"notes.txt", "report.pdf", "letter.txt"})
+        test_write_file(media.file(name), std::string("plain bytes of ") + name + "\n");
     const struct { const char* name; int signal; } runs[] = {{"Test Shelf", SIGINT}, {"Renamed", SIGTERM}};
     for (const auto& run : runs) {
         SCOPED_TRACE(run.name);
@@ -37,6 +40,8 @@ TEST(Host, ServesTheFolderStopsCleanlyOnSigintOrSigtermAndASecondStartTakesNewOp
         ASSERT_TRUE(host.wait_for("Serving on http://127.0.0.1:" + std::to_string(port) + "/")) << host.seen;
         EXPECT_NE(std::string::npos, host.seen.find("\"" + std::string(run.name) + "\"")) << host.seen;
         EXPECT_TRUE(test_can_connect("127.0.0.1", port));
+        EXPECT_TRUE(host.wait_for("Scanning the shared folders...\n")) << host.seen;
+        EXPECT_TRUE(host.wait_for("Scan finished: 1 folders, 3 files seen, 3 admitted in ")) << host.seen;
         kill(host.pid, run.signal);
         EXPECT_EQ(0, host.wait_exit()) << host.seen;
         EXPECT_FALSE(test_can_connect("127.0.0.1", port));
