@@ -228,6 +228,7 @@ static bool scan_child(long n, const std::string& dir, bool cold, double timeout
         close(pipe_fd[0]);
         scan_result child = *r;
         scan_run(n, corpus, work, timeout_s, &child);
+        fflush(stdout);   // the library's traces, before _exit drops them
         ssize_t w = write(pipe_fd[1], &child, sizeof child);
         _exit(w == ssize_t(sizeof child) ? 0 : 1);
     }
@@ -236,9 +237,10 @@ static bool scan_child(long n, const std::string& dir, bool cold, double timeout
     close(pipe_fd[0]);
     int status = 0;
     waitpid(pid, &status, 0);
-    if (got == ssize_t(sizeof *r) && status == 0)
+    bool ok = got == ssize_t(sizeof *r) && status == 0 && r->finished;
+    if (ok)
         scan_shell("rm -rf " + scan_quote(work));   // kept when the run failed, to look into
-    return got == ssize_t(sizeof *r) && status == 0 && r->finished;
+    return ok;
 }
 
 static void scan_print(const scan_result& r)
