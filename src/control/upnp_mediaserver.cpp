@@ -47,7 +47,6 @@ static std::atomic<int32_t> upnp_stop_requested;
 // or the scheduler's restart.
 static std::recursive_mutex server_lock;
 static int64_t nic_last_check;             // scheduler thread only
-static int64_t upnp_start_time;
 static int32_t upnp_nic_count;             // written by start/stop/restart
 static char upnp_nic_address[UPNP_MAX_NICS][16];
 static HTTP_server http_servers[UPNP_MAX_NICS];
@@ -357,13 +356,6 @@ static void upnp_nic_check(int64_t now)
     upnp_server_restart();
 }
 
-// Sleeps up to ms, waking early when the background threads must end.
-static void upnp_sleep_while_running(int32_t ms)
-{
-    for (int32_t slept = 0; slept < ms && upnp_is_running(); slept += 50)
-        usleep(50 * 1000);
-}
-
 // The server records change under server_lock, and a stop may be under way
 // already when the scheduler first runs.
 static void upnp_server_start_msearch_all()
@@ -503,6 +495,8 @@ static void upnp_mediaserver_register()
         ssdp_set_server_advertising();
         ssdp_register_handler(ssdp_search_handler, "M-Search");
     }
+    if (upnp_switches.scanner_enabled)
+        upnp_filescan_queue_init();
     upnp_mediaserver_hand_down();
     db_create();
     upnp_client_db_load();
@@ -511,6 +505,11 @@ static void upnp_mediaserver_register()
 
 static void upnp_mediaserver_release()
 {
+    // The scanner may be inside a reader that writes to the store: it is
+    // waited for before the store goes.
+    if (upnp_switches.scanner_enabled)
+        upnp_filescan_queue_term();
+    upnp_filescan_clear_ticks();
     db_set_client_flag_probe(nullptr);
     ssdp_clear_handlers();
     db_destroy();
@@ -523,12 +522,14 @@ void upnp_mediaserver_start()
 {
     std::lock_guard<std::recursive_mutex> hold(server_lock);
     upnp_stop_requested = 0;
-    upnp_start_time = upnp_now();
+    upnp_start_time_set(upnp_now());
     upnp_mediaserver_register();
     upnp_set_running(1);
     upnp_server_start_all();
     if (upnp_switches.scheduler_enabled)
         upnp_thread_spawn(upnp_mediaserver_scheduler, nullptr, 0);
+    if (upnp_switches.scanner_enabled && !upnp_filescan_start())
+        upnp_log(UPNP_LOG_ERROR, UPNP_LOG_SYSTEM, "filescanner thread could not be started\n");
 }
 
 // Every thread of the library has left when this returns (bounded), so
@@ -548,5 +549,5 @@ void upnp_mediaserver_stop()
 
 int64_t upnp_mediaserver_start_time()
 {
-    return upnp_start_time;
+    return upnp_start_time_get();
 }

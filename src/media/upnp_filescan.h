@@ -20,9 +20,11 @@ void upnp_filescan_queue_init();
 void upnp_filescan_queue_term();
 void upnp_filescan_pending_add(const char* entry, const char* path, int32_t is_dir);
 
-// The thread body, started by the service start sequence; it returns when
-// the run flag leaves 1.
+// The thread body; it returns when the run flag leaves 1. The start
+// sequence starts it with upnp_filescan_start, and upnp_filescan_queue_term
+// waits for it to end, since a reader may be at work in the store.
 void upnp_filescan_thread();
+int upnp_filescan_start();        // 1 when the thread runs
 int32_t upnp_filescan_started();
 
 // Work hung on the scanner's once-a-second tick (housekeeping, plugins,

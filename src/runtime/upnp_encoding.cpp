@@ -327,6 +327,24 @@ char* upnp_string_latin1_to_utf8(const char* text)
     return out;
 }
 
+int upnp_string_utf8_valid(const char* text)
+{
+    if (!text)
+        return 0;
+    const uint8_t* p = reinterpret_cast<const uint8_t*>(text);
+    size_t left = strlen(text);
+    while (left) {
+        uint32_t cp;
+        size_t used = enc_utf8_decode(p, left, &cp);
+        // A replacement character that was really written takes 3 bytes.
+        if (cp == ENC_REPLACEMENT && used == 1)
+            return 0;
+        p += used;
+        left -= used;
+    }
+    return 1;
+}
+
 // Valid-looking sequences (the 5 and 6 byte forms included) are kept;
 // every other byte is taken for Latin-1, so mixed text comes out as UTF-8.
 char* upnp_string_clean_utf8(const char* text)

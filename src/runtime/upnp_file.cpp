@@ -489,6 +489,21 @@ char* upnp_file_fullpath(const char* path)
     return out;
 }
 
+int upnp_file_identity(const char* path, uint64_t* device, uint64_t* inode)
+{
+    struct statx sx;
+    if (!path || !*path || file_statx(AT_FDCWD, path, 0, &sx) != 0)
+        return -1;
+    *device = makedev(sx.stx_dev_major, sx.stx_dev_minor);
+    *inode = sx.stx_ino;
+    return 0;
+}
+
+char* upnp_file_realpath(const char* path)
+{
+    return path && *path ? realpath(path, nullptr) : nullptr;
+}
+
 // ---------------------------------------------------------------- whole files
 
 static int file_read_exact(int fd, char* data, size_t size, size_t* got)
@@ -619,7 +634,7 @@ static void dir_mark_invalid(upnp_dir* walker, const char* name)
 }
 
 // 1 when the entry just read is one to report; fills the walker's fields.
-static int dir_take(upnp_dir* walker, const char* name)
+static int dir_take(upnp_dir* walker, const char* name, unsigned char type)
 {
     if (name[0] == '.')
         return 0;    // hidden, and "." and ".." with them
@@ -639,6 +654,11 @@ static int dir_take(upnp_dir* walker, const char* name)
     }
     snprintf(walker->name, DIR_NAME_ROOM, "%s", name);
     walker->is_dir = S_ISDIR(sx.stx_mode);
+    struct stat link;
+    // Most file systems name the type in the listing; the others are asked.
+    walker->is_link = type == DT_LNK || (type == DT_UNKNOWN &&
+                                         fstatat(dirfd(dir_stream(walker)), name, &link, AT_SYMLINK_NOFOLLOW) == 0 &&
+                                         S_ISLNK(link.st_mode));
     walker->device = makedev(sx.stx_dev_major, sx.stx_dev_minor);
     walker->inode = sx.stx_ino;
     return 1;
@@ -661,7 +681,7 @@ upnp_dir* upnp_dir_next(upnp_dir* walker)
     if (!walker)
         return nullptr;
     while (struct dirent* e = readdir(dir_stream(walker)))
-        if (dir_take(walker, e->d_name))
+        if (dir_take(walker, e->d_name, e->d_type))
             return walker;
     upnp_dir_close(walker);
     return nullptr;

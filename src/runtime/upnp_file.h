@@ -49,7 +49,8 @@ struct upnp_dir {
     char* path;               // full path of the current entry
     char* name;               // name of the current entry
     int32_t is_dir;
-    int32_t reserved;
+    int32_t is_link;          // the entry is a symbolic link (is_dir and the
+                              // identity then describe its target)
     uint64_t device;          // identity of the current entry, so that a
     uint64_t inode;           // recursive walk can refuse to loop
 };
@@ -93,6 +94,10 @@ int upnp_mkdir_parents(const char* path);
 int upnp_file_delete(const char* path);
 int upnp_file_rename(const char* old_path, const char* new_path);   // fails on an existing target
 char* upnp_file_fullpath(const char* path);                          // lexical, need not exist
+// The device and inode of what path names, links followed. 0 or -1.
+int upnp_file_identity(const char* path, uint64_t* device, uint64_t* inode);
+// The path with every link resolved, for a path that exists; null else.
+char* upnp_file_realpath(const char* path);
 // Reads a whole file into a new block with two zero bytes behind it.
 // 1 with *data and *size set, else 0. Files over max_size are refused.
 int upnp_file_read_all(const char* path, size_t max_size, void** data, size_t* size);

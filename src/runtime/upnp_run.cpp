@@ -4,6 +4,7 @@
 #include "runtime/upnp_run.h"
 
 #include <atomic>
+#include <unistd.h>
 
 upnp_switch_set upnp_switches = {
     1,   // ssdp_enabled
@@ -23,6 +24,7 @@ upnp_switch_set upnp_switches = {
 static std::atomic<int32_t> run_server_status;
 static std::atomic<int32_t> run_running;
 static std::atomic<upnp_event_sink> run_event_sink;
+static std::atomic<int64_t> run_start_time;
 
 int32_t upnp_server_get_status()
 {
@@ -42,6 +44,22 @@ int32_t upnp_is_running()
 void upnp_set_running(int32_t running)
 {
     run_running = running;
+}
+
+void upnp_sleep_while_running(int32_t ms)
+{
+    for (int32_t slept = 0; slept < ms && upnp_is_running() == 1; slept += 50)
+        usleep(50 * 1000);
+}
+
+int64_t upnp_start_time_get()
+{
+    return run_start_time.load();
+}
+
+void upnp_start_time_set(int64_t seconds)
+{
+    run_start_time = seconds;
 }
 
 void upnp_set_event_sink(upnp_event_sink sink)

@@ -30,6 +30,12 @@ int32_t upnp_server_get_status();      // 0 stopped, 1 running, -1 stopping
 void upnp_server_set_status(int32_t status);
 int32_t upnp_is_running();             // the background threads' run flag
 void upnp_set_running(int32_t running);
+// Sleeps up to ms, waking early when the run flag leaves 1, so that a stop
+// never waits a whole background tick.
+void upnp_sleep_while_running(int32_t ms);
+// Seconds since 1970 of the last start of the services.
+int64_t upnp_start_time_get();
+void upnp_start_time_set(int64_t seconds);
 
 // What the host is told, with the codes its callback receives.
 enum upnp_event_code : int32_t {

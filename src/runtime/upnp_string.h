@@ -48,6 +48,9 @@ int32_t upnp_string_wide_to_utf8(const uint16_t* wide, char* out, int32_t out_si
 char* upnp_string_sjis_to_utf8(const char* text);
 char* upnp_string_latin1_to_utf8(const char* text);
 char* upnp_string_clean_utf8(const char* text);
+// 1 when text is strict UTF-8 (no overlong forms, surrogates or values past
+// U+10FFFF), so that it can stand in XML as it is.
+int upnp_string_utf8_valid(const char* text);
 char* upnp_string_to_latin1(const char* text);
 
 // Text tests and comparisons.
