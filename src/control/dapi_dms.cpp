@@ -119,6 +119,7 @@ int32_t dapi_dms_init(int32_t mode, uint32_t flags)
         return 0;
     dapi_apply_mode(mode);
     dapi_apply_flags(flags);
+    upnp_mediaserver_hand_down();
     dapi_read_options();
     if (flags & DAPI_FLAG_LOG) {
         char log_path[1100];

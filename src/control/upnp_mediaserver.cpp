@@ -475,7 +475,7 @@ static void upnp_lookup_external_address()
 
 // The lower floors ask the upper ones through these functions, so that
 // each floor includes only the ones below it.
-static void upnp_mediaserver_hand_down()
+void upnp_mediaserver_hand_down()
 {
     upnp_ini_set_folders_hook(upnp_filescan_request_reload);
     db_file_set_rescan_request(upnp_filescan_request_rescan);

@@ -19,7 +19,12 @@ void upnp_nic_request_change();
 int upnp_nic_is_local(const char* ip);
 uint32_t upnp_nic_table(nic_entry** out);   // the number of entries
 int32_t upnp_nic_get_count();
-int64_t upnp_mediaserver_start_time();   // seconds since 1970 of the last start
+int64_t upnp_mediaserver_start_time();
+// Registers the functions by which the lower floors reach the upper ones.
+// The start does it too; the control API does it before it reads the
+// options, so that the shared folders read at start raise the scanner's
+// reload, which loads the stored items.
+void upnp_mediaserver_hand_down();   // seconds since 1970 of the last start
 
 // The public address found at start when enableweb is 3 or more, else "".
 const char* upnp_get_external_address();

@@ -306,7 +306,7 @@ static int64_t filescan_now()
 
 // Every enabled shared folder not yet walked in this run (all of them when
 // a rescan was asked for), then the import of what the handlers left.
-static void filescan_folder_pass()
+void upnp_filescan_folder_pass()
 {
     // The host hears of a pass only when it walks a folder.
     filescan_count count = {};
@@ -470,14 +470,14 @@ static void filescan_turn(int32_t scantime, int32_t* work_done)
     }
     if (scan_initial_request && scantime != 0 && upnp_is_running() == 1) {
         scan_started = 1;
-        filescan_folder_pass();
+        upnp_filescan_folder_pass();
         scan_initial_request = 0;
         *work_done = 1;
         scan_forced_request = 0;
     }
     if (scan_forced_request && upnp_is_running() == 1) {
         scan_started = 1;
-        filescan_folder_pass();
+        upnp_filescan_folder_pass();
         scan_forced_request = 0;
         *work_done = 1;
     }

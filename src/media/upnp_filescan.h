@@ -26,6 +26,9 @@ void upnp_filescan_pending_add(const char* entry, const char* path, int32_t is_d
 void upnp_filescan_thread();
 int upnp_filescan_start();        // 1 when the thread runs
 int32_t upnp_filescan_started();
+// One pass over the shared folders on the caller's thread: the scanner
+// thread's own step, open to tests.
+void upnp_filescan_folder_pass();
 
 // Work hung on the scanner's once-a-second tick (housekeeping, plugins,
 // the transcode cache), registered at start; at most 8.
