@@ -137,7 +137,10 @@ static void scan_run(long n, const std::string& corpus, const std::string& work,
     if (out < 0 || dup2(out, STDOUT_FILENO) < 0 || chdir(work.c_str()) != 0 || !scan_write_ini(work, corpus))
         return;
     close(out);
-    if (!dapi_dms_init(DAPI_MODE_FULL, DAPI_FLAG_NO_SSDP | DAPI_FLAG_NO_SCANNER))
+    // SSDP off: discovery has no part in a scan, and nothing needs to leave
+    // the machine. A Document root, so that documents are stored too.
+    const uint32_t flags = DAPI_FLAG_NO_SSDP | DAPI_FLAG_DOCUMENT_ROOT;
+    if (!dapi_dms_init(DAPI_MODE_FULL, flags | DAPI_FLAG_NO_SCANNER))
         return;
     dapi_dms_terminate();
 
@@ -145,9 +148,7 @@ static void scan_run(long n, const std::string& corpus, const std::string& work,
     long rss0 = scan_rss_kib();
     int64_t account0 = db_object_get_used_mem() + db_string_pool_get_used_mem();
     scan_t0 = scan_now();
-    // SSDP off: discovery has no part in a scan, and nothing needs to leave
-    // the machine.
-    if (!dapi_dms_init(DAPI_MODE_FULL, DAPI_FLAG_NO_SSDP))
+    if (!dapi_dms_init(DAPI_MODE_FULL, flags))
         return;
     while (!scan_finished && scan_now() - scan_t0 < timeout_s)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
