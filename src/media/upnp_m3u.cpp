@@ -139,8 +139,10 @@ static int playlist_try(const char* root, const char* tail, char* out_path)
     char candidate[UPNP_PLAYLIST_PATH_MAX];
     int n = snprintf(candidate, sizeof candidate, "%s/%s", root, tail);
     upnp_file_info info;
-    // A cut path would name another file.
-    if (n < 0 || size_t(n) >= sizeof candidate || upnp_file_stat(candidate, &info) != 0)
+    // A cut path would name another file, and a folder is no entry: a
+    // tail of "." components would name the shared folder itself.
+    if (n < 0 || size_t(n) >= sizeof candidate || upnp_file_stat(candidate, &info) != 0 ||
+        info.mode & UPNP_FILE_MODE_DIR)
         return 0;
     char* full = upnp_file_fullpath(candidate);
     size_t length = full ? strlen(full) : 0;

@@ -35,9 +35,10 @@ void upnp_m3u_handler(const char* path, int compilation);
 // stands or beside its owner, only under a shared folder.
 int upnp_playlist_resolve_entry(const char* line, const char* owner, char* out_path, int* out_is_url);
 // Finds the line under root by its longest tail that names an existing
-// path, so that an entry written on another machine (D:\Music\Album\a.mp3)
-// is found as Album/a.mp3 or a.mp3. "\" counts as "/", a leading drive
-// "X:" and leading dots are dropped, and a tail with a ".." component is
-// never tried: the result always lies under root. 1 with the normalised
-// path in out_path (UPNP_PLAYLIST_PATH_MAX bytes), else 0.
+// file (not a folder), so that an entry written on another machine, such
+// as D:\Music\Album\a.mp3, is found as Album/a.mp3 or a.mp3. "\" counts
+// as "/", a leading drive "X:" and leading dots are dropped, and a tail
+// with a ".." component is never tried: the result always lies under
+// root. 1 with the normalised path in out_path (UPNP_PLAYLIST_PATH_MAX
+// bytes), else 0.
 int upnp_playlist_find_in_folder(const char* root, const char* line, char* out_path);

@@ -80,6 +80,7 @@ TEST_F(UpnpPlaylist, EntriesResolveUnderEnabledSharedFoldersByTheirLongestTailAn
         {"Album/../../secret.mp3", 0, 0, ""},
         {"o.mp3", 0, 0, ""},                            // in a folder that is not shared
         {"...", 0, 0, ""},
+        {"Album/.", 0, 0, ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
