@@ -6,11 +6,12 @@
 // family's reader, when it comes, takes its handler out of this file.
 // No state, no lock.
 #include "database/db_object.h"
+#include "database/db_tree.h"
 #include "media/upnp_filetype.h"
 
 #include <cstring>
 
-static constexpr uint32_t UNREAD_AUDIO = UPNP_PLAIN_MTIME;
+static constexpr uint32_t UNREAD_AUDIO = UPNP_PLAIN_MTIME;       // the MP4 family's videos keep it too
 // Video keeps no modification time, and an empty video file is no item.
 static constexpr uint32_t UNREAD_VIDEO = UPNP_PLAIN_NEEDS_DATA | UPNP_PLAIN_FOLDER_ART;
 
@@ -20,11 +21,24 @@ void upnp_mp3_handler(const char* path, int compilation)
                               UNREAD_AUDIO | UPNP_PLAIN_COMPILATION | UPNP_PLAIN_FOLDER_ART);
 }
 
-// Audio until the boxes say otherwise, in either class of folder.
+// The type of the row the scanner took. mp4 and 3gp stand in both
+// classes, and in an 'A' folder the music row comes first.
+static int32_t unread_mp4_type(const char* path)
+{
+    const char* dot = strrchr(path, '.');
+    const char* extension = dot ? dot + 1 : "";
+    if (!upnp_filetype_find(path, extension, 'M'))
+        return DB_OBJ_VIDEO;
+    if (!upnp_filetype_find(path, extension, 'V'))
+        return DB_OBJ_AUDIO;
+    return db_file_status(path, DB_OBJ_AUDIO) == DB_FILE_SHARED ? DB_OBJ_AUDIO : DB_OBJ_VIDEO;
+}
+
 void upnp_mp4_handler(const char* path, int compilation)
 {
-    upnp_filetype_store_plain(path, DB_OBJ_AUDIO, compilation,
-                              UNREAD_AUDIO | UPNP_PLAIN_COMPILATION | UPNP_PLAIN_FOLDER_ART);
+    if (path)
+        upnp_filetype_store_plain(path, unread_mp4_type(path), compilation,
+                                  UNREAD_AUDIO | UPNP_PLAIN_COMPILATION | UPNP_PLAIN_FOLDER_ART);
 }
 
 void upnp_wav_handler(const char* path, int compilation)

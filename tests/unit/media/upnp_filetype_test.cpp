@@ -1,3 +1,4 @@
+#include "config/upnp_ini.h"
 #include "media/upnp_filetype.h"
 #include "runtime/upnp_file.h"
 #include "support/test_support.h"
@@ -16,19 +17,14 @@ TEST(UpnpFiletype, ExtensionAndClassPickTheHandler)
     struct { const char* extension; char media_class; upnp_filetype_handler want; } cases[] = {
         {"MP3", 'A', upnp_mp3_handler},
         {"mp3", 'V', nullptr},
-        {"Mp3-Drm", 'M', upnp_mp3_handler},
         {"mp4", 'A', upnp_mp4_handler},
         {"mp4", 'V', upnp_mp4_handler},
-        {"3gp", 'M', upnp_mp4_handler},
         {"pdf", 'M', nullptr},
         {"PDF", 'T', upnp_document_handler},
         {"jpeg", 'P', upnp_jpeg_handler},
-        {"gif", 'A', upnp_image_handler},
         {"m3u", 'M', upnp_m3u_handler},
-        {"dvr-ms", 'V', upnp_video_handler},
         {"vdr", 'V', upnp_vdr_handler},
-        {"pls", 'A', nullptr},
-        {"mp", 'A', nullptr},
+        {"pls", 'A', nullptr},                       // read by no handler
         {"mp3x", 'A', nullptr},
         {"", 'A', nullptr},
     };
@@ -61,8 +57,10 @@ struct UpnpFiletypeStore : DbStoreTest {
 TEST_F(UpnpFiletypeStore, HandlersWithoutAReaderStoreWhatTheFileGivesUnopened)
 {
     ASSERT_EQ(mkdir(dir.file("Best Of").c_str(), 0700), 0);
-    for (const char* name : {"Best Of/a.mp3", "Best Of/Folder.jpg", "Best Of/b.wav", "Best Of/c.png", "d.pdf"})
+    for (const char* name : {"Best Of/a.mp3", "Best Of/Folder.jpg", "Best Of/b.wav", "Best Of/c.png", "d.pdf",
+                             "d.mov", "e.mp4"})
         ASSERT_TRUE(test_write_file(dir.file(name), "12345"));
+    upnp_ini_set(UPNP_OPT_CONTENTDIR, ("+M|" + dir.path).c_str());
     ASSERT_TRUE(test_write_file(dir.file("empty.avi"), ""));
     ASSERT_TRUE(test_write_file(dir.file("index.vdr"), "x"));
     timeval when[2] = {{1000000000, 0}, {1000000000, 0}};
@@ -80,6 +78,8 @@ TEST_F(UpnpFiletypeStore, HandlersWithoutAReaderStoreWhatTheFileGivesUnopened)
         {"Best Of/c.png", upnp_image_handler, 0, "13 c Best Of - 5 -1 -1-1 "},
         {"gone.png", upnp_image_handler, 0, "<none>"},
         {"empty.avi", upnp_video_handler, 0, "<none>"},
+        {"d.mov", upnp_mp4_handler, 0, "16 d - - 5 -1 "},
+        {"e.mp4", upnp_mp4_handler, 0, "14 e Unknown Unknown 5 -1 "},     // shared as music
         {"index.vdr", upnp_vdr_handler, 0, "<none>"},
     };
     for (const auto& c : cases) {
@@ -88,6 +88,7 @@ TEST_F(UpnpFiletypeStore, HandlersWithoutAReaderStoreWhatTheFileGivesUnopened)
         c.handler(path.c_str(), c.compilation);
         EXPECT_EQ(stored(path).substr(0, c.want.size()), c.want);
     }
+    upnp_ini_set(UPNP_OPT_CONTENTDIR, "");
 }
 
 }  // namespace
