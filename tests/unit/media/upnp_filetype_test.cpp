@@ -21,12 +21,9 @@ TEST(UpnpFiletype, ExtensionAndClassPickTheHandler)
         {"mp4", 'V', upnp_mp4_handler},
         {"pdf", 'M', nullptr},
         {"PDF", 'T', upnp_document_handler},
-        {"jpeg", 'P', upnp_jpeg_handler},
-        {"m3u", 'M', upnp_m3u_handler},
         {"vdr", 'V', upnp_vdr_handler},
         {"pls", 'A', nullptr},                       // read by no handler
         {"mp3x", 'A', nullptr},
-        {"", 'A', nullptr},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.extension) + " in " + c.media_class);
@@ -58,7 +55,7 @@ TEST_F(UpnpFiletypeStore, HandlersWithoutAReaderStoreWhatTheFileGivesUnopened)
 {
     ASSERT_EQ(mkdir(dir.file("Best Of").c_str(), 0700), 0);
     for (const char* name : {"Best Of/a.mp3", "Best Of/Folder.jpg", "Best Of/b.wav", "Best Of/c.png", "d.pdf",
-                             "d.mov", "e.mp4"})
+                             "d.mov", "e.mp4", "Best Of/e.jpg"})
         ASSERT_TRUE(test_write_file(dir.file(name), "12345"));
     upnp_ini_set(UPNP_OPT_CONTENTDIR, ("+M|" + dir.path).c_str());
     ASSERT_TRUE(test_write_file(dir.file("empty.avi"), ""));
@@ -77,6 +74,7 @@ TEST_F(UpnpFiletypeStore, HandlersWithoutAReaderStoreWhatTheFileGivesUnopened)
         {"Best Of/b.wav", upnp_wav_handler, 1, "14 b Unknown Various 5 1 11 "},
         {"Best Of/c.png", upnp_image_handler, 0, "13 c Best Of - 5 -1 -1-1 "},
         {"gone.png", upnp_image_handler, 0, "<none>"},
+        {"Best Of/e.jpg", upnp_jpeg_handler, 0, "13 e Best Of - 5 -1 -1-1 "},    // no EXIF, no frame
         {"empty.avi", upnp_video_handler, 0, "<none>"},
         {"d.mov", upnp_mp4_handler, 0, "16 d - - 5 -1 "},
         {"e.mp4", upnp_mp4_handler, 0, "14 e Unknown Unknown 5 -1 "},     // shared as music
