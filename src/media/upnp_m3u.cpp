@@ -62,8 +62,9 @@ static void m3u_header(m3u_writer* w, std::string_view first)
     bool radio = first.find("http://") != std::string_view::npos;
     char* title = upnp_title_from_path(w->path);
     char* name = upnp_string_latin1_to_utf8(title);
-    w->out = upnp_string_appendf(w->out, radio ? "#RADIO-STATIONS\n#NAME:%s\n#FILE:%s\n" : "#PLAYLIST\n#NAME:%s\n#FILE:%s\n",
-                                 name ? name : radio ? "-Favourites-" : "Unknown", w->path);
+    const char* shown = name ? name : radio ? "-Favourites-" : "Unknown";
+    w->out = radio ? upnp_string_appendf(w->out, "#RADIO-STATIONS\n#NAME:%s\n#FILE:%s\n", shown, w->path)
+                   : upnp_string_appendf(w->out, "#PLAYLIST\n#NAME:%s\n#FILE:%s\n", shown, w->path);
     free(name);
     free(title);
     w->headed = true;

@@ -11,7 +11,7 @@
 
 #include <cstring>
 
-static constexpr uint32_t UNREAD_AUDIO = UPNP_PLAIN_MTIME;       // the MP4 family's videos keep it too
+static constexpr uint32_t UNREAD_AUDIO = UPNP_PLAIN_MTIME;
 // Video keeps no modification time, and an empty video file is no item.
 static constexpr uint32_t UNREAD_VIDEO = UPNP_PLAIN_NEEDS_DATA | UPNP_PLAIN_FOLDER_ART;
 
@@ -34,6 +34,7 @@ static int32_t unread_mp4_type(const char* path)
     return db_file_status(path, DB_OBJ_AUDIO) == DB_FILE_SHARED ? DB_OBJ_AUDIO : DB_OBJ_VIDEO;
 }
 
+// Videos of the MP4 family keep their modification time, unlike others.
 void upnp_mp4_handler(const char* path, int compilation)
 {
     if (path)
