@@ -61,7 +61,10 @@ static void m3u_header(m3u_writer* w, std::string_view first)
 {
     bool radio = first.find("http://") != std::string_view::npos;
     char* title = upnp_title_from_path(w->path);
-    char* name = upnp_string_latin1_to_utf8(title);
+    // File names are UTF-8 here; playlists written elsewhere may hold
+    // Latin-1 titles. Valid UTF-8 is kept and any other byte is read as
+    // Latin-1, so both come out right.
+    char* name = upnp_string_clean_utf8(title);
     const char* shown = name ? name : radio ? "-Favourites-" : "Unknown";
     w->out = radio ? upnp_string_appendf(w->out, "#RADIO-STATIONS\n#NAME:%s\n#FILE:%s\n", shown, w->path)
                    : upnp_string_appendf(w->out, "#PLAYLIST\n#NAME:%s\n#FILE:%s\n", shown, w->path);
@@ -87,7 +90,7 @@ static void m3u_entry(m3u_writer* w, std::string_view line)
     if (!w->headed)
         m3u_header(w, line);
     if (!w->title.empty())
-        m3u_append_owned(w, upnp_string_latin1_to_utf8(w->title.c_str()));
+        m3u_append_owned(w, upnp_string_clean_utf8(w->title.c_str()));
     w->title.clear();
     if (line.empty())
         return;
