@@ -907,14 +907,28 @@ static int file_is_import(const upnp_dir* w, const char* marker)
     return !w->is_dir && strstr(w->name, marker) != nullptr;
 }
 
+static void file_drop_playlists(const char* dir)
+{
+    for (upnp_dir* w = upnp_dir_open(dir); w; w = upnp_dir_next(w)) {
+        if (!file_is_import(w, ".import.playlists"))
+            continue;
+        upnp_log(UPNP_LOG_INFO, UPNP_LOG_DB, "no playlist reader, dropped %s\n", w->path);
+        upnp_file_delete(w->path);
+    }
+}
+
 static void file_import_playlists(const char* dir, db_file_run_flag running)
 {
     db_playlist_import_fn import = file_playlist_import.load();
     char* name = db_file_path_of(DB_FILE_PLAYLISTS);
     upnp_file* playlists = import && name ? upnp_file_open_write(name) : nullptr;
     free(name);
-    if (!playlists)
+    if (!playlists) {
+        // Every pass writes the lists afresh, so with nobody to read them
+        // they are dropped rather than left to pile up.
+        file_drop_playlists(dir);
         return;
+    }
     upnp_file_seek(playlists, 0, 2);
     for (upnp_dir* w = upnp_dir_open(dir); w; w = upnp_dir_next(w)) {
         if (running && !running()) {

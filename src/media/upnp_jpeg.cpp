@@ -1,8 +1,10 @@
 // upnp_jpeg.cpp: the frame size and the EXIF fields of a JPEG, and the
-// list the picture handler stores. Owns no globals and no lock: the words
-// that gate the EXIF passes (exif_ifd_seen and its two siblings) live in
-// one reading's state, because a reading may run on the scanner and on an
-// HTTP thread at once, and one file's pointer must not start another's pass.
+// two picture handlers: JPEG files with what their head tells, other
+// pictures with what their attributes tell, unopened. Owns no globals and
+// no lock: the words that gate the EXIF passes (exif_ifd_seen and its two
+// siblings) live in one reading's state, because a reading may run on the
+// scanner and on an HTTP thread at once, and one file's pointer must not
+// start another's pass.
 //
 // Order of work: the file shell reads a head of the file, growing it only
 // while the marker walk runs off its end, and hands the bytes to the core.
@@ -21,7 +23,9 @@
 #include "media/upnp_jpeg.h"
 
 #include "database/db_object.h"
+#include "database/db_record.h"
 #include "media/media_cursor.h"
+#include "media/upnp_filetype.h"
 #include "runtime/upnp_file.h"
 #include "runtime/upnp_log.h"
 #include "runtime/upnp_string.h"
@@ -32,7 +36,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <string_view>
 #include <vector>
 
 static constexpr uint32_t EXIF_BLOCK_MAX = 1048576;
@@ -457,26 +460,14 @@ void upnp_exif_info_free(upnp_exif_info* info)
     *info = upnp_exif_info{};
 }
 
-// ---------------------------------------------------------------- handler list
-
-// The folder that holds the file: the text between the last two
-// separators; null for a path with fewer than two.
-static char* jpeg_folder_name(const char* path)
-{
-    std::string_view p(path);
-    size_t last = p.rfind('/');
-    if (last == std::string_view::npos || last == 0)
-        return nullptr;
-    size_t before = p.rfind('/', last - 1);
-    return before == std::string_view::npos ? nullptr : strndup(path + before + 1, last - before - 1);
-}
+// ---------------------------------------------------------------- handlers
 
 db_meta_list* upnp_jpeg_meta_list(const char* path, const upnp_exif_info* info)
 {
     if (!path || !info)
         return nullptr;
     char* title = upnp_title_from_path(path);
-    char* album = jpeg_folder_name(path);
+    char* album = upnp_filetype_folder_name(path);
     char size[24], resolution[32], orientation[16], mtime[16], type[8];
     snprintf(size, sizeof size, "%" PRId64, info->file_size);
     snprintf(resolution, sizeof resolution, "%" PRId32 "x%" PRId32, int32_t(info->width), int32_t(info->height));
@@ -505,4 +496,52 @@ db_meta_list* upnp_jpeg_meta_list(const char* path, const upnp_exif_info* info)
     free(title);
     free(album);
     return list;
+}
+
+static void jpeg_move(char** out, char** text)
+{
+    if (out) {
+        *out = *text;
+        *text = nullptr;
+    }
+}
+
+int upnp_jpeg_read_info(const char* path, int64_t* size, uint32_t* width, uint32_t* height, uint32_t* thumb_offset,
+                        uint32_t* thumb_size, uint32_t* thumb_width, uint32_t* thumb_height, uint32_t* orientation,
+                        char** date, uint32_t* mtime, char** description)
+{
+    upnp_exif_info info;
+    int read = upnp_exif_read(path, &info);
+    const struct { uint32_t* out; uint32_t value; } numbers[] = {
+        {width, info.width}, {height, info.height}, {orientation, info.orientation}, {mtime, info.mtime},
+        {thumb_offset, 0}, {thumb_size, 0}, {thumb_width, 0}, {thumb_height, 0},
+    };
+    for (const auto& n : numbers)
+        if (n.out)
+            *n.out = n.value;
+    if (size)
+        *size = info.file_size;
+    jpeg_move(date, &info.date_original);
+    jpeg_move(description, &info.description);
+    upnp_exif_info_free(&info);
+    return read;
+}
+
+// A picture whose attributes cannot be read is stored all the same, with
+// what its path gives.
+void upnp_jpeg_handler(const char* path, int)
+{
+    upnp_exif_info info;
+    upnp_exif_read(path, &info);
+    db_meta_list* list = upnp_jpeg_meta_list(path, &info);
+    if (list)
+        db_scan_submit(list);
+    db_meta_list_free(list);
+    upnp_exif_info_free(&info);
+}
+
+// Other pictures are not opened, so they have no resolution.
+void upnp_image_handler(const char* path, int)
+{
+    upnp_filetype_store_plain(path, DB_OBJ_PHOTO, 0, UPNP_PLAIN_MTIME | UPNP_PLAIN_ALBUM | UPNP_PLAIN_NEEDS_FILE);
 }

@@ -44,3 +44,15 @@ void upnp_exif_info_free(upnp_exif_info* info);
 // What the JPEG handler submits for path: a new list the caller frees, or
 // null when no memory.
 db_meta_list* upnp_jpeg_meta_list(const char* path, const upnp_exif_info* info);
+
+// The fields of one reading in the caller's variables (null ones are
+// skipped); date and description are new texts the caller frees. The four
+// thumbnail outputs are always 0: covers are never taken from a picture.
+// The date is the EXIF one from 1931 on, else the creation date, also when
+// the reading stopped early; null only when the attributes could not be
+// read, and then the result is 0, else 1.
+int upnp_jpeg_read_info(const char* path, int64_t* size, uint32_t* width, uint32_t* height, uint32_t* thumb_offset,
+                        uint32_t* thumb_size, uint32_t* thumb_width, uint32_t* thumb_height, uint32_t* orientation,
+                        char** date, uint32_t* mtime, char** description);
+// upnp_jpeg_handler and upnp_image_handler, the table's picture handlers,
+// are declared in media/upnp_filetype.h.

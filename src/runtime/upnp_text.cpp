@@ -400,9 +400,9 @@ char* upnp_title_from_path(const char* path)
     if (!path)
         return nullptr;
     const char* name = path;
-    for (const char* p = path; *p; p++)
-        if (*p == '/' || *p == '\\')
-            name = p + 1;
+    // A backslash is a legal byte in a Linux file name, not a separator.
+    if (const char* slash = strrchr(path, '/'))
+        name = slash + 1;
     const char* dot = strrchr(name, '.');
     size_t n = dot ? size_t(dot - name) : strlen(name);
     if (n == 0)

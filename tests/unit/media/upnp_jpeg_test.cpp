@@ -199,4 +199,23 @@ TEST(UpnpJpeg, HandlerListCarriesThePictureKeys)
     EXPECT_EQ(keys, want);
 }
 
+TEST(UpnpJpeg, ReadInfoHandsOverOneReadingAndNeverAThumbnail)
+{
+    test_dir dir;
+    ASSERT_TRUE(test_write_file(dir.file("a.jpg"), jpeg(tiff({{{270, 2, 2, 0x78000000}, {274, 3, 1, 6u << 16}}}))));
+    int64_t size = -1;
+    uint32_t n[8] = {9, 9, 9, 9, 9, 9, 9, 9};      // width, height, 4 thumbnail outputs, orientation, mtime
+    char *date = nullptr, *description = nullptr;
+    auto read = [&](const char* name) {
+        return upnp_jpeg_read_info(dir.file(name).c_str(), &size, &n[0], &n[1], &n[2], &n[3], &n[4], &n[5], &n[6],
+                                   &date, &n[7], &description);
+    };
+    EXPECT_EQ(read("a.jpg"), 1);
+    EXPECT_EQ(std::vector<uint32_t>(n, n + 7), std::vector<uint32_t>({640, 480, 0, 0, 0, 0, 6}));
+    EXPECT_EQ(std::string(description ? description : "-") + " " + std::to_string(strlen(date)), "x 10");
+    free(date);
+    free(description);
+    EXPECT_EQ(read("gone.jpg") * 10 + (date != nullptr), 0);
+}
+
 }  // namespace

@@ -133,7 +133,7 @@ TEST(UpnpText, Base64AndPathTitlesTakeTheirFixedForms)
         {upnp_base64_encode, "ab", "YWI"}, {upnp_base64_encode, "Aladdin:open sesame", "QWxhZGRpbjpvcGVuIHNlc2FtZQ=="},
         {upnp_base64_encode, "\xFF\x80", "/4A"}, {upnp_base64_encode, "", ""}, {upnp_base64_encode, nullptr, "<null>"},
         // A title from a path is the name without its extension.
-        {upnp_title_from_path, "C:\\Music\\song.mp3", "song"}, {upnp_title_from_path, "/srv/a.b/track.flac", "track"},
+        {upnp_title_from_path, "/m/C:\\Music\\song.mp3", "C:\\Music\\song"}, {upnp_title_from_path, "/srv/a.b/track.flac", "track"},
         {upnp_title_from_path, "dir\\sub/x.y.z", "x.y"}, {upnp_title_from_path, "/music/.mp3", "No Title"},
         {upnp_title_from_path, "noext", "noext"}, {upnp_title_from_path, nullptr, "<null>"},
     };
