@@ -264,7 +264,9 @@ def make_music(rng, out, count, base):
                     data = mp3_file(base["mp3"], tags, 3 + (track & 1))
                 else:
                     data = m4a_file(base["m4a_head"], base["m4a_moov"], tags)
-                mtime = stamp(year, rng.randint(1, 12), rng.randint(1, 28))
+                # Old records were ripped long after they came out: a file
+                # time before 1970 would mark the file as damaged.
+                mtime = stamp(max(year, 1995), rng.randint(1, 12), rng.randint(1, 28))
                 write(os.path.join(folder, name), data, mtime)
                 files.append((os.path.join(artist, album, name), tags))
             albums.append((folder, files))

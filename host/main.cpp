@@ -291,6 +291,9 @@ static void host_on_scan(const char* text)
                    admitted, seconds, rate);
 }
 
+// A scan admits files by the thousand; one line each only when asked for.
+static bool host_verbose;
+
 // Runs on the library's threads, which wait for it: short, one line.
 static int32_t host_on_event(int32_t code, const char* text)
 {
@@ -298,6 +301,8 @@ static int32_t host_on_event(int32_t code, const char* text)
         host_on_scan(text);
         return 0;
     }
+    if (code == DAPI_EVENT_FILE_ADDED && !host_verbose)
+        return 0;
     const char* name = "event";
     for (const host_event_name& e : host_event_names)
         if (e.code == code)
@@ -383,6 +388,7 @@ int main(int argc, char** argv)
     sigaddset(&stop, SIGINT);
     sigaddset(&stop, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+    host_verbose = o.verbose;
     if (!o.verbose)
         host_quiet_library(workdir);
 

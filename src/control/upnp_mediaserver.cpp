@@ -17,6 +17,7 @@
 #include "config/upnp_ini.h"
 #include "database/db_file.h"
 #include "database/db_object.h"
+#include "database/db_tree.h"
 #include "http/http_client.h"
 #include "http/http_server.h"
 #include "media/upnp_albumart.h"
@@ -501,6 +502,7 @@ static void upnp_mediaserver_register()
     db_create();
     upnp_client_db_load();
     db_file_open();
+    db_build_root();
 }
 
 static void upnp_mediaserver_release()

@@ -10,6 +10,11 @@ enum db_file_state : int32_t {
     DB_FILE_URL = 4,                // an "http://" or "ftp://" address
 };
 
+// The fixed top of the tree, flat or full as the switches say, with the
+// Document root when it is on. Run once after db_create, with the database
+// file open.
+void db_build_root();
+
 // How the file at path stands for an object of the given type: the
 // longest shared folder of a fitting kind that holds it decides; with none,
 // files in dbdir and in the upload folder count as shared.

@@ -22,7 +22,8 @@ void upnp_mp3_handler(const char* path, int compilation)
 }
 
 // The type of the row the scanner took. mp4 and 3gp stand in both
-// classes, and in an 'A' folder the music row comes first.
+// classes; unread, such a file is taken for music only in a music folder,
+// since most of them outside one are films.
 static int32_t unread_mp4_type(const char* path)
 {
     const char* dot = strrchr(path, '.');
@@ -31,7 +32,7 @@ static int32_t unread_mp4_type(const char* path)
         return DB_OBJ_VIDEO;
     if (!upnp_filetype_find(path, extension, 'V'))
         return DB_OBJ_AUDIO;
-    return db_file_status(path, DB_OBJ_AUDIO) == DB_FILE_SHARED ? DB_OBJ_AUDIO : DB_OBJ_VIDEO;
+    return db_file_status(path, DB_OBJ_VIDEO) == DB_FILE_SHARED ? DB_OBJ_VIDEO : DB_OBJ_AUDIO;
 }
 
 // Videos of the MP4 family keep their modification time, unlike others.
