@@ -7,7 +7,8 @@
 //
 // Printed per run: files seen per second of the pass, the time from the
 // start call to the last file admitted, resident memory growth (VmRSS) per
-// stored item beside the store's own account per item, and the pass's
+// stored item beside the store's own account per item (records, texts
+// and the path index), and the pass's
 // counts; then, from one size to the next, the factor by which each figure
 // grew.
 //
@@ -24,6 +25,7 @@
 //   is bounded by SECONDS (default 60 + N / 50).
 #include <velmora/dapi_dms.h>
 
+#include "database/db_id.h"
 #include "database/db_object.h"
 
 #include <arpa/inet.h>
@@ -146,7 +148,7 @@ static void scan_run(long n, const std::string& corpus, const std::string& work,
 
     dapi_dms_register_callback(scan_on_event);
     long rss0 = scan_rss_kib();
-    int64_t account0 = db_object_get_used_mem() + db_string_pool_get_used_mem();
+    int64_t account0 = db_object_get_used_mem() + db_string_pool_get_used_mem() + db_path_index_bytes();
     scan_t0 = scan_now();
     if (!dapi_dms_init(DAPI_MODE_FULL, flags))
         return;
@@ -164,7 +166,7 @@ static void scan_run(long n, const std::string& corpus, const std::string& work,
         long per = r->stored > 0 ? r->stored : r->admitted > 0 ? long(r->admitted) : 1;
         r->rss_per_item = double(scan_rss_kib() - rss0) * 1024.0 / double(per);
         r->account_per_item =
-            double(db_object_get_used_mem() + db_string_pool_get_used_mem() - account0) / double(per);
+            double(db_object_get_used_mem() + db_string_pool_get_used_mem() + db_path_index_bytes() - account0) / double(per);
     }
     dapi_dms_register_callback(nullptr);
     dapi_dms_terminate();

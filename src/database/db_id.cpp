@@ -376,6 +376,12 @@ void db_path_index_free()
     path_count = 0;
 }
 
+int64_t db_path_index_bytes()
+{
+    db_lock_guard hold;
+    return int64_t(path_slots.capacity() * sizeof(path_pair));
+}
+
 int32_t db_path_index_count()
 {
     return path_count;

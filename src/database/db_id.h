@@ -60,6 +60,7 @@ uint32_t db_path_hash(const char* path);
 void db_path_index_add(uint32_t block, const char* path);
 void db_path_index_free();                           // when the database files close
 int32_t db_path_index_count();
+int64_t db_path_index_bytes();      // memory of the index, beside the records and the pool
 // The id word of the item whose record holds exactly this path, through
 // the index; 0 for none.
 uint32_t upnp_cds_db_file_get_id_by_res(const char* path);
