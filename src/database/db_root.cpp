@@ -11,9 +11,9 @@
 
 // A row of the top: the slot (and the "All" slot it also fills, if any),
 // its parent's slot, the option that may name it, the title without one.
-// Rows with a node option exist only when that option has a first element,
-// which is their title. A sequence of 0 under a parent takes the type's
-// counter.
+// A sequence of 0 takes the type's counter. A row with nodes stands for one
+// container per node option that has a first element, which is its title,
+// at consecutive sequence numbers.
 struct root_row {
     db_object** slot;
     db_object** also;
@@ -22,9 +22,20 @@ struct root_row {
     const char* fallback;
     int32_t type;
     uint32_t sequence;
+    const int32_t* nodes = nullptr;
+    uint32_t node_count = 0;
 };
 
-static constexpr int32_t ROOT_NODE = -1;     // the option is a node list
+static const int32_t root_music_nodes[] = {
+    UPNP_OPT_MUSICNODE1, UPNP_OPT_MUSICNODE2, UPNP_OPT_MUSICNODE3, UPNP_OPT_MUSICNODE4, UPNP_OPT_MUSICNODE5,
+    UPNP_OPT_MUSICNODE6, UPNP_OPT_MUSICNODE7, UPNP_OPT_MUSICNODE8, UPNP_OPT_MUSICNODE9, UPNP_OPT_MUSICNODE10,
+};
+static const int32_t root_picture_nodes[] = {
+    UPNP_OPT_PICTURENODE1, UPNP_OPT_PICTURENODE2, UPNP_OPT_PICTURENODE3, UPNP_OPT_PICTURENODE4, UPNP_OPT_PICTURENODE5,
+};
+static const int32_t root_video_nodes[] = {
+    UPNP_OPT_VIDEONODE1, UPNP_OPT_VIDEONODE2, UPNP_OPT_VIDEONODE3, UPNP_OPT_VIDEONODE4, UPNP_OPT_VIDEONODE5,
+};
 
 static const root_row root_full[] = {
     {&db_music_root, nullptr, &db_root, UPNP_OPT_ROOTMUSIC, "Music", 0, 1},
@@ -32,30 +43,13 @@ static const root_row root_full[] = {
     {&db_most_played, nullptr, &db_playlist_root, UPNP_OPT_PLAYLISTMOSTPLAYED, "Most Played", 1, 0},
     {&db_last_played, nullptr, &db_playlist_root, UPNP_OPT_PLAYLISTLASTPLAYED, "Last Played", 1, 0},
     {&db_all_music, nullptr, &db_music_root, UPNP_OPT_ALLTRACKS, "All Music", 2, 10},
-    {nullptr, nullptr, &db_music_root, UPNP_OPT_MUSICNODE1, nullptr, 0, 12},
-    {nullptr, nullptr, &db_music_root, UPNP_OPT_MUSICNODE2, nullptr, 0, 13},
-    {nullptr, nullptr, &db_music_root, UPNP_OPT_MUSICNODE3, nullptr, 0, 14},
-    {nullptr, nullptr, &db_music_root, UPNP_OPT_MUSICNODE4, nullptr, 0, 15},
-    {nullptr, nullptr, &db_music_root, UPNP_OPT_MUSICNODE5, nullptr, 0, 16},
-    {nullptr, nullptr, &db_music_root, UPNP_OPT_MUSICNODE6, nullptr, 0, 17},
-    {nullptr, nullptr, &db_music_root, UPNP_OPT_MUSICNODE7, nullptr, 0, 18},
-    {nullptr, nullptr, &db_music_root, UPNP_OPT_MUSICNODE8, nullptr, 0, 19},
-    {nullptr, nullptr, &db_music_root, UPNP_OPT_MUSICNODE9, nullptr, 0, 20},
-    {nullptr, nullptr, &db_music_root, UPNP_OPT_MUSICNODE10, nullptr, 0, 21},
+    {nullptr, nullptr, &db_music_root, 0, nullptr, 0, 12, root_music_nodes, 10},
     {&db_picture_root, nullptr, &db_root, UPNP_OPT_ROOTPICTURE, "Picture", 0, 2},
     {&db_all_pictures, nullptr, &db_picture_root, UPNP_OPT_ALLPICTURES, "All Picture", 7, 30},
-    {nullptr, nullptr, &db_picture_root, UPNP_OPT_PICTURENODE1, nullptr, 7, 31},
-    {nullptr, nullptr, &db_picture_root, UPNP_OPT_PICTURENODE2, nullptr, 7, 32},
-    {nullptr, nullptr, &db_picture_root, UPNP_OPT_PICTURENODE3, nullptr, 7, 33},
-    {nullptr, nullptr, &db_picture_root, UPNP_OPT_PICTURENODE4, nullptr, 7, 34},
-    {nullptr, nullptr, &db_picture_root, UPNP_OPT_PICTURENODE5, nullptr, 7, 35},
+    {nullptr, nullptr, &db_picture_root, 0, nullptr, 7, 31, root_picture_nodes, 5},
     {&db_video_root, nullptr, &db_root, UPNP_OPT_ROOTVIDEO, "Video", 0, 3},
     {&db_all_video, nullptr, &db_video_root, UPNP_OPT_ALLVIDEOS, "All Video", 4, 50},
-    {nullptr, nullptr, &db_video_root, UPNP_OPT_VIDEONODE1, nullptr, 0, 51},
-    {nullptr, nullptr, &db_video_root, UPNP_OPT_VIDEONODE2, nullptr, 0, 52},
-    {nullptr, nullptr, &db_video_root, UPNP_OPT_VIDEONODE3, nullptr, 0, 53},
-    {nullptr, nullptr, &db_video_root, UPNP_OPT_VIDEONODE4, nullptr, 0, 54},
-    {nullptr, nullptr, &db_video_root, UPNP_OPT_VIDEONODE5, nullptr, 0, 55},
+    {nullptr, nullptr, &db_video_root, 0, nullptr, 0, 51, root_video_nodes, 5},
 };
 
 static const root_row root_flat[] = {
@@ -67,28 +61,30 @@ static const root_row root_flat[] = {
 static const root_row root_document = {&db_document_root, &db_all_documents, &db_root, UPNP_OPT_ALLDOCUMENT,
                                        "Document", 5, 57};
 
-static bool root_is_node(const root_row& row)
+static db_object* root_container(db_object* parent, int32_t type, uint32_t sequence, const char* title)
 {
-    return !row.fallback;
+    uint32_t id = sequence ? uint32_t(type) << DB_ID_TYPE_SHIFT | sequence : db_next_id(type);
+    db_object* c = parent ? db_container_new(id, title, 1) : nullptr;
+    if (c)
+        db_container_add_child(parent, c);
+    return c;
 }
 
 static void root_add(const root_row& row)
 {
-    const char* title = root_is_node(row) ? upnp_ini_get_item(row.option, 0) : upnp_ini_get_string(row.option);
-    if (root_is_node(row) && (!title || !*title))
+    for (uint32_t i = 0; i < row.node_count; i++) {
+        const char* title = upnp_ini_get_item(row.nodes[i], 0);
+        if (title && *title)
+            root_container(*row.parent, row.type, row.sequence + i, title);
+    }
+    if (row.nodes)
         return;
-    if (!title || !*title)
-        title = row.fallback;
     bool played = row.slot == &db_most_played || row.slot == &db_last_played;
     if (played && upnp_ini_get_int(UPNP_OPT_PLAYLISTNUMENTRIES) == 0)
         return;
-    uint32_t id = row.sequence ? uint32_t(row.type) << DB_ID_TYPE_SHIFT | row.sequence : db_next_id(row.type);
-    db_object* c = db_container_new(id, title, 1);
-    if (!c || !*row.parent)
-        return;
-    db_container_add_child(*row.parent, c);
-    if (row.slot)
-        *row.slot = c;
+    const char* title = upnp_ini_get_string(row.option);
+    db_object* c = root_container(*row.parent, row.type, row.sequence, title && *title ? title : row.fallback);
+    *row.slot = c;
     if (row.also)
         *row.also = c;
 }
