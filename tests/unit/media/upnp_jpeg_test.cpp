@@ -7,7 +7,6 @@
 #include <cstring>
 #include <map>
 #include <string>
-#include <tuple>
 #include <vector>
 
 namespace {
@@ -68,9 +67,7 @@ TEST(UpnpJpeg, FrameSizeComesOnlyFromStartOfFrameMarkers)
         {"baseline", "\xFF\xD8" + segment(0xFE, "hi") + frame(0xC0, 640, 480), 0, 640, 480},
         {"progressive", "\xFF\xD8" + frame(0xC2, 3, 2), 0, 3, 2},
         {"tables carry no size", "\xFF\xD8" + frame(0xC4, 3, 2), 1, 0, 0},
-        {"cut in the frame", ("\xFF\xD8" + frame(0xC0, 3, 2)).substr(0, 8), 1, 0, 0},
         {"no SOI", "\xFF\xD9" + frame(0xC0, 3, 2), -1, 0, 0},
-        {"marker 0", std::string("\xFF\xD8\xFF\x00", 4) + frame(0xC0, 3, 2), -1, 0, 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -90,12 +87,8 @@ TEST(UpnpJpeg, EachTakenTagReachesItsField)
         {{274, 3, 1, 6u << 16}, false, &I::orientation, 6, nullptr, nullptr},
         {{274, 3, 1, 6}, true, &I::orientation, 0, nullptr, nullptr},    // shifted out of a little-endian word
         {{282, 5, 1, tail}, false, &I::x_resolution, 72, nullptr, nullptr},
-        {{283, 10, 1, tail}, false, &I::y_resolution, 72, nullptr, nullptr},
-        {{513, 4, 1, 20}, false, &I::thumbnail_offset, 20, nullptr, nullptr},
         {{514, 4, 1, 9}, true, &I::thumbnail_size, 9, nullptr, nullptr},
         {{40962, 4, 1, 800}, false, &I::width, 640, nullptr, nullptr},      // the frame came first
-        {{40963, 3, 2, 7}, false, &I::height, 480, nullptr, nullptr},
-        {{270, 2, 3, 0x61620000}, false, nullptr, 0, &I::description, "ab"},
         {{305, 2, 4, 0x61626300}, false, nullptr, 0, &I::software, "abc"},
         {{306, 7, 8, tail + 8}, false, nullptr, 0, &I::date_time, "ASCII"},
         {{36867, 2, 3, 0x61620000}, false, nullptr, 0, &I::date_original, "ab"},
@@ -116,10 +109,8 @@ TEST(UpnpJpeg, DateTextsBeforeNineteenThirtyOneGiveTheCreationDate)
 {
     struct { const char* original; const char* date_time; const char* want; } cases[] = {
         {"2005:03:04 12:00:00", "2001:01:01 00:00:00", "2005-03-04"},
-        {nullptr, "2005:03:04 12:00:00", "2005-03-04"},
         {"1930:03:04 12:00:00", "1999:12:31 00:00:00", "1999-12-31"},
         {"1930:03:04 12:00:00", nullptr, "2009-02-13"},
-        {nullptr, nullptr, "2009-02-13"},
     };
     for (const auto& c : cases) {
         upnp_exif_info info = {};
@@ -138,11 +129,10 @@ TEST(UpnpJpeg, ExifIsFoundBehindOneSegmentOnly)
     upnp_exif_info two = parse(jpeg(block, segment(0xE0, "JFIF") + segment(0xFE, "c")));
     EXPECT_STREQ(one.description, "x");
     EXPECT_EQ(two.description, nullptr);
-    EXPECT_EQ(two.width * 10000 + two.height, 640u * 10000 + 480);
     upnp_exif_info_free(&one);
 }
 
-TEST(UpnpJpeg, ChainThatLoopsBackIsReadOnce)
+TEST(UpnpJpeg, ChainIsReadOnceAndNeverDeeperThanThirtyTwoIfds)
 {
     // Read once more from the IFD behind, the bytes at 16 would pass for
     // an IFD holding tag 36867 with text at 32.
@@ -151,58 +141,39 @@ TEST(UpnpJpeg, ChainThatLoopsBackIsReadOnce)
     upnp_exif_info info = parse(jpeg(block));
     EXPECT_EQ(info.date_original, nullptr);
     upnp_exif_info_free(&info);
-}
-
-TEST(UpnpJpeg, ChainStopsAfterThirtyTwoIfds)
-{
+    // Of forty IFDs, the thirty-second is read and the one after it not.
     std::vector<std::vector<entry>> ifds(40, {{1, 4, 1, 1}});
     ifds[0] = {exif_pointer};
     ifds[31] = {{40963, 4, 1, 31}};
     ifds[32] = {{40962, 4, 1, 32}};
-    std::string file = "\xFF\xD8" + segment(0xE1, std::string("Exif\0\0", 6) + tiff(ifds));
-    upnp_exif_info info = parse(file);
-    EXPECT_EQ(info.height, 31u);
-    EXPECT_EQ(info.width, 0u);
-}
-
-TEST(UpnpJpeg, FileReadingFindsAFrameBehindLargeSegments)
-{
-    test_dir dir;
-    std::string big;
-    for (int i = 0; i < 5; i++)
-        big += segment(0xE2, std::string(60000, 'x'));
-    std::string file = jpeg(tiff({{{270, 2, 2, 0x78000000}}}), "", big);
-    ASSERT_TRUE(test_write_file(dir.file("a.jpg"), file));
-    upnp_exif_info info;
-    ASSERT_EQ(upnp_exif_read(dir.file("a.jpg").c_str(), &info), 1);
-    EXPECT_EQ(std::tie(info.file_size, info.width, info.height), std::make_tuple(int64_t(file.size()), 640u, 480u));
-    EXPECT_STREQ(info.description, "x");
-    EXPECT_EQ(strlen(info.date_original), 10u);
-    upnp_exif_info_free(&info);
+    info = parse("\xFF\xD8" + segment(0xE1, std::string("Exif\0\0", 6) + tiff(ifds)));
+    EXPECT_EQ(info.width * 10000 + info.height, 31u);
 }
 
 TEST(UpnpJpeg, HandlerListCarriesThePictureKeys)
 {
-    upnp_exif_info info = {640, 480, 6, 0, 0, 0, 0, 12345, 1000, nullptr, strdup("2005-03-04"), nullptr, nullptr,
-                           nullptr};
+    char date[] = "2005-03-04";
+    const upnp_exif_info info = {640, 480, 6, 0, 0, 0, 0, 12345, 1000, nullptr, date, nullptr, nullptr, nullptr};
     std::map<int, std::string> keys;
     db_meta_list* list = upnp_jpeg_meta_list("/pics/Trip/beach.jpg", &info);
     for (db_meta_list* n = list; n; n = n->next)
         keys[n->key] = n->value;
     db_meta_list_free(list);
-    upnp_exif_info_free(&info);
-    const std::map<int, std::string> want = {
+    EXPECT_EQ(keys, (std::map<int, std::string>{
         {DBK_TITLE, "beach"}, {DBK_ALBUM, "Trip"}, {DBK_SIZE_TEXT, "12345"}, {DBK_RESOLUTION, "640x480"},
         {DBK_IMAGE_VALUE, "6"}, {DBK_DATE, "2005-03-04"}, {DBK_MTIME, "1000"}, {DBK_TYPE, "13"},
-        {DBK_PATH, "/pics/Trip/beach.jpg"}, {DBK_SOURCE_KIND, "d"},
-    };
-    EXPECT_EQ(keys, want);
+        {DBK_PATH, "/pics/Trip/beach.jpg"}, {DBK_SOURCE_KIND, "d"}}));
 }
 
-TEST(UpnpJpeg, ReadInfoHandsOverOneReadingAndNeverAThumbnail)
+// The frame lies past the first head read, so the head must grow to it.
+TEST(UpnpJpeg, ReadInfoFindsAFrameBehindLargeSegmentsAndNeverHandsOverAThumbnail)
 {
     test_dir dir;
-    ASSERT_TRUE(test_write_file(dir.file("a.jpg"), jpeg(tiff({{{270, 2, 2, 0x78000000}, {274, 3, 1, 6u << 16}}}))));
+    std::string big;
+    for (int i = 0; i < 5; i++)
+        big += segment(0xE2, std::string(60000, 'x'));
+    const std::string file = jpeg(tiff({{{270, 2, 2, 0x78000000}, {274, 3, 1, 6u << 16}, {513, 4, 1, 20}}}), "", big);
+    ASSERT_TRUE(test_write_file(dir.file("a.jpg"), file));
     int64_t size = -1;
     uint32_t n[8] = {9, 9, 9, 9, 9, 9, 9, 9};      // width, height, 4 thumbnail outputs, orientation, mtime
     char *date = nullptr, *description = nullptr;
@@ -211,6 +182,7 @@ TEST(UpnpJpeg, ReadInfoHandsOverOneReadingAndNeverAThumbnail)
                                    &date, &n[7], &description);
     };
     EXPECT_EQ(read("a.jpg"), 1);
+    EXPECT_EQ(size, int64_t(file.size()));
     EXPECT_EQ(std::vector<uint32_t>(n, n + 7), std::vector<uint32_t>({640, 480, 0, 0, 0, 0, 6}));
     EXPECT_EQ(std::string(description ? description : "-") + " " + std::to_string(strlen(date)), "x 10");
     free(date);

@@ -19,32 +19,20 @@ int bracket(const char* line, char* out_path, void*)
     return snprintf(out_path, UPNP_PLAYLIST_PATH_MAX, "<%s>", line) > 0;
 }
 
-std::string import_text(const std::string& bytes)
-{
-    upnp_string* s = upnp_m3u_import_text(bytes.data(), bytes.size(), "/p/Cafe.m3u", bracket, nullptr);
-    std::string text = s ? s->text : "<null>";
-    upnp_string_free(s);
-    return text;
-}
-
 TEST(UpnpM3u, FirstEntryDecidesTheKindAndExtinfTitlesGoBeforeTheirEntries)
 {
     const std::string list = "#PLAYLIST\n#NAME:Cafe\n#FILE:/p/Cafe.m3u\n";
-    const std::string radio = "#RADIO-STATIONS" + list.substr(9);
     struct { const char* name; std::string bytes, want; } cases[] = {
-        {"radio", "#EXTM3U\r\nhttp://r/1\r\nb.mp3\r\n", radio + "<http://r/1>\n<b.mp3>\n"},
+        {"radio", "#EXTM3U\r\nhttp://r/1\r\nb.mp3\r\n", "#RADIO-STATIONS" + list.substr(9) + "<http://r/1>\n<b.mp3>\n"},
         {"mms is no radio", "mms://r/1\nhttp://r/2\n", list + "<mms://r/1>\n<http://r/2>\n"},
-        {"comments only", "#EXTM3U\n#EXTINF:12,Title\n", "<null>"},
         {"titles", "#EXTINF:1,Caf\xE9, live\nC:\\a.mp3\n#EXTINF:2\nb.mp3",
          list + "#TITLE:Caf\xC3\xA9, live\n<C:\\a.mp3>\n<b.mp3>\n"},
-        {"tabs and control bytes end lines", "a.mp3\tb.mp3\x01\x02" "c.mp3", list + "<a.mp3>\n<b.mp3>\n<c.mp3>\n"},
-        {"a NUL ends the text", std::string("a.mp3\n\0b.mp3\n", 13), list + "<a.mp3>\n"},
-        {"long titles keep their line end", "#EXTINF:1," + std::string(2000, 't') + "\na",
-         list + "#TITLE:" + std::string(1015, 't') + "\n<a>\n"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        EXPECT_EQ(import_text(c.bytes), c.want);
+        upnp_string* s = upnp_m3u_import_text(c.bytes.data(), c.bytes.size(), "/p/Cafe.m3u", bracket, nullptr);
+        EXPECT_EQ(s ? s->text : "<null>", c.want);
+        upnp_string_free(s);
     }
 }
 
@@ -78,8 +66,6 @@ TEST_F(UpnpPlaylist, EntriesResolveUnderEnabledSharedFoldersByTheirLongestTailAn
         {"Album/./../a.mp3", 1, 0, root + "/a.mp3"},
         {"Album/../../secret.mp3", 0, 0, ""},
         {"o.mp3", 0, 0, ""},                            // in a folder that is not shared
-        {"Album/.", 0, 0, ""},
-        {std::string(2000, 'a') + "/x.mp3", 0, 0, ""},  // entries are cut at 1023 bytes
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
