@@ -28,6 +28,10 @@ const struct { const char* extension; int32_t type; } scan_types[] = {
     {".txt", DB_OBJ_DOCUMENT}, {".pdf", DB_OBJ_DOCUMENT}, {".m3u", -1},
 };
 
+// Beside the library, files the scanner passes over: empty, dot file, no
+// extension, an unknown one, one inside the database folder.
+const char* const scan_refused[] = {"empty.txt", ".hidden.txt", "README", "data.xyz", "velmoramedia.db/in/x.txt"};
+
 std::mutex seen_lock;
 std::set<std::string> added;       // paths of DAPI_EVENT_FILE_ADDED
 int finishes;                      // "finished" events of DAPI_EVENT_SCAN
@@ -84,7 +88,7 @@ struct Scan : ::testing::Test {
     }
 };
 
-TEST_F(Scan, AFirstPassStoresEveryFileWithItsTypeAndARestartKeepsTheIds)
+TEST_F(Scan, AFirstPassStoresEveryFileWithItsTypeRefusesTheRestAndARestartKeepsTheIds)
 {
     if (system("command -v ffmpeg >/dev/null && command -v ffprobe >/dev/null") != 0)
         GTEST_SKIP() << "ffmpeg makes the library's base files; tools/test.sh installs it";
@@ -98,6 +102,11 @@ TEST_F(Scan, AFirstPassStoresEveryFileWithItsTypeAndARestartKeepsTheIds)
                 files[entry.path()] = t.type;
                 expected.insert(entry.path());
             }
+    for (const char* name : scan_refused) {
+        fs::create_directories(fs::path(media.file(name)).parent_path());
+        ASSERT_TRUE(test_write_file(media.file(name), name[0] == 'e' ? "" : "bytes"));
+        files[media.file(name)] = -1;
+    }
     ASSERT_TRUE(test_write_file(ini, "[main]\r\nip=127.0.0.1\r\nhttpport=" + std::to_string(test_free_port()) +
                                          "\r\nnicrestart=0\r\ncontentdir=" + media.path +
                                          "\r\ndbdir=" + media.file("velmoramedia.db") + "\r\n"));
