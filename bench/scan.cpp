@@ -136,17 +136,26 @@ static void scan_run(long n, const std::string& corpus, const std::string& work,
 {
     r->size = n;
     int out = open((work + "/velmora-output.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (out < 0 || dup2(out, STDOUT_FILENO) < 0 || chdir(work.c_str()) != 0 || !scan_write_ini(work, corpus))
+    const std::string empty = work + "/empty";
+    if (out < 0 || dup2(out, STDOUT_FILENO) < 0 || chdir(work.c_str()) != 0 || mkdir(empty.c_str(), 0755) != 0 ||
+        !scan_write_ini(work, empty))
         return;
     close(out);
     // SSDP off: discovery has no part in a scan, and nothing needs to leave
     // the machine. A Document root, so that documents are stored too.
+    // The first start scans an empty folder, so that the scanner thread's
+    // stack and heap arena, kept by the C library for the next thread, do
+    // not count as memory of the items.
     const uint32_t flags = DAPI_FLAG_NO_SSDP | DAPI_FLAG_DOCUMENT_ROOT;
-    if (!dapi_dms_init(DAPI_MODE_FULL, flags | DAPI_FLAG_NO_SCANNER))
-        return;
-    dapi_dms_terminate();
-
     dapi_dms_register_callback(scan_on_event);
+    if (!dapi_dms_init(DAPI_MODE_FULL, flags))
+        return;
+    for (int waited = 0; !scan_finished && waited < 10000; waited += 20)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    dapi_dms_terminate();
+    scan_finished = 0;
+    if (!scan_write_ini(work, corpus))
+        return;
     long rss0 = scan_rss_kib();
     int64_t account0 = db_object_get_used_mem() + db_string_pool_get_used_mem() + db_path_index_bytes();
     scan_t0 = scan_now();
