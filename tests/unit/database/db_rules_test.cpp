@@ -6,6 +6,7 @@
 #include "db_test_support.h"
 
 #include <algorithm>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -161,4 +162,37 @@ TEST_F(DbRulesTest, TitleLookupFollowsTheChildren)
     EXPECT_EQ(db_container_find_title(node, "X"), nullptr);
     EXPECT_EQ(db_container_find_title(node, "Y"), b);
     db_object_free(a);
+}
+
+// The title lookup answers what a walk of the children answers, through
+// appends, removals, sorts in place and retitles.
+TEST_F(DbRulesTest, TitleLookupMatchesTheWalk)
+{
+    const char* titles[] = {"a", "b", "Unknown", nullptr};   // no title reads "Unknown"
+    const int32_t types[] = {DB_OBJ_CONTAINER, DB_OBJ_MUSIC_ALBUM, DB_OBJ_MUSIC_ARTIST};
+    auto walk = [&](const char* t) -> db_object* {
+        for (int32_t i = 0; i < db_container_child_count(node); i++)
+            if (db_object* x = db_container_child(node, i);
+                db_object_type_of(x) < 12 && !strcmp(db_object_get_str(x, DBK_TITLE), t))
+                return x;
+        return nullptr;
+    };
+    std::minstd_rand pick(7);      // the shuffle reseeds rand() at each sort
+    for (int step = 0; step < 300; step++) {
+        int32_t n = db_container_child_count(node), op = pick() % 4;
+        db_object* some = n ? db_container_child(node, pick() % n) : nullptr;
+        if (op == 0 || !some) {
+            folder(types[pick() % 3], titles[pick() % 4], node);
+        } else if (op == 1) {
+            db_container_remove_child(node, some);
+            db_object_free(some);
+        } else if (op == 2) {
+            db_sort_prepare("Philips:shuffle", DB_OBJ_CONTAINER, nullptr);   // reseeds: the same run each time
+            db_container_sort(node);
+        } else {
+            db_object_set_str(some, DBK_TITLE, titles[pick() % 3]);
+        }
+        for (const char* t : {"a", "b", "Unknown"})
+            ASSERT_EQ(db_container_find_title(node, t), walk(t)) << "step " << step << " " << t;
+    }
 }
