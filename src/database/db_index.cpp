@@ -10,6 +10,10 @@
 //   hangs. Removal asks which of them a walk from a container would reach
 //   (the walk stops at the first real item of a container, except in %PATH
 //   folders), without walking.
+// - The number of real items (types 12 to 20) each container holds: a
+//   container without one can't stop a walk, so whether a walk meets a
+//   child there needs no look at the array. Beside it, the few children
+//   that kept a parent link without getting into the array.
 // - Children with the sequence numbers of the rule nodes (12 to 21, 31 to
 //   35, 51 to 55), in children order: an item added to a media root looks
 //   for its nodes there, and in the flat tree that root holds every item.
@@ -40,6 +44,21 @@ struct title_key_hash {
 std::unordered_map<title_key, uint32_t, title_key_hash> index_titles;   // db_lock
 std::unordered_map<uint32_t, std::vector<uint32_t>> index_refs;         // db_lock: target -> references
 std::unordered_map<uint32_t, std::vector<uint32_t>> index_nodes;        // db_lock: parent -> node children
+std::unordered_map<uint32_t, int32_t> index_items;                      // db_lock: parent -> real items in it
+std::unordered_map<uint32_t, bool> index_outside;                       // db_lock: linked, not in the array
+
+bool is_real_item(const db_object* o)
+{
+    return db_type_is_item(db_object_type_of(o));
+}
+
+void items_count(const db_object* parent, int32_t delta)
+{
+    int32_t& n = index_items[db_arena_handle(parent)];
+    n += delta;
+    if (n <= 0)
+        index_items.erase(db_arena_handle(parent));
+}
 
 bool node_sequence(const db_object* o)
 {
@@ -106,12 +125,23 @@ void db_title_index_added(db_object* parent, db_object* child)
         index_titles.emplace(key_of(parent, child), db_arena_handle(child));
     if (node_sequence(child))
         index_nodes[db_arena_handle(parent)].push_back(db_arena_handle(child));
+    if (is_real_item(child))
+        items_count(parent, 1);
+    if (!index_outside.empty())
+        index_outside.erase(db_arena_handle(child));
+}
+
+void db_index_left_out(db_object* child)
+{
+    index_outside[db_arena_handle(child)] = true;
 }
 
 void db_title_index_removed(db_object* parent, db_object* child)
 {
     if (node_sequence(child))
         node_drop(parent, child);
+    if (is_real_item(child))
+        items_count(parent, -1);
     if (!is_container(child))
         return;
     title_key key = key_of(parent, child);
@@ -136,6 +166,7 @@ void db_title_index_reordered(db_object* parent)
         if (db_object* x = db_container_child(parent, i); is_container(x))
             index_titles.erase(key_of(parent, x));
     index_nodes.erase(db_arena_handle(parent));
+    index_items.erase(db_arena_handle(parent));
     for (int32_t i = 0; i < n; i++)
         db_title_index_added(parent, db_container_child(parent, i));
 }
@@ -144,12 +175,21 @@ void db_index_freed(db_object* o)
 {
     int32_t t = db_object_type_of(o);
     uint32_t h = db_arena_handle(o);
+    if (db_object* parent = db_object_parent(o)) {
+        if (node_sequence(o))
+            node_drop(parent, o);
+        if (is_real_item(o))
+            items_count(parent, -1);
+    }
+    if (!index_outside.empty())
+        index_outside.erase(h);
     if (db_type_is_container(t)) {
         // Its children are freed first (db_object_free_tree), each dropping
         // its own entry; here only the folder's own entry goes.
         if (db_object* parent = db_object_parent(o))
             drop_if(key_of(parent, o), o);
         index_nodes.erase(h);
+        index_items.erase(h);
     } else if (db_type_is_ref(t)) {
         auto it = index_refs.find(db_arena_handle(db_object_target(o)));
         if (it == index_refs.end())
@@ -174,6 +214,10 @@ void db_index_renumbered(db_object* o, uint32_t old_id)
     if (!parent)
         return;
     db_object was = {old_id, 0};
+    if (is_real_item(&was) != is_real_item(o))
+        items_count(parent, is_real_item(o) ? 1 : -1);
+    if (db_object_seq(&was) == db_object_seq(o))
+        return;
     if (node_sequence(&was))
         node_drop(parent, o);
     // Rare: an attached object taking a node's number; its place needs the walk.
@@ -224,6 +268,18 @@ int32_t walk_position(const db_object* parent, const db_object* child)
     return -1;
 }
 
+// Whether a walk of parent's children meets child, which links to parent.
+// Only a container holding real items (an "All" container) needs the look
+// at the array.
+bool walk_meets(const db_object* parent, const db_object* child)
+{
+    if (!index_outside.empty() && index_outside.count(db_arena_handle(child)))
+        return false;
+    if (db_object_type_of(parent) == DB_OBJ_STORAGE_ROOT || !index_items.count(db_arena_handle(parent)))
+        return true;
+    return walk_position(parent, child) >= 0;
+}
+
 struct walk_reach {
     const db_object* from;
     std::unordered_map<const db_object*, bool> known;
@@ -253,7 +309,7 @@ struct walk_reach {
         // Down again: each link holds if the walk of the parent meets the child.
         for (size_t i = chain.size(); i-- > 0;) {
             const db_object* x = chain[i];
-            result = result && walk_position(db_object_parent(x), x) >= 0;
+            result = result && walk_meets(db_object_parent(x), x);
             known[x] = result;
         }
         return result;
@@ -267,30 +323,31 @@ int32_t db_refs_drop(db_object* from, db_object* target, bool one_per_container)
     auto it = index_refs.find(db_arena_handle(target));
     if (!from || !target || it == index_refs.end())
         return 0;
-    struct found { db_object* parent; int32_t position; db_object* ref; };
+    struct found { db_object* parent; db_object* ref; };
     std::vector<found> hits;
     walk_reach reach{from, {}};
     for (uint32_t h : it->second) {
         db_object* r = db_obj(h);
         db_object* parent = db_object_parent(r);
-        if (!is_container(parent) || !reach.reaches(parent))
-            continue;
-        int32_t position = walk_position(parent, r);
-        if (position < 0)
-            continue;
-        if (one_per_container) {
-            // The walk remembers the last one it meets in each container.
-            bool merged = false;
-            for (found& f : hits)
-                if (f.parent == parent) {
-                    if (position > f.position)
-                        f = {parent, position, r};
-                    merged = true;
-                }
-            if (merged)
-                continue;
+        if (is_container(parent) && reach.reaches(parent) && walk_meets(parent, r))
+            hits.push_back({parent, r});
+    }
+    if (one_per_container) {
+        // The walk remembers the last one it meets in each container: where
+        // a container holds more than one, their places decide.
+        std::unordered_map<const db_object*, found> last;
+        for (const found& f : hits) {
+            auto [at, fresh] = last.emplace(f.parent, f);
+            if (!fresh && walk_position(f.parent, f.ref) > walk_position(f.parent, at->second.ref))
+                at->second = f;
         }
-        hits.push_back({parent, position, r});
+        if (last.size() < hits.size()) {
+            std::vector<found> kept;
+            for (const found& f : hits)
+                if (last.at(f.parent).ref == f.ref)
+                    kept.push_back(f);
+            hits.swap(kept);
+        }
     }
     for (const found& f : hits) {
         db_container_remove_child(f.parent, f.ref);
@@ -310,4 +367,6 @@ void db_index_reset()
     index_titles.clear();
     index_refs.clear();
     index_nodes.clear();
+    index_items.clear();
+    index_outside.clear();
 }

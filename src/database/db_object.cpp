@@ -408,9 +408,11 @@ void db_object_retype(db_object* o, int32_t type)
         return;
     db_lock_guard hold;
     db_item_index_drop(o);
+    uint32_t old_id = o->id;
     o->id = uint32_t(type) << DB_ID_TYPE_SHIFT | db_object_seq(o);
     if (type != DB_OBJ_SHADOW)
         db_item_index_put(o);
+    db_index_renumbered(o, old_id);
 }
 
 // ---- Children -------------------------------------------------------------------------
@@ -427,8 +429,10 @@ int db_container_add_child(db_object* container, db_object* child)
     if (c->child_count + 1 > cap) {
         int32_t grown = db_children_capacity(c->child_count + 1);
         uint32_t h = db_array_resize(c->children, cap, grown, c->child_count);
-        if (!h)
+        if (!h) {
+            db_index_left_out(child);
             return 0;               // the child keeps its parent link, out of the array
+        }
         c->children = h;
         db_used_mem += 4 * int64_t(grown - cap);
     }

@@ -81,8 +81,11 @@ int32_t db_ref_index_count(const db_object* target);                 // live ref
 // of each container. The number freed.
 int32_t db_refs_drop(db_object* from, db_object* target, bool one_per_container);
 void db_index_reset();
-// An object's id word changed (from old_id) while it may hang in a parent.
+// An object's id word (type or sequence) changed from old_id while it may
+// hang in a parent.
 void db_index_renumbered(db_object* o, uint32_t old_id);
+// A child that keeps its parent link but didn't get into the array.
+void db_index_left_out(db_object* child);
 // The children of parent whose sequence numbers select a rule node (12 to
 // 21, 31 to 35, 51 to 55), in children order; their number.
 int32_t db_node_children(const db_object* parent, std::vector<db_object*>* out);
