@@ -196,3 +196,67 @@ TEST_F(DbRulesTest, TitleLookupMatchesTheWalk)
             ASSERT_EQ(db_container_find_title(node, t), walk(t)) << "step " << step << " " << t;
     }
 }
+
+// The walk that reference removal answers for without walking: children in
+// order, containers searched in turn, stopped by the first real item except
+// in %PATH folders; all matches, or the last one of each container.
+static void walk_refs(db_object* c, db_object* target, bool last_only, std::vector<db_object*>* out)
+{
+    db_object* last = nullptr;
+    for (int32_t i = 0; i < db_container_child_count(c); i++) {
+        db_object* x = db_container_child(c, i);
+        int32_t t = db_object_type_of(x);
+        if (t < 12)
+            walk_refs(x, target, last_only, out);
+        else if (db_type_is_item(t) && db_object_type_of(c) != DB_OBJ_STORAGE_ROOT)
+            break;
+        if (db_type_is_ref(t) && db_object_target(x) == target)
+            last_only ? void(last = x) : out->push_back(x);
+    }
+    if (last)
+        out->push_back(last);
+}
+
+TEST_F(DbRulesTest, RemoveRefsMatchesTheWalk)
+{
+    upnp_ini_set(UPNP_OPT_MUSICNODE1, "Artist,[3");
+    std::minstd_rand pick(11);
+    std::vector<db_object*> folders{node}, targets, refs;
+    const int32_t types[] = {DB_OBJ_CONTAINER, DB_OBJ_MUSIC_ALBUM, DB_OBJ_STORAGE_ROOT};
+    for (int i = 0; i < 4; i++)
+        targets.push_back(add("/m/t" + std::to_string(i) + ".mp3", DB_OBJ_AUDIO, {}));
+    for (int round = 0; round < 40; round++) {
+        for (int step = 0; step < 30; step++) {
+            db_object* in = folders[pick() % folders.size()];
+            int op = int(pick() % 5);
+            if (op == 0) {
+                folders.push_back(folder(types[pick() % 3], "f", in));
+            } else if (op == 1) {
+                db_object* real = add("/m/r" + std::to_string(round * 30 + step) + ".mp3", DB_OBJ_AUDIO, {});
+                db_container_remove_child(db_all_music, real);
+                db_container_add_child(in, real);
+                if (pick() % 4 == 0)
+                    db_object_retype(real, DB_OBJ_SHADOW);      // a shadow doesn't stop the walk
+            } else {
+                refs.push_back(ref(targets[pick() % targets.size()], in));
+            }
+        }
+        db_object* from = folders[pick() % folders.size()];
+        db_object* target = targets[pick() % targets.size()];
+        bool last_only = pick() % 2;
+        std::vector<db_object*> expect, parents;
+        walk_refs(from, target, last_only, &expect);
+        for (db_object* r : refs)
+            parents.push_back(db_object_parent(r));
+        int32_t freed = last_only ? db_tree_remove_refs(from, target) : db_object_remove_refs(from, target);
+        ASSERT_EQ(freed, int32_t(expect.size())) << "round " << round;
+        std::vector<db_object*> left;
+        for (size_t i = 0; i < refs.size(); i++) {
+            bool gone = std::find(expect.begin(), expect.end(), refs[i]) != expect.end();
+            ASSERT_EQ(db_container_has(parents[i], refs[i]), !gone) << "round " << round;
+            if (!gone)
+                left.push_back(refs[i]);
+        }
+        refs.swap(left);
+    }
+}
