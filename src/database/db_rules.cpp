@@ -26,6 +26,10 @@
 #include <vector>
 
 static constexpr size_t RULE_NAME_MAX = 1024;   // folder names from paths and tags: 1023 bytes
+// Each level without an index doubles the references of an item, and each
+// holds a frame on the adding thread's small stack: a rule deeper than this
+// ends here, with the reference in the folder reached.
+static constexpr int32_t RULE_LEVELS_MAX = 16;
 
 // ---- Making folders and references ------------------------------------------------
 
@@ -357,7 +361,7 @@ static db_object* rule_level_folder(db_object* folder, const char* rule, int32_t
 // without an index, the "All" folder beside it, each with the levels below.
 static void rule_apply(int32_t option, int32_t k, db_object* folder, db_object* item, const char* path)
 {
-    const char* element = upnp_ini_get_item(option, k);
+    const char* element = k <= RULE_LEVELS_MAX ? upnp_ini_get_item(option, k) : nullptr;
     if (!element) {
         db_tree_add_ref(folder, item);
         return;
