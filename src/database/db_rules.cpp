@@ -35,6 +35,7 @@ static constexpr int32_t RULE_LEVELS_MAX = 16;
 
 db_object* db_tree_add_ref(db_object* container, db_object* item)
 {
+    db_lock_guard hold;
     db_object* r = db_ref_new(DB_OBJ_REF, item, 0);
     if (r && !db_container_add_child(container, r)) {
         // A "node" that is an item (the flat tree) holds nothing: the
@@ -47,6 +48,7 @@ db_object* db_tree_add_ref(db_object* container, db_object* item)
 
 db_object* db_tree_add_numbered_ref(db_object* container, db_object* item, int32_t number)
 {
+    db_lock_guard hold;
     db_object* r = db_ref_new(DB_OBJ_REF_TRACK, item, number);
     if (r && !db_container_add_child(container, r)) {
         db_object_free(r);
