@@ -161,14 +161,26 @@ void db_title_index_retitled(db_object* child, const char* old_title)
 
 void db_title_index_reordered(db_object* parent)
 {
-    int32_t n = db_container_child_count(parent);
+    // A sort of an "All" container passes here with every item: one pass,
+    // and the count of items set once.
+    uint32_t h = db_arena_handle(parent);
+    int32_t n = db_container_child_count(parent), items = 0;
+    std::vector<db_object*> children(size_t(n > 0 ? n : 0));
     for (int32_t i = 0; i < n; i++)
-        if (db_object* x = db_container_child(parent, i); is_container(x))
+        if (db_object* x = children[size_t(i)] = db_container_child(parent, i); is_container(x))
             index_titles.erase(key_of(parent, x));
-    index_nodes.erase(db_arena_handle(parent));
-    index_items.erase(db_arena_handle(parent));
-    for (int32_t i = 0; i < n; i++)
-        db_title_index_added(parent, db_container_child(parent, i));
+    index_nodes.erase(h);
+    index_items.erase(h);
+    for (db_object* x : children) {
+        if (is_real_item(x))
+            items++;
+        else
+            db_title_index_added(parent, x);
+        if (is_real_item(x) && node_sequence(x))
+            index_nodes[h].push_back(db_arena_handle(x));
+    }
+    if (items)
+        index_items[h] = items;
 }
 
 void db_index_freed(db_object* o)
