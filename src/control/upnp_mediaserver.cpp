@@ -482,6 +482,7 @@ void upnp_mediaserver_hand_down()
     db_file_set_rescan_request(upnp_filescan_request_rescan);
     db_set_art_resolver(upnp_albumart_resolve);
     db_set_client_flag_probe(HTTP_request_has_flag);
+    db_set_tree_rules(db_tree_attach);
     upnp_client_set_local_test(upnp_nic_is_local);
 }
 

@@ -469,12 +469,7 @@ db_object* db_container_find_title(const db_object* c, const char* title)
     if (!title)
         return nullptr;
     db_lock_guard hold;
-    for (int32_t i = 0; i < db_container_child_count(c); i++) {
-        db_object* x = db_container_child(c, i);
-        if (db_type_is_container(db_object_type_of(x)) && !strcmp(db_object_get_str(x, DBK_TITLE), title))
-            return x;
-    }
-    return nullptr;
+    return db_title_index_find(c, title);
 }
 
 int32_t db_container_children(const db_object* c, db_object** out, int32_t max)
@@ -512,6 +507,7 @@ void db_container_clear_items(db_object* c)
     db_used_mem -= 4 * int64_t(old_cap - cap);
     k->children = h;
     k->child_count = int32_t(keep.size());
+    db_title_index_reordered(c);
     for (db_object* x : drop)
         db_object_free(x);
     k->state = (k->state | DB_STATE_EVENT_PENDING) & ~DB_STATE_SORTED;

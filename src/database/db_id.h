@@ -71,6 +71,8 @@ db_object* db_container_child(const db_object* c, int32_t index);   // null outs
 int32_t db_container_child_count(const db_object* c);               // 0 for a non-container
 db_object* db_container_find(const db_object* c, uint32_t id);
 int db_container_has(const db_object* c, const db_object* child);    // that very pointer
+// The first child container with exactly that title (one without a title
+// reads "Unknown"), through an index rather than a walk of the children.
 db_object* db_container_find_title(const db_object* c, const char* title);
 void db_container_clear_items(db_object* c);
 // Copies up to max child pointers into out; the number copied.

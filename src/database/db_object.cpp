@@ -221,6 +221,7 @@ void db_destroy()
         db_slots_clear();
         db_arena_reset();
         db_item_index_reset();
+        db_index_reset();
         db_used_mem = 0;
         db_string_pool_clear();
         db_event_dirty = 0;
@@ -351,6 +352,7 @@ db_object* db_ref_new(int32_t type, db_object* target, int32_t number)
     as_ref(o)->target = db_arena_handle(target);
     if (type == DB_OBJ_REF_TRACK)
         reinterpret_cast<db_ref_track*>(o)->number = int16_t(number);
+    db_ref_index_add(o);
     return o;
 }
 
@@ -368,6 +370,7 @@ void db_object_free(db_object* o)
         return;
     db_lock_guard hold;
     int32_t t = type_of(o);
+    db_index_freed(o);
     db_used_mem -= db_record_size(o);
     if (t < 12) {
         db_container* c = as_container(o);
@@ -405,9 +408,11 @@ void db_object_retype(db_object* o, int32_t type)
         return;
     db_lock_guard hold;
     db_item_index_drop(o);
+    uint32_t old_id = o->id;
     o->id = uint32_t(type) << DB_ID_TYPE_SHIFT | db_object_seq(o);
     if (type != DB_OBJ_SHADOW)
         db_item_index_put(o);
+    db_index_renumbered(o, old_id);
 }
 
 // ---- Children -------------------------------------------------------------------------
@@ -424,12 +429,15 @@ int db_container_add_child(db_object* container, db_object* child)
     if (c->child_count + 1 > cap) {
         int32_t grown = db_children_capacity(c->child_count + 1);
         uint32_t h = db_array_resize(c->children, cap, grown, c->child_count);
-        if (!h)
+        if (!h) {
+            db_index_left_out(child);
             return 0;               // the child keeps its parent link, out of the array
+        }
         c->children = h;
         db_used_mem += 4 * int64_t(grown - cap);
     }
     db_array_ptr(c->children)[c->child_count++].h = db_arena_handle(child);
+    db_title_index_added(container, child);
     return 1;
 }
 
@@ -463,6 +471,7 @@ void db_container_remove_child(db_object* container, db_object* child)
         return;
     memmove(&slots[i], &slots[i + 1], size_t(c->child_count - i - 1) * sizeof(db_child_slot));
     children_truncate(c, c->child_count - 1);
+    db_title_index_removed(container, child);
     child->parent = 0;
     db_container_mark_changed(container);
 }
@@ -718,6 +727,8 @@ static int set_title(db_object* o, const char* value)
     if ((!old && !value) || (old && value && !strcmp(old, value)))
         return 0;
     c->title = db_pool_intern(value);
+    if (type_of(o) < 12)
+        db_title_index_retitled(o, old);
     return 1;
 }
 
@@ -769,9 +780,14 @@ static int set_child_count(db_object* o, int32_t value)
     // cut off are the caller's.
     if (value < 0 || value >= c->child_count)
         return 0;
+    std::vector<db_object*> cut;
     for (int32_t i = value; i < c->child_count; i++)
-        db_obj(db_array_ptr(c->children)[i].h)->parent = 0;
+        cut.push_back(db_obj(db_array_ptr(c->children)[i].h));
     children_truncate(c, value);
+    for (db_object* x : cut) {
+        db_title_index_removed(o, x);
+        x->parent = 0;
+    }
     return 1;
 }
 
@@ -794,9 +810,11 @@ static int set_object_id(db_object* o, int32_t value)
     bool indexed = db_type_is_item(type_of(o));
     if (indexed)
         db_item_index_drop(o);
+    uint32_t old_id = o->id;
     o->id = id;
     if (db_type_is_item(type_of(o)))
         db_item_index_put(o);
+    db_index_renumbered(o, old_id);
     return 1;
 }
 
@@ -941,44 +959,14 @@ int db_object_apply_meta(db_object* o, const db_meta_list* list)
 
 // ---- References ---------------------------------------------------------------------------
 
-// Frees the references to target among c's children. A container of real
-// items holds nothing else (except the mixed %PATH folders), so the first
-// real item ends the look at it, and "All" containers cost nothing.
-static int32_t refs_drop_in(db_object* c, db_object* target, std::vector<db_object*>* stack)
-{
-    int32_t freed = 0;
-    bool mixed = type_of(c) == DB_OBJ_STORAGE_ROOT;
-    for (int32_t i = 0; i < db_container_child_count(c);) {
-        db_object* x = db_container_child(c, i);
-        int32_t t = type_of(x);
-        if (t < 12)
-            stack->push_back(x);
-        else if (db_type_is_item(t) && !mixed)
-            break;
-        if (db_type_is_ref(t) && db_object_target(x) == target) {
-            db_container_remove_child(c, x);
-            db_object_free(x);
-            freed++;
-            continue;
-        }
-        i++;
-    }
-    return freed;
-}
-
 int32_t db_object_remove_refs(db_object* from, db_object* target)
 {
     if (!from || !target)
         return 0;
     db_lock_guard hold;
-    std::vector<db_object*> stack{from};
-    int32_t freed = 0;
-    while (!stack.empty()) {
-        db_object* c = stack.back();
-        stack.pop_back();
-        freed += refs_drop_in(c, target, &stack);
-    }
-    return freed;
+    // The index of references by target answers what a walk of the tree
+    // would meet, without the walk.
+    return db_refs_drop(from, target, false);
 }
 
 // ---- Adding and removing ------------------------------------------------------------------

@@ -477,6 +477,7 @@ void db_container_sort(db_object* c)
         db_child_slot* slots = db_array_ptr(k->children);
         for (size_t i = 0; i < children.size(); i++)
             slots[i].h = order.as<sort_entry>()[i].handle;
+        db_title_index_reordered(c);
     }
     k->state |= DB_STATE_SORTED;
 }

@@ -13,6 +13,7 @@
 #include "database/db_object.h"
 
 #include <cstddef>
+#include <vector>
 
 // ---- Object arena ---------------------------------------------------------
 
@@ -60,6 +61,34 @@ void db_item_index_put(db_object* item);
 void db_item_index_drop(db_object* item);
 db_object* db_item_index_get(uint32_t id);
 void db_item_index_reset();
+
+// ---- Folder and reference indexes (db_index.cpp) --------------------------
+
+// The first child container of parent with exactly that title, as a walk of
+// the children finds it; kept by the calls below at every change of a
+// children array.
+db_object* db_title_index_find(const db_object* parent, const char* title);
+void db_title_index_added(db_object* parent, db_object* child);     // after an append
+void db_title_index_removed(db_object* parent, db_object* child);   // after a removal
+void db_title_index_retitled(db_object* child, const char* old_title);
+void db_title_index_reordered(db_object* parent);                   // after a sort in place
+void db_ref_index_add(db_object* ref);                               // a new reference
+void db_index_freed(db_object* o);                                   // before o is freed
+int32_t db_ref_index_count(const db_object* target);                 // live references to target
+// Detaches and frees the references to target that a walk of the
+// containers below from meets (it stops at the first real item of a
+// container, except in %PATH folders): all of them, or only the last one
+// of each container. The number freed.
+int32_t db_refs_drop(db_object* from, db_object* target, bool one_per_container);
+void db_index_reset();
+// An object's id word (type or sequence) changed from old_id while it may
+// hang in a parent.
+void db_index_renumbered(db_object* o, uint32_t old_id);
+// A child that keeps its parent link but didn't get into the array.
+void db_index_left_out(db_object* child);
+// The children of parent whose sequence numbers select a rule node (12 to
+// 21, 31 to 35, 51 to 55), in children order; their number.
+int32_t db_node_children(const db_object* parent, std::vector<db_object*>* out);
 
 // ---- Account ----------------------------------------------------------------
 

@@ -1,7 +1,10 @@
 // db_tree.h: the navigation tree around the items: what the store knows of
 // the files behind them.
 #pragma once
+#include <cstddef>
 #include <cstdint>
+
+struct db_object;
 
 enum db_file_state : int32_t {
     DB_FILE_SHARED = 1,             // in an enabled shared folder of a fitting kind
@@ -22,3 +25,24 @@ int32_t db_file_status(const char* path, int32_t type);
 // The folder that uploads go to, handed down by the upload service once it
 // has prepared it; empty (the default) for none.
 void db_set_upload_dir(const char* dir);
+
+// ---- Navigation folders (db_rules.cpp), under db_lock ----------------------
+
+// Places an item: into its "All" container (unless it is there already),
+// into the tag folders of its DBK_TAGS, and into the folders that the rule
+// of each node below media_root makes from its metadata and path. Set as
+// the store's tree rules (db_set_tree_rules) at start.
+void db_tree_attach(db_object* item, db_object* media_root, db_object* all, const char* path);
+// A reference (type 22), or one with a number (type 21), to item appended
+// to container; null, and nothing kept, when container can't hold it.
+db_object* db_tree_add_ref(db_object* container, db_object* item);
+db_object* db_tree_add_numbered_ref(db_object* container, db_object* item, int32_t number);
+// Frees the references to item below container that a walk of it meets,
+// stopping at the first real item of a container except in %PATH folders:
+// at most one per container, the last there. The number freed.
+int32_t db_tree_remove_refs(db_object* container, db_object* item);
+// The letter-index group of a title for groups of n letters: n letters
+// from "A" (fewer at "Z"), chosen by the folded first character; digits and
+// punctuation go to the first group, what follows "Z" to the last. Empty
+// for n below 1.
+void db_letter_group(const char* title, int32_t n, char* out, size_t size);
