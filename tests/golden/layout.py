@@ -25,50 +25,50 @@ class C:
     def ref(s, title):
         s.kids.append(("ref", title))
 
-# title, artist folder, album, genre, year, composer, group, path dirs
+# title, artist folder, album, genre, date, composer, groups of 3 and of 4, path dirs
 T = []
 def track(title, artist, album, genre, date, composer, group, dirs):
     T.append(dict(kind="audio", title=title, artist=artist, album=album, genre=genre,
-                  year=date[:4], month=date[5:7], composer=composer, group=group, dirs=dirs))
+                  year=date[:4], month=date[5:7], day=date[8:10], date=date, composer=composer, group=group.split()[0], group4=group.split()[1], dirs=dirs))
 P = []
 def other(kind, title, date, dirs):
-    P.append(dict(kind=kind, title=title, year=date[:4], month=date[5:7], dirs=dirs))
+    P.append(dict(kind=kind, title=title, year=date[:4], month=date[5:7], day=date[8:10], date=date, dirs=dirs))
 
 # ---- The library as the folders show it, derived by hand from the tags:
 # adapted case ("The " behind), "Various" for the sampler, "Unknown" for
-# what is missing, "0000"/"00" without a date, groups of three letters
-# after folding (Ä to A, Å to Z, digits first).
+# what is missing, "0000"/"00" without a date, letter groups of three
+# and of four after folding (Ä to A, Å to Z, digits first).
 G = "Andersson/Ulvaeus"
 for t in ("Dancing Queen", "Fernando", "Waterloo", "Chiquitita"):
-    track(t, "Abba", "Gold", "Pop", "1992-09-21", G, "ABC", ["Abba", "Gold"])
+    track(t, "Abba", "Gold", "Pop", "1992-09-21", G, "ABC ABCD", ["Abba", "Gold"])
 for t in ("Come Together", "Something", "Here Comes The Sun"):
-    track(t, "Beatles, The", "Abbey Road", "Rock", "1969-09-26", "Unknown", "ABC", ["The Beatles", "Abbey Road"])
+    track(t, "Beatles, The", "Abbey Road", "Rock", "1969-09-26", "Unknown", "ABC ABCD", ["The Beatles", "Abbey Road"])
 for t in ("Help!", "Yesterday"):
-    track(t, "Beatles, The", "Help!", "Rock", "1965-08-06", "Unknown", "ABC", ["The Beatles", "Help!"])
+    track(t, "Beatles, The", "Help!", "Rock", "1965-08-06", "Unknown", "ABC ABCD", ["The Beatles", "Help!"])
 for t in ("Krach", "Stille"):
-    track(t, "Ärger", "Laut", "Rock", "2001-03-03", "Unknown", "ABC", ["Ärger", "Laut"])
+    track(t, "Ärger", "Laut", "Rock", "2001-03-03", "Unknown", "ABC ABCD", ["Ärger", "Laut"])
 for t in ("Vals", "Polska"):
-    track(t, "Åsa Jinder", "Visor", "Folk", "1998-06-01", "Unknown", "YZ", ["Åsa Jinder", "Visor"])
+    track(t, "Åsa Jinder", "Visor", "Folk", "1998-06-01", "Unknown", "YZ YZ", ["Åsa Jinder", "Visor"])
 for t in ("Symphony No. 5", "Symphony No. 7"):
-    track(t, "Berliner Philharmoniker", "Symphonies 5 & 7", "Classical", "1963-01-01", "Beethoven", "ABC",
+    track(t, "Berliner Philharmoniker", "Symphonies 5 & 7", "Classical", "1963-01-01", "Beethoven", "ABC ABCD",
           ["Berliner Philharmoniker", "Symphonies 5 & 7"])
-track("9 Crimes", "Damien Rice", "9", "Folk", "2006-11-06", "Unknown", "DEF", ["Damien Rice", "9"])
+track("9 Crimes", "Damien Rice", "9", "Folk", "2006-11-06", "Unknown", "DEF ABCD", ["Damien Rice", "9"])
 for t in ("I'm Not In Love", "Une Nuit A Paris"):
-    track(t, "10cc", "Original Soundtrack, The", "Rock", "1975-03-01", "Unknown", "ABC", ["10cc", "The Original Soundtrack"])
-track("99 Luftballons", "Nena", "Nena", "Pop", "1983-01-01", "Unknown", "MNO", ["Nena", "Nena"])
+    track(t, "10cc", "Original Soundtrack, The", "Rock", "1975-03-01", "Unknown", "ABC ABCD", ["10cc", "The Original Soundtrack"])
+track("99 Luftballons", "Nena", "Nena", "Pop", "1983-01-01", "Unknown", "MNO MNOP", ["Nena", "Nena"])
 for t in ("1979", "Zero"):
-    track(t, "Smashing Pumpkins, The", "Mellon Collie And The Infinite Sadness", "Rock", "1995-10-24", "Unknown", "STU",
+    track(t, "Smashing Pumpkins, The", "Mellon Collie And The Infinite Sadness", "Rock", "1995-10-24", "Unknown", "STU QRST",
           ["The Smashing Pumpkins", "Mellon Collie And The Infinite Sadness"])
 for t in ("Leuchtturm", "Super Trouper", "The Look", "Brother Louie"):
-    track(t, "Various", "Bravo Hits 12", "Pop", "1996-02-01", "Unknown", "VWX", ["Sampler", "Bravo Hits 12"])
+    track(t, "Various", "Bravo Hits 12", "Pop", "1996-02-01", "Unknown", "VWX UVWX", ["Sampler", "Bravo Hits 12"])
 for t in ("Atlantis Is Calling", "Geronimo's Cadillac"):
-    track(t, "Modern Talking", "Ready For Romance", "Pop", "1986-05-01", "Unknown", "MNO", ["Modern Talking", "Ready For Romance"])
+    track(t, "Modern Talking", "Ready For Romance", "Pop", "1986-05-01", "Unknown", "MNO MNOP", ["Modern Talking", "Ready For Romance"])
 for t in ("Listen To Your Heart", "Dangerous"):
-    track(t, "Roxette", "Look Sharp!", "Pop", "1988-10-21", "Unknown", "PQR", ["Roxette", "Look Sharp!"])
+    track(t, "Roxette", "Look Sharp!", "Pop", "1988-10-21", "Unknown", "PQR QRST", ["Roxette", "Look Sharp!"])
 for t in ("Desire", "Oh Yeah"):
-    track(t, "Yello", "Stella", "Electronic", "1985-01-01", "Unknown", "YZ", ["Yello", "Stella"])
-track("The Race", "Yello", "Gold", "Electronic", "1988-06-01", "Unknown", "YZ", ["Yello", "Gold"])
-track("demo take", "Unknown", "Unknown", "Unknown", "0000-00-00", "Unknown", "STU", [])
+    track(t, "Yello", "Stella", "Electronic", "1985-01-01", "Unknown", "YZ YZ", ["Yello", "Stella"])
+track("The Race", "Yello", "Gold", "Electronic", "1988-06-01", "Unknown", "YZ YZ", ["Yello", "Gold"])
+track("demo take", "Unknown", "Unknown", "Unknown", "0000-00-00", "Unknown", "STU UVWX", [])
 other("photo", "beach", "2019-07-14", ["Photos", "2019"])
 other("photo", "sunset", "2019-08-02", ["Photos", "2019"])
 other("photo", "scan", "0000-00-00", ["Photos"])
@@ -76,7 +76,9 @@ other("video", "holiday", "2019-07-15", ["Videos"])
 # ----
 
 TOKENS = {"%ARTIST": ("artist", ARTISTC), "%ALBUM": ("album", ALBUMC), "%GENRE": ("genre", GENREC),
-          "%COMPOSER": ("composer", ARTISTC), "%YEAR": ("year", None), "%MONTH": ("month", None)}
+          "%COMPOSER": ("composer", ARTISTC), "%YEAR": ("year", None), "%MONTH": ("month", None), "%DAY": ("day", None),
+          "%DATE": ("date", None), "%FOO": (None, None)}
+PREFIX = [""]
 
 def level(folder, it, levels, k):
     if k >= len(levels):
@@ -87,19 +89,25 @@ def level(folder, it, levels, k):
     if rule == "%PATH":
         f = folder
         for d in it["dirs"]:
-            f = f.find_or_make(d, STORAGE)
+            f = f.find_or_make(PREFIX[0] + d if n == 0 else d, STORAGE)
     else:
         key, cls = TOKENS[rule]
         cls = cls or DEFAULT[it["kind"]]
-        if n:
+        if key is None:
+            f = None
+        elif n == 4:
+            f = folder.find_or_make(it["group4"], CONT).find_or_make(it[key], cls)
+        elif n:
             f = folder.find_or_make(it["group"], CONT).find_or_make(it[key], cls)
         else:
             f = folder.find_or_make(it[key], cls)
-    level(f, it, levels, k + 1)
+    if f:
+        level(f, it, levels, k + 1)
     if n == 0:
         level(folder.find_or_make("All", DEFAULT[it["kind"]]), it, levels, k + 1)
 
-def build(flat, alltracks, music_nodes, picture_nodes, video_nodes, played):
+def build(flat, alltracks, music_nodes, picture_nodes, video_nodes, played, prefix=""):
+    PREFIX[0] = prefix
     root = C("root", CONT)
     items = {"audio": T, "photo": [p for p in P if p["kind"] == "photo"], "video": [p for p in P if p["kind"] == "video"]}
     if flat:
@@ -150,6 +158,9 @@ PIC = [("Album", ["%PATH"]), ("Date", ["%YEAR", "%MONTH"])]
 VID = [("Folders", ["%PATH"])]
 cases = {
     "flat-autotree0": (1, None, [], [], [], 0),
+    "full-autotree0": (0, "All Tracks", [("Zero", ["[0]%ARTIST"]), ("Odd", ["%FOO", "%ALBUM"]),
+                                         ("Wide", ["[4]%ARTIST"]), ("Dirs", ["%PATH"])],
+                       [("Days", ["%DAY"])], [("Dates", ["%DATE"])], 3, "~"),
     "full-autotree1": (0, "All Tracks", [("Artist", ["%ARTIST"]), ("Genre", ["%GENRE"]), ("Album", ["%ALBUM"]),
                                          ("Folders", ["%PATH"])], PIC, VID, 3),
     "full-autotree2": (0, "Titles", [("Artist", ["%ARTIST", "%ALBUM"]), ("Album", ["%ALBUM"]),

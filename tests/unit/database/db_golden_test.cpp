@@ -17,9 +17,9 @@
 #include <ostream>
 #include <string>
 
-// The navigation rules register their attach hook here; weak, so that the
-// tests link (and fail) while the rules are not there.
-void db_tree_rules_install() __attribute__((weak));
+// The navigation rules, set as the store's tree rules at start; weak, so
+// that the tests link (and fail) in a tree without them.
+void db_tree_attach(db_object* item, db_object* media_root, db_object* all, const char* path) __attribute__((weak));
 
 namespace {
 
@@ -80,6 +80,16 @@ const golden_file golden_library[] = {
 };
 #undef M
 
+// The full tree with preset 0 has the nodes written here by hand: the
+// parts of the rule language no preset uses, at node numbers no preset
+// fills, and preset 1's other nodes gone.
+const std::pair<int32_t, const char*> golden_hand_options[] = {
+    {UPNP_OPT_MUSICNODE1, "Zero,[0]%ARTIST"}, {UPNP_OPT_MUSICNODE2, "Odd,%FOO,%ALBUM"},
+    {UPNP_OPT_MUSICNODE3, "Wide,[4]%ARTIST"}, {UPNP_OPT_MUSICNODE4, nullptr}, {UPNP_OPT_MUSICNODE10, "Dirs,%PATH"},
+    {UPNP_OPT_FOLDERPREFIX, "~"}, {UPNP_OPT_PICTURENODE1, nullptr}, {UPNP_OPT_PICTURENODE2, nullptr},
+    {UPNP_OPT_PICTURENODE3, "Days,%DAY"}, {UPNP_OPT_VIDEONODE1, nullptr}, {UPNP_OPT_VIDEONODE2, "Dates,%DATE"},
+};
+
 struct golden_case {
     int32_t flat;
     int32_t autotree;
@@ -132,12 +142,15 @@ TEST_P(DbGolden, TreeMatchesItsOutline)
     upnp_ini_set(UPNP_OPT_AUTOTREE, nullptr);
     upnp_ini_set(UPNP_OPT_AUTOTREE, "1");
     upnp_ini_set(UPNP_OPT_AUTOTREE, std::to_string(c.autotree).c_str());
+    if (!c.flat && c.autotree == 0)
+        for (const auto& [option, value] : golden_hand_options)
+            upnp_ini_set(option, value);
 
     db_create();
     ASSERT_TRUE(db_file_open_memory(nullptr, 0));
     db_build_root();
-    if (db_tree_rules_install)
-        db_tree_rules_install();
+    if (db_tree_attach)
+        db_set_tree_rules(db_tree_attach);
     else
         ADD_FAILURE() << "no navigation rules to install";
     for (const golden_file& f : golden_library) {
@@ -175,7 +188,8 @@ TEST_P(DbGolden, TreeMatchesItsOutline)
 }
 
 INSTANTIATE_TEST_SUITE_P(Trees, DbGolden,
-                         ::testing::Values(golden_case{1, 0}, golden_case{0, 1}, golden_case{0, 2}, golden_case{0, 3}),
+                         ::testing::Values(golden_case{1, 0}, golden_case{0, 0}, golden_case{0, 1}, golden_case{0, 2},
+                                           golden_case{0, 3}),
                          [](const ::testing::TestParamInfo<golden_case>& info) {
                              return std::string(info.param.flat ? "Flat" : "Full") + "Autotree" +
                                     std::to_string(info.param.autotree);
