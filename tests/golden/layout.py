@@ -73,11 +73,16 @@ other("photo", "beach", "2019-07-14", ["Photos", "2019"])
 other("photo", "sunset", "2019-08-02", ["Photos", "2019"])
 other("photo", "scan", "0000-00-00", ["Photos"])
 other("video", "holiday", "2019-07-15", ["Videos"])
+for it in T:
+    it["duration"], it["stars"] = "0:00:00", None
+T[0]["duration"], T[0]["stars"] = "0:03:51.500", "*****"
+T[1]["duration"], T[1]["stars"] = "0:04:14", "***"
 # ----
 
 TOKENS = {"%ARTIST": ("artist", ARTISTC), "%ALBUM": ("album", ALBUMC), "%GENRE": ("genre", GENREC),
           "%COMPOSER": ("composer", ARTISTC), "%YEAR": ("year", None), "%MONTH": ("month", None), "%DAY": ("day", None),
-          "%DATE": ("date", None), "%FOO": (None, None)}
+          "%DATE": ("date", None), "%FOO": (None, None),
+          "%DURATION": ("duration", MUSIC), "%RATING": ("stars", None)}
 PREFIX = [""]
 
 def level(folder, it, levels, k):
@@ -93,7 +98,7 @@ def level(folder, it, levels, k):
     else:
         key, cls = TOKENS[rule]
         cls = cls or DEFAULT[it["kind"]]
-        if key is None:
+        if key is None or it.get(key) is None:
             f = None
         elif n == 4:
             f = folder.find_or_make(it["group4"], CONT).find_or_make(it[key], cls)
@@ -159,7 +164,8 @@ VID = [("Folders", ["%PATH"])]
 cases = {
     "flat-autotree0": (1, None, [], [], [], 0),
     "full-autotree0": (0, "All Tracks", [("Zero", ["[0]%ARTIST"]), ("Odd", ["%FOO", "%ALBUM"]),
-                                         ("Wide", ["[4]%ARTIST"]), ("Dirs", ["%PATH"])],
+                                         ("Wide", ["[4]%ARTIST"]), ("Long", ["%DURATION"]),
+                                         ("Stars", ["%RATING"]), ("Dirs", ["%PATH"])],
                        [("Days", ["%DAY"])], [("Dates", ["%DATE"])], 3, "~"),
     "full-autotree1": (0, "All Tracks", [("Artist", ["%ARTIST"]), ("Genre", ["%GENRE"]), ("Album", ["%ALBUM"]),
                                          ("Folders", ["%PATH"])], PIC, VID, 3),

@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <ostream>
 #include <string>
 
@@ -80,12 +81,25 @@ const golden_file golden_library[] = {
 };
 #undef M
 
+// Length (with milliseconds as a fourth field) and rating of a few tracks;
+// a rating of 0 makes no folder.
+const struct {
+    const char* title;
+    const char* duration;
+    const char* rating;
+} golden_extras[] = {
+    {"Dancing Queen", "0:03:51:500", "5"},
+    {"Fernando", "0:04:14", "3"},
+    {"Waterloo", nullptr, "0"},
+};
+
 // The full tree with preset 0 has the nodes written here by hand: the
 // parts of the rule language no preset uses, at node numbers no preset
 // fills, and preset 1's other nodes gone.
 const std::pair<int32_t, const char*> golden_hand_options[] = {
     {UPNP_OPT_MUSICNODE1, "Zero,[0]%ARTIST"}, {UPNP_OPT_MUSICNODE2, "Odd,%FOO,%ALBUM"},
-    {UPNP_OPT_MUSICNODE3, "Wide,[4]%ARTIST"}, {UPNP_OPT_MUSICNODE4, nullptr}, {UPNP_OPT_MUSICNODE10, "Dirs,%PATH"},
+    {UPNP_OPT_MUSICNODE3, "Wide,[4]%ARTIST"}, {UPNP_OPT_MUSICNODE4, "Long,%DURATION"},
+    {UPNP_OPT_MUSICNODE5, "Stars,%RATING"}, {UPNP_OPT_MUSICNODE10, "Dirs,%PATH"},
     {UPNP_OPT_FOLDERPREFIX, "~"}, {UPNP_OPT_PICTURENODE1, nullptr}, {UPNP_OPT_PICTURENODE2, nullptr},
     {UPNP_OPT_PICTURENODE3, "Days,%DAY"}, {UPNP_OPT_VIDEONODE1, nullptr}, {UPNP_OPT_VIDEONODE2, "Dates,%DATE"},
 };
@@ -161,6 +175,11 @@ TEST_P(DbGolden, TreeMatchesItsOutline)
         };
         for (const auto& [key, value] : tags)
             list = db_meta_list_add(list, key, value, 0);
+        for (const auto& extra : golden_extras)
+            if (!strcmp(extra.title, f.title)) {
+                list = db_meta_list_add(list, DBK_DURATION, extra.duration, 0);
+                list = db_meta_list_add(list, DBK_RATING, extra.rating, 0);
+            }
         std::string raw = db_test_raw(f.path, f.type);
         EXPECT_NE(db_object_add(list, f.path, f.type, 0, raw.c_str(), int32_t(raw.size())), nullptr) << f.path;
         db_meta_list_free(list);
