@@ -3,6 +3,9 @@
 // preset, fixed top, navigation rules), and the tree is printed one object a
 // line, two spaces a level, "title [class] (children)" for containers and
 // "title [class]" for items and references, in the order the store keeps.
+// The outlines are not taken from a run: tests/golden/layout.py lays them
+// out from the folder values of this library, which it holds as worked out
+// by hand; a change to the library goes there too.
 #include "config/upnp_ini.h"
 #include "database/db_file.h"
 #include "database/db_id.h"
@@ -93,9 +96,9 @@ const struct {
     {"Waterloo", nullptr, "0"},
 };
 
-// The full tree with preset 0 has the nodes written here by hand: the
-// parts of the rule language no preset uses, at node numbers no preset
-// fills, and preset 1's other nodes gone.
+// The full tree with preset 0 has the nodes written here by hand: parts of
+// the rule language no preset uses, some at node numbers no preset fills,
+// and preset 1's other nodes gone.
 const std::pair<int32_t, const char*> golden_hand_options[] = {
     {UPNP_OPT_MUSICNODE1, "Zero,[0]%ARTIST"}, {UPNP_OPT_MUSICNODE2, "Odd,%FOO,%ALBUM"},
     {UPNP_OPT_MUSICNODE3, "Wide,[4]%ARTIST"}, {UPNP_OPT_MUSICNODE4, "Long,%DURATION"},
