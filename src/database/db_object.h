@@ -241,6 +241,19 @@ db_object* db_ref_new(int32_t type, db_object* target, int32_t number);
 int db_container_add_child(db_object* container, db_object* child);
 // Takes child out of its parent's array, keeping the others' order.
 void db_container_remove_child(db_object* container, db_object* child);
+// What db_container_compact does with one child.
+enum db_compact_verdict : int32_t {
+    DB_COMPACT_KEEP = 0,
+    DB_COMPACT_DROP = 1,            // leaves the array; the verdict has taken it over
+    DB_COMPACT_KEEP_REST = 2,       // kept, and so is every later child, unlooked at
+};
+typedef int32_t (*db_compact_fn)(db_object* child, void* context);
+// Asks verdict about the children in order and closes the gaps of those
+// dropped in one pass over the array, so that a sweep costs the same for
+// one child gone as for thousands. A dropped child is not touched again,
+// so the verdict may free it; it must not change this container's list.
+// The number dropped.
+int32_t db_container_compact(db_object* container, db_compact_fn verdict, void* context);
 // Frees one object alone (not its children) and takes it off the account.
 void db_object_free(db_object* o);
 // Frees a subtree, children first.
@@ -349,6 +362,7 @@ int64_t db_get_start_time();
 // Empty containers wait for the housekeeping sweep.
 void db_request_container_sweep();
 int db_take_container_sweep();                           // 1 once after a request
+int db_container_sweep_pending();                        // 1 while a request waits, untaken
 
 // Browsing policy of the four media kinds. Type 13 pictures, 14 music, 16
 // video, 17 documents; other types return 0. Raises an event at once.
