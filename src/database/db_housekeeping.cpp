@@ -45,14 +45,6 @@ static int32_t house_type(const db_object* o)
     return o ? db_object_type_of(o) : -1;
 }
 
-// A container of real items holds nothing else, except the %PATH folders
-// (type 10), where references and folders mix: the first real item ends
-// the look at a container, which keeps the walks out of "All" containers.
-static bool house_ends_look(const db_object* container, const db_object* child)
-{
-    return db_type_is_item(house_type(child)) && house_type(container) != DB_OBJ_STORAGE_ROOT;
-}
-
 // The folders below from in which a reference to target stands.
 static bool house_referred(db_object* from, const db_object* target)
 {
@@ -64,7 +56,7 @@ static bool house_referred(db_object* from, const db_object* target)
             db_object* x = db_container_child(c, i);
             if (db_type_is_container(house_type(x)))
                 stack.push_back(x);
-            else if (house_ends_look(c, x))
+            else if (db_container_ends_search(c, x))
                 break;
             else if (db_object_target(x) == target)
                 return true;
@@ -146,7 +138,7 @@ static int32_t house_drop_shadow_ref(db_object* x, void* context)
         walk->stack.push_back(x);
         return DB_COMPACT_KEEP;
     }
-    if (house_ends_look(walk->container, x))
+    if (db_container_ends_search(walk->container, x))
         return DB_COMPACT_KEEP_REST;
     if (db_type_is_ref(t) && house_type(db_object_target(x)) == DB_OBJ_SHADOW) {
         db_object_free(x);
@@ -179,7 +171,7 @@ static int32_t house_drop_shadow(db_object* x, void*)
 static int32_t house_drop_empty(db_object* x, void* context)
 {
     const db_object* container = static_cast<const db_object*>(context);
-    if (house_ends_look(container, x))
+    if (db_container_ends_search(container, x))
         return DB_COMPACT_KEEP_REST;
     if (!db_type_is_container(house_type(x)) || db_container_child_count(x) != 0 ||
         db_object_get_char(x, DBK_RESTRICTED) != '0')
@@ -203,7 +195,7 @@ static void house_remove_empty()
         db_object* c = top.container;
         if (top.next < db_container_child_count(c)) {
             db_object* x = db_container_child(c, top.next++);
-            if (house_ends_look(c, x))
+            if (db_container_ends_search(c, x))
                 top.next = db_container_child_count(c);
             else if (db_type_is_container(house_type(x)))
                 stack.push_back({x, 0});        // top is not used after this

@@ -968,19 +968,28 @@ int db_object_apply_meta(db_object* o, const db_meta_list* list)
 
 // ---- References ---------------------------------------------------------------------------
 
-// Frees the references to target among c's children. A container of real
-// items holds nothing else (except the mixed %PATH folders), so the first
-// real item ends the look at it, and "All" containers cost nothing.
+int db_container_ends_search(const db_object* container, const db_object* child)
+{
+    if (!child || !db_type_is_item(type_of(child)) || type_of(container) == DB_OBJ_STORAGE_ROOT)
+        return 0;
+    const db_object* media_roots[] = {db_music_root, db_picture_root, db_video_root, db_document_root, db_radio_root};
+    for (const db_object* root : media_roots)
+        if (root == container)
+            return 0;
+    return 1;
+}
+
+// Frees the references to target among c's children; "All" containers
+// cost nothing, as their first item ends the look.
 static int32_t refs_drop_in(db_object* c, db_object* target, std::vector<db_object*>* stack)
 {
     int32_t freed = 0;
-    bool mixed = type_of(c) == DB_OBJ_STORAGE_ROOT;
     for (int32_t i = 0; i < db_container_child_count(c);) {
         db_object* x = db_container_child(c, i);
         int32_t t = type_of(x);
         if (t < 12)
             stack->push_back(x);
-        else if (db_type_is_item(t) && !mixed)
+        else if (db_container_ends_search(c, x))
             break;
         if (db_type_is_ref(t) && db_object_target(x) == target) {
             db_container_remove_child(c, x);

@@ -261,6 +261,12 @@ void db_object_free_tree(db_object* o);
 // Turns an item into a shadow (type 23) or back; the id's sequence stays.
 void db_object_retype(db_object* o, int32_t type);
 
+// 1 when child, a real item, ends a search of container for references and
+// folders. Containers of real items hold nothing else, which keeps walks
+// out of the "All" containers. The exceptions: %PATH folders (type 10) mix
+// references and folders, and a media root is its own "All" container in
+// the flat tree, where the tags root and video lists stand among the items.
+int db_container_ends_search(const db_object* container, const db_object* child);
 db_object* db_object_parent(const db_object* o);          // null for none
 db_object* db_object_target(const db_object* o);          // a reference's target, else null
 // Detaches and frees every reference to target in the tree below from,
