@@ -22,7 +22,9 @@
 #include "database/db_object.h"
 #include "runtime/upnp_log.h"
 
+#include <algorithm>
 #include <atomic>
+#include <unordered_set>
 #include <vector>
 
 static std::atomic<int32_t> house_shadow_request;
@@ -45,28 +47,8 @@ static int32_t house_type(const db_object* o)
     return o ? db_object_type_of(o) : -1;
 }
 
-// The folders below from in which a reference to target stands.
-static bool house_referred(db_object* from, const db_object* target)
-{
-    std::vector<db_object*> stack{from};
-    while (!stack.empty()) {
-        db_object* c = stack.back();
-        stack.pop_back();
-        for (int32_t i = 0; i < db_container_child_count(c); i++) {
-            db_object* x = db_container_child(c, i);
-            if (db_type_is_container(house_type(x)))
-                stack.push_back(x);
-            else if (db_container_ends_search(c, x))
-                break;
-            else if (db_object_target(x) == target)
-                return true;
-        }
-    }
-    return false;
-}
-
-// Where the folders that may refer to an item of this type stand: a
-// playlist holds a stream alive. Radio types look in the radio root.
+// Where the folders that may refer to an item of this type stand. Radio
+// types look in the radio root.
 static db_object* house_media_root(int32_t type)
 {
     db_object* root = nullptr;
@@ -83,44 +65,93 @@ static db_object* house_media_root(int32_t type)
 
 // ---- Marking shadows ------------------------------------------------------
 
-// 1 when the item became a shadow. A file in a "-" folder, or a record
-// without a path, keeps its record: the item comes back from it when the
-// folder is shared again and the database is read anew.
-static int house_mark(db_object* item)
+// Items of addresses, by the root below which references to them would
+// stand: at most one group per media root.
+struct house_streams {
+    db_object* root;
+    std::unordered_set<db_object*> items;
+};
+
+struct house_marking {
+    std::vector<db_object*> holders;        // containers that hold shadows
+    std::vector<house_streams> streams;
+};
+
+static void house_shadow(house_marking* m, db_object* item, bool free_record)
 {
     uint32_t block = db_id_to_block(item->id);
-    int32_t status = db_file_status_of_block(block);
-    if (status == DB_FILE_SHARED)
-        return 0;
-    if (status == DB_FILE_URL && house_referred(house_media_root(house_type(item)), item))
-        return 0;
     db_object_retype(item, DB_OBJ_SHADOW);
-    if (status == DB_FILE_URL || status == DB_FILE_GONE)
+    if (free_record)
         db_file_free_chain(block);
-    return 1;
+    m->holders.push_back(db_object_parent(item));
 }
 
-// Every item of the tree is looked at; the containers that now hold shadows
-// go into holders, once each. Shadows live only from here to the end of
-// the run, so those are all the containers that hold any.
-static void house_mark_shadows(std::vector<db_object*>* holders)
+// A file in a "-" folder, or a record without a path, keeps its record:
+// the item comes back from it when the database is read anew.
+static void house_mark(house_marking* m, db_object* item)
+{
+    int32_t status = db_file_status_of_block(db_id_to_block(item->id));
+    if (status == DB_FILE_SHARED)
+        return;
+    if (status != DB_FILE_URL) {
+        house_shadow(m, item, status == DB_FILE_GONE);
+        return;
+    }
+    db_object* root = house_media_root(house_type(item));
+    for (house_streams& s : m->streams)
+        if (s.root == root) {
+            s.items.insert(item);
+            return;
+        }
+    m->streams.push_back({root, {item}});
+}
+
+// A stream lives as long as a playlist refers to it: one walk per root
+// takes out of the group every item that a reference stands for, and
+// what remains becomes a shadow, its record freed.
+static void house_mark_streams(house_marking* m)
+{
+    for (house_streams& s : m->streams) {
+        std::vector<db_object*> stack{s.root};
+        while (!stack.empty() && !s.items.empty()) {
+            db_object* c = stack.back();
+            stack.pop_back();
+            for (int32_t i = 0; i < db_container_child_count(c); i++) {
+                db_object* x = db_container_child(c, i);
+                if (db_type_is_container(house_type(x)))
+                    stack.push_back(x);
+                else if (db_container_ends_search(c, x))
+                    break;
+                else if (db_object* target = db_object_target(x))
+                    s.items.erase(target);
+            }
+        }
+        for (db_object* item : s.items)
+            house_shadow(m, item, true);
+    }
+}
+
+// Every item of the tree is looked at. Shadows live only from here to the
+// end of the run, so the holders noted are all the containers that hold
+// any; each is noted once.
+static void house_mark_shadows(house_marking* m)
 {
     std::vector<db_object*> stack{db_root};
     while (!stack.empty()) {
         db_object* c = stack.back();
         stack.pop_back();
-        int marked = 0;
         for (int32_t i = 0; i < db_container_child_count(c); i++) {
             db_object* x = db_container_child(c, i);
             int32_t t = house_type(x);
             if (db_type_is_container(t))
                 stack.push_back(x);
             else if (db_type_is_item(t))
-                marked |= house_mark(x);
+                house_mark(m, x);
         }
-        if (marked)
-            holders->push_back(c);
     }
+    house_mark_streams(m);
+    std::sort(m->holders.begin(), m->holders.end());
+    m->holders.erase(std::unique(m->holders.begin(), m->holders.end()), m->holders.end());
 }
 
 // ---- Removing references and shadows --------------------------------------
@@ -228,11 +259,11 @@ void db_housekeeping(int64_t now)
             return;
         if (shadows) {
             upnp_log(UPNP_LOG_INFO, UPNP_LOG_DB, "removing shadow files\n");
-            std::vector<db_object*> holders;
-            house_mark_shadows(&holders);
-            if (!holders.empty()) {
+            house_marking marking;
+            house_mark_shadows(&marking);
+            if (!marking.holders.empty()) {
                 house_remove_shadow_refs();
-                for (db_object* c : holders)
+                for (db_object* c : marking.holders)
                     db_container_compact(c, house_drop_shadow, nullptr);
             }
             db_note_change();

@@ -480,7 +480,9 @@ int32_t db_container_compact(db_object* container, db_compact_fn verdict, void* 
         int32_t v = verdict(db_obj(slot.h), context);
         if (v == DB_COMPACT_DROP)
             continue;
-        db_array_ptr(c->children)[kept++] = slot;
+        if (kept != i - 1)
+            db_array_ptr(c->children)[kept] = slot;
+        kept++;
         if (v == DB_COMPACT_KEEP_REST)
             break;
     }
