@@ -83,10 +83,12 @@ TEST_F(DbHousekeeping, RequestsDuringARunBringOneMoreRunAndNoneRunsWithout)
     db_housekeeping(2);
     EXPECT_EQ(0, db_container_child_count(db_music_root));
     folder(0, "Empty", db_music_root);
+    track("on/gone.mp3");
+    ASSERT_EQ(0, unlink(dir.file("on/gone.mp3").c_str()));
     for (const char* scantime : {"-1", "0", "1"}) {
         upnp_ini_set(UPNP_OPT_SCANTIME, scantime);
         db_housekeeping(1000000);
-        EXPECT_EQ(1, db_container_child_count(db_music_root)) << scantime;
+        EXPECT_EQ(2, db_container_child_count(db_music_root)) << scantime;
     }
 }
 
