@@ -14,6 +14,7 @@
 #include "control/upnp_mediaserver.h"
 #include "database/db_file.h"
 #include "database/db_object.h"
+#include "database/db_tree.h"
 #include "media/upnp_filescan.h"
 #include "runtime/upnp_log.h"
 #include "runtime/upnp_os.h"
@@ -217,6 +218,7 @@ int32_t dapi_dms_get_sharedfolder(char** folders)
 int32_t dapi_dms_refresh_db(void)
 {
     upnp_filescan_request_rescan();
+    db_request_shadow_sweep();
     db_request_write();
     upnp_plugins_request();
     return 0;

@@ -659,6 +659,7 @@ int db_file_check()
     upnp_log(UPNP_LOG_INFO, UPNP_LOG_DB, "invoking initial database build\n");
     if (db_rescan_request_fn request = file_rescan_request.load())
         request();
+    db_request_shadow_sweep();
     upnp_file_close(upnp_file_open_write(marker));
     free(marker);
     return 0;

@@ -269,12 +269,11 @@ namespace {
 // the walk stops at a real item first or child is not there.
 int32_t walk_position(const db_object* parent, const db_object* child)
 {
-    bool mixed = db_object_type_of(parent) == DB_OBJ_STORAGE_ROOT;
     for (int32_t i = 0; i < db_container_child_count(parent); i++) {
         db_object* x = db_container_child(parent, i);
         if (x == child)
             return i;
-        if (!mixed && db_type_is_item(db_object_type_of(x)))
+        if (db_container_ends_search(parent, x))
             return -1;
     }
     return -1;
@@ -287,7 +286,7 @@ bool walk_meets(const db_object* parent, const db_object* child)
 {
     if (!index_outside.empty() && index_outside.count(db_arena_handle(child)))
         return false;
-    if (db_object_type_of(parent) == DB_OBJ_STORAGE_ROOT || !index_items.count(db_arena_handle(parent)))
+    if (db_container_mixes_items(parent) || !index_items.count(db_arena_handle(parent)))
         return true;
     return walk_position(parent, child) >= 0;
 }

@@ -476,6 +476,35 @@ void db_container_remove_child(db_object* container, db_object* child)
     db_container_mark_changed(container);
 }
 
+int32_t db_container_compact(db_object* container, db_compact_fn verdict, void* context)
+{
+    if (!container || !verdict || !db_type_is_container(type_of(container)))
+        return 0;
+    db_lock_guard hold;
+    db_container* c = as_container(container);
+    int32_t count = c->child_count, kept = 0, i = 0;
+    while (i < count) {
+        // Read afresh each time: the verdict may free other objects.
+        db_child_slot slot = db_array_ptr(c->children)[i++];
+        int32_t v = verdict(db_obj(slot.h), context);
+        if (v == DB_COMPACT_DROP)
+            continue;
+        if (kept != i - 1)
+            db_array_ptr(c->children)[kept] = slot;
+        kept++;
+        if (v == DB_COMPACT_KEEP_REST)
+            break;
+    }
+    int32_t dropped = i - kept;
+    if (!dropped)
+        return 0;
+    db_child_slot* slots = db_array_ptr(c->children);
+    memmove(&slots[kept], &slots[i], size_t(count - i) * sizeof(db_child_slot));
+    children_truncate(c, count - dropped);
+    db_container_mark_changed(container);
+    return dropped;
+}
+
 // ---- Reading ----------------------------------------------------------------------------
 
 static db_object* first_child(const db_object* o)
@@ -959,6 +988,22 @@ int db_object_apply_meta(db_object* o, const db_meta_list* list)
 
 // ---- References ---------------------------------------------------------------------------
 
+int db_container_mixes_items(const db_object* container)
+{
+    if (!container || type_of(container) == DB_OBJ_STORAGE_ROOT)
+        return 1;
+    const db_object* media_roots[] = {db_music_root, db_picture_root, db_video_root, db_document_root, db_radio_root};
+    for (const db_object* root : media_roots)
+        if (root == container)
+            return 1;
+    return 0;
+}
+
+int db_container_ends_search(const db_object* container, const db_object* child)
+{
+    return child && db_type_is_item(type_of(child)) && !db_container_mixes_items(container);
+}
+
 int32_t db_object_remove_refs(db_object* from, db_object* target)
 {
     if (!from || !target)
@@ -1097,6 +1142,7 @@ void db_object_delete(db_object* o)
     db_lock_guard hold;
     db_container_remove_child(db_object_parent(o), o);
     db_object_remove_refs(db_root, o);
+    db_request_container_sweep();
     if (db_records_set && db_records.free_chain)
         db_records.free_chain(db_id_to_block(o->id));
     db_object_free(o);
@@ -1250,6 +1296,11 @@ void db_request_container_sweep()
 int db_take_container_sweep()
 {
     return db_sweep_request.exchange(0);
+}
+
+int db_container_sweep_pending()
+{
+    return db_sweep_request;
 }
 
 void db_request_write()

@@ -241,6 +241,19 @@ db_object* db_ref_new(int32_t type, db_object* target, int32_t number);
 int db_container_add_child(db_object* container, db_object* child);
 // Takes child out of its parent's array, keeping the others' order.
 void db_container_remove_child(db_object* container, db_object* child);
+// What db_container_compact does with one child.
+enum db_compact_verdict : int32_t {
+    DB_COMPACT_KEEP = 0,
+    DB_COMPACT_DROP = 1,            // leaves the array; the verdict has taken it over
+    DB_COMPACT_KEEP_REST = 2,       // kept, and so is every later child, unlooked at
+};
+typedef int32_t (*db_compact_fn)(db_object* child, void* context);
+// Asks verdict about the children in order and closes the gaps of those
+// dropped in one pass over the array, so that a sweep costs the same for
+// one child gone as for thousands. A dropped child is not touched again,
+// so the verdict may free it; it must not change this container's list.
+// The number dropped.
+int32_t db_container_compact(db_object* container, db_compact_fn verdict, void* context);
 // Frees one object alone (not its children) and takes it off the account.
 void db_object_free(db_object* o);
 // Frees a subtree, children first.
@@ -248,6 +261,16 @@ void db_object_free_tree(db_object* o);
 // Turns an item into a shadow (type 23) or back; the id's sequence stays.
 void db_object_retype(db_object* o, int32_t type);
 
+// 1 when child, a real item, ends a search of container for references and
+// folders. Containers of real items hold nothing else, which keeps walks
+// out of the "All" containers. The exceptions: %PATH folders (type 10) mix
+// references and folders, and a media root is its own "All" container in
+// the flat tree, where the tags root and video lists stand among the items.
+int db_container_ends_search(const db_object* container, const db_object* child);
+// 1 for the containers where items and folders mix: %PATH folders, and the
+// media roots, which in the flat tree are their own "All" and get the tags
+// and playlist folders after their items.
+int db_container_mixes_items(const db_object* container);
 db_object* db_object_parent(const db_object* o);          // null for none
 db_object* db_object_target(const db_object* o);          // a reference's target, else null
 // Detaches and frees every reference to target in the tree below from,
@@ -349,6 +372,7 @@ int64_t db_get_start_time();
 // Empty containers wait for the housekeeping sweep.
 void db_request_container_sweep();
 int db_take_container_sweep();                           // 1 once after a request
+int db_container_sweep_pending();                        // 1 while a request waits, untaken
 
 // Browsing policy of the four media kinds. Type 13 pictures, 14 music, 16
 // video, 17 documents; other types return 0. Raises an event at once.

@@ -46,3 +46,21 @@ int32_t db_tree_remove_refs(db_object* container, db_object* item);
 // punctuation go to the first group, what follows "Z" to the last. Empty
 // for n below 1.
 void db_letter_group(const char* title, int32_t n, char* out, size_t size);
+
+// ---- Housekeeping -----------------------------------------------------------
+// Items whose files have gone, and folders left empty, stay in the tree
+// until db_housekeeping sweeps them. Requests are flags that any thread may
+// raise without db_lock; many requests before or during a run lead to one
+// run after it.
+
+// Asks for the sweep of items whose files have gone (after a scan pass, a
+// refresh, a change seen by the folder watch). Folders left empty go too.
+void db_request_shadow_sweep();
+// The scanner thread's tick. With a request pending: under db_lock, turns
+// items whose files have gone into shadows, frees every reference to them,
+// then them, then every folder left empty below the root's own children
+// that isn't restricted; then writes the database header. Without one it
+// only keeps the scantime clock. now is in seconds.
+void db_housekeeping(int64_t now);
+// 1 while a request waits for the next run.
+int db_housekeeping_pending();

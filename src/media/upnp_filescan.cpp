@@ -1,7 +1,8 @@
 // upnp_filescan.cpp: the filescanner thread. It walks the shared folders
 // depth first, admits each file whose extension and class a row of the file
 // type table takes, works off the changes that the folder watch queues, and
-// gives the once-a-second tick to whoever hung work on it.
+// gives the once-a-second tick to the database's housekeeping and to
+// whoever hung work on it.
 //
 // The scanner reads no file content itself: a row's handler does. A walk
 // never parses a file the store already knows, which is what keeps a rescan
@@ -16,6 +17,7 @@
 #include "config/upnp_ini.h"
 #include "database/db_file.h"
 #include "database/db_id.h"
+#include "database/db_tree.h"
 #include "media/upnp_filetype.h"
 #include "runtime/upnp_file.h"
 #include "runtime/upnp_log.h"
@@ -481,9 +483,12 @@ static void filescan_turn(int32_t scantime, int32_t* work_done)
         scan_forced_request = 0;
         *work_done = 1;
     }
+    // A pass never looks at a known file again: files that have gone are
+    // found by the sweep asked for here, at the next housekeeping.
     if (*work_done && upnp_is_running() == 1) {
         *work_done = 0;
         scan_started = 1;
+        db_request_shadow_sweep();
     }
     if (scantime < 0 && upnp_is_running() == 1)
         filescan_pending_work();
@@ -507,7 +512,9 @@ void upnp_filescan_thread()
             scan_forced_request = 1;
             seconds = 0;
         }
-        filescan_tick(filescan_now());
+        int64_t now = filescan_now();
+        db_housekeeping(now);
+        filescan_tick(now);
     }
     upnp_log(UPNP_LOG_INFO, UPNP_LOG_SCAN, "filescanner thread terminated\n");
 }

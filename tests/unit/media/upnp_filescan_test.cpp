@@ -2,6 +2,7 @@
 // and what is passed over, and that the pass always finishes.
 #include "../database/db_test_support.h"
 #include "config/upnp_ini.h"
+#include "database/db_tree.h"
 #include "media/upnp_filescan.h"
 #include "support/test_support.h"
 
@@ -129,6 +130,23 @@ TEST_F(Filescan, AdmissionChecksNameSizeAndClassBeforeAnyReader)
     for (const auto& c : cases)
         EXPECT_EQ(c.admitted, upnp_filescan_add_file(c.path.c_str(), c.media_class, 0, c.since, 0))
             << c.path << c.media_class << c.since;
+}
+
+TEST_F(Filescan, AFileDeletedBeforeAPassLeavesAtTheNextHousekeeping)
+{
+    file("gone.txt");
+    file("kept.txt");
+    upnp_filescan_folder_pass();
+    const uint32_t gone = upnp_cds_db_file_get_id_by_res((share + "/gone.txt").c_str());
+    ASSERT_NE(gone, 0u);
+    db_housekeeping(0);       // no sweep already waiting
+    ASSERT_EQ(0, unlink((share + "/gone.txt").c_str()));
+    upnp_filescan_request_rescan();
+    ASSERT_TRUE(upnp_filescan_start());
+    EXPECT_TRUE(test_eventually([&] { return !db_get_pItem_by_id(gone); }, 60000));
+    upnp_set_running(0);
+    upnp_filescan_queue_term();
+    EXPECT_NE(upnp_cds_db_file_get_id_by_res((share + "/kept.txt").c_str()), 0u);
 }
 
 }  // namespace
