@@ -5,6 +5,7 @@
 #include <velmora/dapi_dms.h>
 
 #include "database/db_object.h"
+#include "database/db_store.h"
 #include "runtime/upnp_run.h"
 #include "support/test_net.h"
 #include "support/test_support.h"
@@ -84,6 +85,7 @@ struct Scan : ::testing::Test {
         dapi_dms_register_callback(nullptr);
         dapi_dms_terminate();
         upnp_switches.document_root = 0;
+        upnp_switches.tree_flat = 1;
         test_write_file(ini, saved);
     }
 };
@@ -125,6 +127,19 @@ TEST_F(Scan, AFirstPassStoresEveryFileWithItsTypeRefusesTheRestAndARestartKeepsT
     dapi_dms_terminate();
     ASSERT_NO_FATAL_FAILURE(pass(2));
     EXPECT_EQ(first, stored_items(files));
+
+    // The full tree: the preset's nodes beside "All Music", and every
+    // track, photo and video reached through them as well.
+    dapi_dms_terminate();
+    ASSERT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, DAPI_FLAG_NO_SSDP | DAPI_FLAG_NESTED_TREE));
+    ASSERT_TRUE(test_eventually([&] { std::lock_guard<std::mutex> h(seen_lock); return finishes >= 3; }, 60000));
+    db_lock_guard hold;
+    EXPECT_NE(db_music_root, db_all_music);
+    EXPECT_GE(db_container_child_count(db_music_root), 5);
+    for (const auto& [path, type] : files) {
+        if (type == DB_OBJ_AUDIO || type == DB_OBJ_PHOTO || type == DB_OBJ_VIDEO)
+            EXPECT_GT(db_ref_index_count(db_object_find_by_path(path.c_str())), 0) << path;
+    }
 }
 
 }  // namespace
