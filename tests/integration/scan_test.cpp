@@ -137,8 +137,9 @@ TEST_F(Scan, AFirstPassStoresEveryFileWithItsTypeRefusesTheRestAndARestartKeepsT
     EXPECT_NE(db_music_root, db_all_music);
     EXPECT_GE(db_container_child_count(db_music_root), 5);
     for (const auto& [path, type] : files) {
-        if (type == DB_OBJ_AUDIO || type == DB_OBJ_PHOTO || type == DB_OBJ_VIDEO)
+        if (type == DB_OBJ_AUDIO || type == DB_OBJ_PHOTO || type == DB_OBJ_VIDEO) {
             EXPECT_GT(db_ref_index_count(db_object_find_by_path(path.c_str())), 0) << path;
+        }
     }
 }
 
