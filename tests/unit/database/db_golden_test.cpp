@@ -1,11 +1,8 @@
-// Whole navigation trees against outlines kept in tests/golden: a small
-// library goes into a store built as the server builds it (options from the
-// preset, fixed top, navigation rules), and the tree is printed one object a
-// line, two spaces a level, "title [class] (children)" for containers and
-// "title [class]" for items and references, in the order the store keeps.
-// The outlines are not taken from a run: tests/golden/layout.py lays them
-// out from the folder values of this library, which it holds as worked out
-// by hand; a change to the library goes there too.
+// Whole navigation trees against outlines kept in tests/golden, one object a
+// line, two spaces a level, "title [class] (children)" for containers, in the
+// order the store keeps. tests/golden/layout.py lays the outlines out from
+// this library's folder values worked out by hand (not from a run): a change
+// to the library goes there too.
 #include "config/upnp_ini.h"
 #include "database/db_file.h"
 #include "database/db_id.h"
@@ -17,80 +14,48 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
-#include <ostream>
+#include <sstream>
 #include <string>
+#include <vector>
 
 namespace {
 
-struct golden_file {
-    const char* path;
-    int32_t type;
-    const char* title;
-    const char* artist;
-    const char* album;
-    const char* genre;
-    const char* date;
-    const char* composer;
-    const char* compilation;
+// As the scanner hands them over, tags as tagged, album by album: the folder
+// (artist/album), genre, date, composer, then the files "NN title" (title
+// taken from the name), with "@artist" on a compilation's tracks.
+const char* const golden_albums[][5] = {
+    {"Abba/Gold", "Pop", "1992-09-21", "Andersson/Ulvaeus", "01 Dancing Queen|02 Fernando|03 Waterloo|04 Chiquitita"},
+    {"The Beatles/Abbey Road", "Rock", "1969-09-26", nullptr, "01 Come Together|02 Something|07 Here Comes The Sun"},
+    {"The Beatles/Help!", "Rock", "1965-08-06", nullptr, "01 Help!|13 Yesterday"},
+    {"Ärger/Laut", "Rock", "2001-03-03", nullptr, "01 Krach|02 Stille"},
+    {"Åsa Jinder/Visor", "Folk", "1998-06-01", nullptr, "01 Vals|02 Polska"},
+    {"Berliner Philharmoniker/Symphonies 5 & 7", "Classical", "1963-01-01", "Beethoven", "01 Symphony No. 5|02 Symphony No. 7"},
+    {"Damien Rice/9", "Folk", "2006-11-06", nullptr, "01 9 Crimes"},
+    {"10cc/The Original Soundtrack", "Rock", "1975-03-01", nullptr, "01 I'm Not In Love|02 Une Nuit A Paris"},
+    {"Nena/Nena", "Pop", "1983-01-01", nullptr, "01 99 Luftballons"},
+    {"The Smashing Pumpkins/Mellon Collie And The Infinite Sadness", "Rock", "1995-10-24", nullptr, "01 1979|02 Zero"},
+    {"Sampler/Bravo Hits 12", "Pop", "1996-02-01", nullptr,
+     "01 Leuchtturm@Nena|02 Super Trouper@Abba|03 The Look@Roxette|04 Brother Louie@Modern Talking"},
+    {"Modern Talking/Ready For Romance", "Pop", "1986-05-01", nullptr, "01 Atlantis Is Calling|02 Geronimo's Cadillac"},
+    {"Roxette/Look Sharp!", "Pop", "1988-10-21", nullptr, "01 Listen To Your Heart|02 Dangerous"},
+    {"Yello/Stella", "Electronic", "1985-01-01", nullptr, "01 Desire|02 Oh Yeah"},
+    {"Yello/Gold", "Electronic", "1988-06-01", nullptr, "01 The Race"},
 };
 
-constexpr int32_t A = DB_OBJ_AUDIO;
-#define M "/srv/media/"
-// As the scanner hands them over, tags as tagged; one file without tags
-// (title from its name) at the top of the shared folder.
-const golden_file golden_library[] = {
-    {M "Abba/Gold/01 Dancing Queen.mp3", A, "Dancing Queen", "Abba", "Gold", "Pop", "1992-09-21", "Andersson/Ulvaeus", nullptr},
-    {M "Abba/Gold/02 Fernando.mp3", A, "Fernando", "Abba", "Gold", "Pop", "1992-09-21", "Andersson/Ulvaeus", nullptr},
-    {M "Abba/Gold/03 Waterloo.mp3", A, "Waterloo", "Abba", "Gold", "Pop", "1992-09-21", "Andersson/Ulvaeus", nullptr},
-    {M "Abba/Gold/04 Chiquitita.mp3", A, "Chiquitita", "Abba", "Gold", "Pop", "1992-09-21", "Andersson/Ulvaeus", nullptr},
-    {M "The Beatles/Abbey Road/01 Come Together.mp3", A, "Come Together", "The Beatles", "Abbey Road", "Rock", "1969-09-26", nullptr, nullptr},
-    {M "The Beatles/Abbey Road/02 Something.mp3", A, "Something", "The Beatles", "Abbey Road", "Rock", "1969-09-26", nullptr, nullptr},
-    {M "The Beatles/Abbey Road/07 Here Comes The Sun.mp3", A, "Here Comes The Sun", "The Beatles", "Abbey Road", "Rock", "1969-09-26", nullptr, nullptr},
-    {M "The Beatles/Help!/01 Help!.mp3", A, "Help!", "The Beatles", "Help!", "Rock", "1965-08-06", nullptr, nullptr},
-    {M "The Beatles/Help!/13 Yesterday.mp3", A, "Yesterday", "The Beatles", "Help!", "Rock", "1965-08-06", nullptr, nullptr},
-    {M "Ärger/Laut/01 Krach.mp3", A, "Krach", "Ärger", "Laut", "Rock", "2001-03-03", nullptr, nullptr},
-    {M "Ärger/Laut/02 Stille.mp3", A, "Stille", "Ärger", "Laut", "Rock", "2001-03-03", nullptr, nullptr},
-    {M "Åsa Jinder/Visor/01 Vals.mp3", A, "Vals", "Åsa Jinder", "Visor", "Folk", "1998-06-01", nullptr, nullptr},
-    {M "Åsa Jinder/Visor/02 Polska.mp3", A, "Polska", "Åsa Jinder", "Visor", "Folk", "1998-06-01", nullptr, nullptr},
-    {M "Berliner Philharmoniker/Symphonies 5 & 7/01 Symphony No. 5.mp3", A, "Symphony No. 5", "Berliner Philharmoniker", "Symphonies 5 & 7", "Classical", "1963-01-01", "Beethoven", nullptr},
-    {M "Berliner Philharmoniker/Symphonies 5 & 7/02 Symphony No. 7.mp3", A, "Symphony No. 7", "Berliner Philharmoniker", "Symphonies 5 & 7", "Classical", "1963-01-01", "Beethoven", nullptr},
-    {M "Damien Rice/9/01 9 Crimes.mp3", A, "9 Crimes", "Damien Rice", "9", "Folk", "2006-11-06", nullptr, nullptr},
-    {M "10cc/The Original Soundtrack/01 I'm Not In Love.mp3", A, "I'm Not In Love", "10cc", "The Original Soundtrack", "Rock", "1975-03-01", nullptr, nullptr},
-    {M "10cc/The Original Soundtrack/02 Une Nuit A Paris.mp3", A, "Une Nuit A Paris", "10cc", "The Original Soundtrack", "Rock", "1975-03-01", nullptr, nullptr},
-    {M "Nena/Nena/01 99 Luftballons.mp3", A, "99 Luftballons", "Nena", "Nena", "Pop", "1983-01-01", nullptr, nullptr},
-    {M "The Smashing Pumpkins/Mellon Collie And The Infinite Sadness/01 1979.mp3", A, "1979", "The Smashing Pumpkins", "Mellon Collie And The Infinite Sadness", "Rock", "1995-10-24", nullptr, nullptr},
-    {M "The Smashing Pumpkins/Mellon Collie And The Infinite Sadness/02 Zero.mp3", A, "Zero", "The Smashing Pumpkins", "Mellon Collie And The Infinite Sadness", "Rock", "1995-10-24", nullptr, nullptr},
-    {M "Sampler/Bravo Hits 12/01 Leuchtturm.mp3", A, "Leuchtturm", "Nena", "Bravo Hits 12", "Pop", "1996-02-01", nullptr, "1"},
-    {M "Sampler/Bravo Hits 12/02 Super Trouper.mp3", A, "Super Trouper", "Abba", "Bravo Hits 12", "Pop", "1996-02-01", nullptr, "1"},
-    {M "Sampler/Bravo Hits 12/03 The Look.mp3", A, "The Look", "Roxette", "Bravo Hits 12", "Pop", "1996-02-01", nullptr, "1"},
-    {M "Sampler/Bravo Hits 12/04 Brother Louie.mp3", A, "Brother Louie", "Modern Talking", "Bravo Hits 12", "Pop", "1996-02-01", nullptr, "1"},
-    {M "Modern Talking/Ready For Romance/01 Atlantis Is Calling.mp3", A, "Atlantis Is Calling", "Modern Talking", "Ready For Romance", "Pop", "1986-05-01", nullptr, nullptr},
-    {M "Modern Talking/Ready For Romance/02 Geronimo's Cadillac.mp3", A, "Geronimo's Cadillac", "Modern Talking", "Ready For Romance", "Pop", "1986-05-01", nullptr, nullptr},
-    {M "Roxette/Look Sharp!/01 Listen To Your Heart.mp3", A, "Listen To Your Heart", "Roxette", "Look Sharp!", "Pop", "1988-10-21", nullptr, nullptr},
-    {M "Roxette/Look Sharp!/02 Dangerous.mp3", A, "Dangerous", "Roxette", "Look Sharp!", "Pop", "1988-10-21", nullptr, nullptr},
-    {M "Yello/Stella/01 Desire.mp3", A, "Desire", "Yello", "Stella", "Electronic", "1985-01-01", nullptr, nullptr},
-    {M "Yello/Stella/02 Oh Yeah.mp3", A, "Oh Yeah", "Yello", "Stella", "Electronic", "1985-01-01", nullptr, nullptr},
-    {M "Yello/Gold/01 The Race.mp3", A, "The Race", "Yello", "Gold", "Electronic", "1988-06-01", nullptr, nullptr},
-    {M "demo take.mp3", A, "demo take", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr},
-    {M "Photos/2019/beach.jpg", DB_OBJ_PHOTO, "beach", nullptr, nullptr, nullptr, "2019-07-14", nullptr, nullptr},
-    {M "Photos/2019/sunset.jpg", DB_OBJ_PHOTO, "sunset", nullptr, nullptr, nullptr, "2019-08-02", nullptr, nullptr},
-    {M "Photos/scan.jpg", DB_OBJ_PHOTO, "scan", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr},
-    {M "Videos/holiday.mp4", DB_OBJ_VIDEO, "holiday", nullptr, nullptr, nullptr, "2019-07-15", nullptr, nullptr},
+// After the albums, files with a title from the name and at most a date; one
+// without tags at the top of the shared folder.
+const struct { const char* path; int32_t type; const char* date; } golden_others[] = {
+    {"demo take.mp3", DB_OBJ_AUDIO, nullptr}, {"Photos/2019/beach.jpg", DB_OBJ_PHOTO, "2019-07-14"},
+    {"Photos/2019/sunset.jpg", DB_OBJ_PHOTO, "2019-08-02"}, {"Photos/scan.jpg", DB_OBJ_PHOTO, nullptr},
+    {"Videos/holiday.mp4", DB_OBJ_VIDEO, "2019-07-15"},
 };
-#undef M
 
 // Length (with milliseconds as a fourth field) and rating of a few tracks;
 // a rating of 0 makes no folder.
-const struct {
-    const char* title;
-    const char* duration;
-    const char* rating;
-} golden_extras[] = {
-    {"Dancing Queen", "0:03:51:500", "5"},
-    {"Fernando", "0:04:14", "3"},
-    {"Waterloo", nullptr, "0"},
-};
+const char* const golden_extras[][3] = {
+    {"Dancing Queen", "0:03:51:500", "5"}, {"Fernando", "0:04:14", "3"}, {"Waterloo", nullptr, "0"}};
 
 // The full tree with preset 0 has the nodes written here by hand: parts of
 // the rule language no preset uses, some at node numbers no preset fills,
@@ -103,31 +68,36 @@ const std::pair<int32_t, const char*> golden_hand_options[] = {
     {UPNP_OPT_PICTURENODE3, "Days,%DAY"}, {UPNP_OPT_VIDEONODE1, nullptr}, {UPNP_OPT_VIDEONODE2, "Dates,%DATE"},
 };
 
-struct golden_case {
-    int32_t flat;
-    int32_t autotree;
-};
-
-void PrintTo(const golden_case& c, std::ostream* os)
+// One file as the scanner hands it over, with the fields that are set.
+void golden_add(const std::string& name, int32_t type, std::vector<std::pair<int32_t, const char*>> tags)
 {
-    *os << (c.flat ? "flat" : "full") << " tree, autotree " << c.autotree;
+    std::string path = "/srv/media/" + name, title = name.substr(name.rfind('/') + 1);
+    title = title.substr(0, title.rfind('.')).substr(isdigit(uint8_t(title[0])) ? 3 : 0);   // "NN " off a track
+    tags.insert(tags.begin(), {DBK_TITLE, title.c_str()});
+    tags.push_back({DBK_SIZE_TEXT, "4000"});
+    for (const auto& extra : golden_extras)
+        if (title == extra[0])
+            tags.insert(tags.end(), {{DBK_DURATION, extra[1]}, {DBK_RATING, extra[2]}});
+    db_meta_list* list = db_meta_list_add(nullptr, DBK_TYPE, std::to_string(type).c_str(), 0);
+    for (const auto& [key, value] : tags)
+        list = db_meta_list_add(list, key, value, 0);
+    std::string raw = db_test_raw(path, type);
+    EXPECT_NE(db_object_add(list, path.c_str(), type, 0, raw.c_str(), int32_t(raw.size())), nullptr) << path;
+    db_meta_list_free(list);
 }
 
 void golden_outline(const db_object* o, int depth, std::string& out)
 {
     const char* title = db_object_get_str(o, DBK_TITLE);
     out += std::string(size_t(depth) * 2, ' ') + (title ? title : "<null>") + " [" + db_object_class(o) + "]";
-    if (!db_type_is_container(db_object_type_of(o))) {
-        out += "\n";
-        return;
-    }
-    int32_t count = db_object_get_int(o, DBK_CHILD_COUNT);
-    out += " (" + std::to_string(count) + ")\n";
+    bool container = db_type_is_container(db_object_type_of(o));
+    int32_t count = container ? db_object_get_int(o, DBK_CHILD_COUNT) : 0;
+    out += container ? " (" + std::to_string(count) + ")\n" : "\n";
     for (int32_t i = 0; i < count; i++)
         golden_outline(db_container_child(o, i), depth + 1, out);
 }
 
-struct DbGolden : ConfigStart, ::testing::WithParamInterface<golden_case> {
+struct DbGolden : ConfigStart, ::testing::WithParamInterface<int32_t> {
     void TearDown() override
     {
         db_set_tree_rules(nullptr);
@@ -139,75 +109,64 @@ struct DbGolden : ConfigStart, ::testing::WithParamInterface<golden_case> {
     int32_t saved_document_root = upnp_switches.document_root;
 };
 
-// Preset 0 keeps the nodes the preset before it set; the ini defaults come
-// with preset 1, so that is what a flat tree would find.
+// The autotree preset, or -1 for a flat tree. Preset 0 keeps the nodes the
+// preset before it set; the ini defaults come with preset 1, so that is what
+// a flat tree would find.
 TEST_P(DbGolden, TreeMatchesItsOutline)
 {
-    const golden_case c = GetParam();
-    upnp_switches.tree_flat = c.flat;
-    upnp_switches.document_root = 0;
-    upnp_switches.oid_seed = 0;
+    const bool flat = GetParam() < 0;
+    const std::string autotree = std::to_string(flat ? 0 : GetParam());
+    upnp_switches.tree_flat = flat;
+    upnp_switches.document_root = upnp_switches.oid_seed = 0;
     start();
-    upnp_ini_set(UPNP_OPT_LANGUAGE, "en");
-    upnp_ini_set(UPNP_OPT_ADAPTCASE, "1");
-    upnp_ini_set(UPNP_OPT_CONTENTDIR, "+A|/srv/media");
-    upnp_ini_set(UPNP_OPT_PLAYLISTNUMENTRIES, "3");
-    upnp_ini_set(UPNP_OPT_AUTOTREE, nullptr);
-    upnp_ini_set(UPNP_OPT_AUTOTREE, "1");
-    upnp_ini_set(UPNP_OPT_AUTOTREE, std::to_string(c.autotree).c_str());
-    if (!c.flat && c.autotree == 0)
-        for (const auto& [option, value] : golden_hand_options)
+    const std::pair<int32_t, const char*> options[] = {
+        {UPNP_OPT_LANGUAGE, "en"}, {UPNP_OPT_ADAPTCASE, "1"}, {UPNP_OPT_CONTENTDIR, "+A|/srv/media"},
+        {UPNP_OPT_PLAYLISTNUMENTRIES, "3"}, {UPNP_OPT_AUTOTREE, nullptr}, {UPNP_OPT_AUTOTREE, "1"},
+        {UPNP_OPT_AUTOTREE, autotree.c_str()}};
+    for (const auto& [option, value] : options)
+        upnp_ini_set(option, value);
+    for (const auto& [option, value] : golden_hand_options)
+        if (GetParam() == 0)
             upnp_ini_set(option, value);
 
     db_create();
     ASSERT_TRUE(db_file_open_memory(nullptr, 0));
     db_build_root();
     db_set_tree_rules(db_tree_attach);
-    for (const golden_file& f : golden_library) {
-        db_meta_list* list = db_meta_list_add(nullptr, DBK_TYPE, std::to_string(f.type).c_str(), 0);
-        const std::pair<int32_t, const char*> tags[] = {
-            {DBK_TITLE, f.title}, {DBK_ARTIST, f.artist}, {DBK_ALBUM, f.album}, {DBK_GENRE, f.genre},
-            {DBK_DATE, f.date}, {DBK_COMPOSER, f.composer}, {DBK_COMPILATION, f.compilation}, {DBK_SIZE_TEXT, "4000"},
-        };
-        for (const auto& [key, value] : tags)
-            list = db_meta_list_add(list, key, value, 0);
-        for (const auto& extra : golden_extras)
-            if (!strcmp(extra.title, f.title)) {
-                list = db_meta_list_add(list, DBK_DURATION, extra.duration, 0);
-                list = db_meta_list_add(list, DBK_RATING, extra.rating, 0);
-            }
-        std::string raw = db_test_raw(f.path, f.type);
-        EXPECT_NE(db_object_add(list, f.path, f.type, 0, raw.c_str(), int32_t(raw.size())), nullptr) << f.path;
-        db_meta_list_free(list);
+    for (const auto& [folder, genre, date, composer, files] : golden_albums) {
+        std::string dir = folder, album = dir.substr(dir.find('/') + 1);
+        std::istringstream list(files);
+        for (std::string file; std::getline(list, file, '|');) {
+            std::string artist = dir.substr(0, dir.find('/'));
+            size_t by = file.find('@');
+            if (by != std::string::npos)
+                artist = file.substr(by + 1), file.resize(by);
+            golden_add(dir + "/" + file + ".mp3", DB_OBJ_AUDIO,
+                       {{DBK_ARTIST, artist.c_str()}, {DBK_ALBUM, album.c_str()}, {DBK_GENRE, genre}, {DBK_DATE, date},
+                        {DBK_COMPOSER, composer}, {DBK_COMPILATION, by == std::string::npos ? nullptr : "1"}});
+        }
     }
+    for (const auto& f : golden_others)
+        golden_add(f.path, f.type, {{DBK_DATE, f.date}});
 
     std::string outline;
     golden_outline(db_root, 0, outline);
-    std::string name = std::string("tree-") + (c.flat ? "flat" : "full") + "-autotree" + std::to_string(c.autotree);
+    std::string name = std::string("tree-") + (flat ? "flat" : "full") + "-autotree" + autotree;
     std::string expected = test_read_file(VELMORA_SOURCE_DIR "/tests/golden/" + name + ".txt");
     if (expected != outline) {
         // The whole outline is long: name the first line that differs and
         // leave the tree beside the test for a diff.
-        size_t at = 0, line = 1;
-        while (at < expected.size() && at < outline.size() && expected[at] == outline[at])
-            line += expected[at++] == '\n';
-        auto line_at = [&](const std::string& s) {
-            size_t start = s.rfind('\n', at ? at - 1 : 0);
-            start = start == std::string::npos || at == 0 ? 0 : start + 1;
-            return s.substr(start, s.find('\n', start) - start);
-        };
+        size_t at = size_t(std::mismatch(expected.begin(), expected.end(), outline.begin(), outline.end()).first - expected.begin());
+        size_t from = expected.rfind('\n', at ? at - 1 : 0) + 1;       // npos + 1: the first line
         test_write_file(name + ".actual.txt", outline);
-        ADD_FAILURE() << name << " differs at line " << line << "\n  expected: " << line_at(expected)
-                      << "\n  actual:   " << line_at(outline) << "\n(tree written to " << name << ".actual.txt)";
+        ADD_FAILURE() << name << " differs at line " << std::count(expected.begin(), expected.begin() + from, '\n') + 1
+                      << ":\n  expected: " << expected.substr(from, expected.find('\n', at) - from)
+                      << "\n  actual:   " << outline.substr(from, outline.find('\n', at) - from) << "\n(tree written to " << name << ".actual.txt)";
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Trees, DbGolden,
-                         ::testing::Values(golden_case{1, 0}, golden_case{0, 0}, golden_case{0, 1}, golden_case{0, 2},
-                                           golden_case{0, 3}),
-                         [](const ::testing::TestParamInfo<golden_case>& info) {
-                             return std::string(info.param.flat ? "Flat" : "Full") + "Autotree" +
-                                    std::to_string(info.param.autotree);
-                         });
+INSTANTIATE_TEST_SUITE_P(Trees, DbGolden, ::testing::Values(-1, 0, 1, 2, 3), [](const auto& info) {
+    return info.param < 0 ? std::string("FlatAutotree0") : "FullAutotree" + std::to_string(info.param);
+});
 
 }  // namespace
