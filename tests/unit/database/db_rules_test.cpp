@@ -29,6 +29,15 @@ protected:
         DbStoreTest::TearDown();
     }
 
+    // A real item in c, as a scan below a shared folder puts one.
+    static db_object* real(db_object* c, const std::string& name)
+    {
+        db_object* x = add("/m/" + name + ".mp3", DB_OBJ_AUDIO, {});
+        db_container_remove_child(db_all_music, x);
+        db_container_add_child(c, x);
+        return x;
+    }
+
     // "title#type/..." down to each reference below c ("." for c), sorted.
     static std::vector<std::string> outline(db_object* c, const std::string& at = "")
     {
@@ -66,59 +75,33 @@ TEST_F(DbRulesTest, UpdateMovesTheReferences)
     EXPECT_EQ(db_object_remove_refs(db_root, item), 1);
 }
 
+// Inner album, %PATH folder, node: two references each and the last one of
+// each goes; after a real item the walk stops, except in a %PATH folder.
 TEST_F(DbRulesTest, RemoveRefsTakesTheLastOfEachContainerTheWalkMeets)
 {
     db_object* item = add("/m/a.mp3", DB_OBJ_AUDIO, {{DBK_ARTIST, "Abba"}});
-    db_object* real[2] = {add("/m/b.mp3", DB_OBJ_AUDIO, {}), add("/m/c.mp3", DB_OBJ_AUDIO, {})};
-    db_object* inner = folder(DB_OBJ_MUSIC_ALBUM, "inner", node);
-    db_object* mixed = folder(DB_OBJ_STORAGE_ROOT, "mixed", node);
-    db_object* kept_inner = ref(item, inner);
-    ref(item, inner);
-    db_object* first = ref(item, node);
+    db_object *inner = folder(DB_OBJ_MUSIC_ALBUM, "inner", node), *mixed = folder(DB_OBJ_STORAGE_ROOT, "mixed", node);
+    db_object *kept_inner = ref(item, inner), *first = (ref(item, inner), ref(item, node));
     ref(item, node);
-    for (int i = 0; i < 2; i++) {
-        db_container_remove_child(db_all_music, real[i]);
-        db_container_add_child(i ? node : mixed, real[i]);
-    }
-    ref(item, mixed);                                    // behind a real item, in a %PATH folder: met
-    db_object* hidden = ref(item, node);                 // behind a real item: the walk stopped
+    real(mixed, "b"), real(node, "c"), ref(item, mixed);
+    db_object* hidden = ref(item, node);
     EXPECT_EQ(db_tree_remove_refs(node, item), 3);
     EXPECT_EQ(outline(node), (std::vector<std::string>{".", ".", "inner#6"}));
     EXPECT_TRUE(db_container_has(node, first) && db_container_has(node, hidden) && db_container_has(inner, kept_inner));
-    EXPECT_EQ(db_container_child_count(mixed), 1);
 }
 
-// The title lookup answers what a walk of the children answers (the first
-// match), through appends, removals, sorts in place and retitles.
-TEST_F(DbRulesTest, TitleLookupMatchesTheWalk)
+// The walk that the title lookup and reference removal answer for without
+// walking: children in order, the first container of a title; containers
+// searched in turn, stopped by the first real item except in %PATH folders,
+// all references to the target or the last one of each container.
+static db_object* walk_title(db_object* c, const char* title)
 {
-    const char* titles[] = {"a", "b", "Unknown", nullptr};   // no title reads "Unknown"
-    const int32_t types[] = {DB_OBJ_CONTAINER, DB_OBJ_MUSIC_ALBUM, DB_OBJ_MUSIC_ARTIST};
-    std::minstd_rand pick(7);      // the shuffle reseeds rand() at each sort: the same run each time
-    for (int step = 0; step < 300; step++) {
-        int32_t n = db_container_child_count(node), op = pick() % 4;
-        db_object* some = n ? db_container_child(node, pick() % n) : nullptr;
-        if (op == 0 || !some)
-            folder(types[pick() % 3], titles[pick() % 4], node);
-        else if (op == 1)
-            db_container_remove_child(node, some), db_object_free(some);
-        else if (op == 2)
-            db_sort_prepare("Philips:shuffle", DB_OBJ_CONTAINER, nullptr), db_container_sort(node);
-        else
-            db_object_set_str(some, DBK_TITLE, titles[pick() % 3]);
-        for (const char* t : {"a", "b", "Unknown"}) {
-            db_object* first = nullptr;
-            for (int32_t i = db_container_child_count(node); i-- > 0;)
-                if (!strcmp(db_object_get_str(db_container_child(node, i), DBK_TITLE), t))
-                    first = db_container_child(node, i);
-            ASSERT_EQ(db_container_find_title(node, t), first) << "step " << step << " " << t;
-        }
-    }
+    for (int32_t i = 0; i < db_container_child_count(c); i++)
+        if (db_object* x = db_container_child(c, i); db_object_type_of(x) < 12 && !strcmp(db_object_get_str(x, DBK_TITLE), title))
+            return x;
+    return nullptr;
 }
 
-// The walk that reference removal answers for without walking: children in
-// order, containers searched in turn, stopped by the first real item except
-// in %PATH folders; all matches, or the last one of each container.
 static void walk_refs(db_object* c, db_object* target, bool last_only, std::vector<db_object*>* out)
 {
     db_object* last = nullptr;
@@ -136,28 +119,40 @@ static void walk_refs(db_object* c, db_object* target, bool last_only, std::vect
         out->push_back(last);
 }
 
-TEST_F(DbRulesTest, RemoveRefsMatchesTheWalk)
+// Random trees of folders (titled alike or not at all), real items, shadows
+// and references, sorted in place and retitled, emptied folders and
+// references removed: the lookups answer what the walks answer.
+TEST_F(DbRulesTest, LookupsMatchTheWalk)
 {
-    std::minstd_rand pick(11);
+    const char* titles[] = {"a", "b", "Unknown", nullptr};   // no title reads "Unknown"
+    const int32_t types[] = {DB_OBJ_CONTAINER, DB_OBJ_MUSIC_ALBUM, DB_OBJ_STORAGE_ROOT};
+    std::minstd_rand pick(11);      // the shuffle reseeds rand() at each sort: the same run each time
     std::vector<db_object*> folders{node}, targets;
     std::vector<std::pair<db_object*, db_object*>> refs;     // and the folder each went into
-    const int32_t types[] = {DB_OBJ_CONTAINER, DB_OBJ_MUSIC_ALBUM, DB_OBJ_STORAGE_ROOT};
     for (int i = 0; i < 4; i++)
         targets.push_back(add("/m/t" + std::to_string(i) + ".mp3", DB_OBJ_AUDIO, {}));
     for (int round = 0; round < 40; round++) {
         for (int step = 0; step < 30; step++) {
-            db_object* in = folders[pick() % folders.size()];
-            if (int op = int(pick() % 5); op == 0) {
-                folders.push_back(folder(types[pick() % 3], "f", in));
-            } else if (op == 1) {
-                db_object* real = add("/m/r" + std::to_string(round * 30 + step) + ".mp3", DB_OBJ_AUDIO, {});
-                db_container_remove_child(db_all_music, real);
-                db_container_add_child(in, real);
-                if (pick() % 4 == 0)
-                    db_object_retype(real, DB_OBJ_SHADOW);      // a shadow doesn't stop the walk
-            } else {
+            db_object* in = pick() % 2 ? node : folders[pick() % folders.size()];   // siblings alike in node
+            int32_t n = db_container_child_count(in), op = int32_t(pick() % 8);
+            db_object* some = n ? db_container_child(in, int32_t(pick() % n)) : nullptr;
+            bool empty_folder = some && db_object_type_of(some) < 12 && !db_container_child_count(some);
+            if (op == 0)
+                folders.push_back(folder(types[pick() % 3], titles[pick() % 4], in));
+            else if (op == 1 && pick() % 4)
+                real(in, std::to_string(round * 30 + step));
+            else if (op == 1)      // a shadow doesn't stop the walk
+                db_object_retype(real(in, std::to_string(round * 30 + step)), DB_OBJ_SHADOW);
+            else if (op == 2)
+                db_sort_prepare("Philips:shuffle", DB_OBJ_CONTAINER, nullptr), db_container_sort(in);
+            else if (op == 3 && some && db_object_type_of(some) < 12)
+                db_object_set_str(some, DBK_TITLE, titles[pick() % 3]);
+            else if (op == 4 && empty_folder)
+                std::erase(folders, some), db_container_remove_child(in, some), db_object_free(some);
+            else
                 refs.emplace_back(ref(targets[pick() % targets.size()], in), in);
-            }
+            for (const char* t : {"a", "b", "Unknown"})
+                ASSERT_EQ(db_container_find_title(in, t), walk_title(in, t)) << "round " << round << " step " << step;
         }
         db_object *from = folders[pick() % folders.size()], *target = targets[pick() % targets.size()];
         bool last_only = pick() % 2;
