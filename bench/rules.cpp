@@ -7,7 +7,8 @@
 // album a compilation of several artists) and prints per track: the
 // references the rules made, resident bytes (VmRSS growth from just before
 // the first add), the store's own account (records, string pool, path
-// index), and the time to add one; then the time of one full housekeeping
+// index), and the time to add one, beside the number of folders and the
+// children of the widest folder of references; then the time of one full housekeeping
 // sweep that finds nothing to remove, the time of the empty-folder sweep
 // alone, and the time to update a track (a thousand tracks spread over the
 // library get another artist, which takes their references out and places
@@ -164,20 +165,32 @@ template <class F> static void bench_each_track(long n, F fn)
 // ---- One run ----------------------------------------------------------------
 
 struct bench_result {
-    long tracks, autotree, items, refs, containers;
+    long tracks, autotree, items, refs, containers, widest;
     double refs_per, rss_per, account_per, add_us, sweep_s, empty_s, update_us;
     int ok;
+    char widest_title[48];      // and whose parent
 };
 
-static void bench_count(long* items, long* refs, long* containers)
+// Counts what a walk of the tree meets; widest is the most children of one
+// folder of references (the "All" folders hold every item themselves).
+static void bench_count(long* items, long* refs, long* containers, long* widest, char* title = nullptr,
+                        size_t title_size = 0)
 {
     db_lock_guard hold;
-    *items = *refs = *containers = 0;
+    *items = *refs = *containers = *widest = 0;
     std::vector<db_object*> stack{db_root};
     while (!stack.empty()) {
         db_object* c = stack.back();
         stack.pop_back();
         ++*containers;
+        if (db_container_child_count(c) > *widest && db_type_is_ref(db_object_type_of(db_container_child(c, 0))))
+        {
+            *widest = db_container_child_count(c);
+            const char* own = db_object_get_str(c, DBK_TITLE);
+            const char* up = db_object_parent(c) ? db_object_get_str(db_object_parent(c), DBK_TITLE) : nullptr;
+            if (title)
+                snprintf(title, title_size, "%s/%s", up ? up : "", own ? own : "");
+        }
         for (int32_t i = 0; i < db_container_child_count(c); i++) {
             db_object* x = db_container_child(c, i);
             int32_t t = db_object_type_of(x);
@@ -221,15 +234,15 @@ static bench_result bench_run(long tracks, long autotree)
     r.rss_per = double(bench_rss_kib() - rss0) * 1024.0 / double(tracks);
     r.account_per = double(db_object_get_used_mem() + db_string_pool_get_used_mem() + db_path_index_bytes()) /
                     double(tracks);
-    bench_count(&r.items, &r.refs, &r.containers);
+    bench_count(&r.items, &r.refs, &r.containers, &r.widest, r.widest_title, sizeof r.widest_title);
     r.refs_per = double(r.refs) / double(tracks);
 
     db_request_shadow_sweep();
     t = bench_now();
     db_housekeeping(int64_t(time(nullptr)));
     r.sweep_s = bench_now() - t;
-    long items, refs, containers;
-    bench_count(&items, &refs, &containers);
+    long items, refs, containers, widest;
+    bench_count(&items, &refs, &containers, &widest);
     r.ok = items == r.items && refs == r.refs && containers == r.containers && items == tracks;
 
     db_request_container_sweep();
@@ -286,7 +299,7 @@ int main(int argc, char** argv)
         return 1;
     }
 
-    printf("%8s %4s %9s %8s %8s %9s %9s %8s %8s %8s %9s  %s\n", "tracks", "tree", "folders", "refs/tr",
+    printf("%8s %4s %9s %8s %8s %8s %9s %9s %8s %8s %8s %9s  %s\n", "tracks", "tree", "folders", "widest", "refs/tr",
            "RSS B/tr", "acct B/tr", "add us/tr", "sweep ms", "empty ms", "upd us", "sweep ok",
            "growth of totals per size step: refs RSS acct add sweep empty");
     for (long autotree : {1L, 3L}) {
@@ -315,8 +328,8 @@ int main(int argc, char** argv)
                 printf("%8ld %4ld  run failed (status %d)\n", n, autotree, status);
                 continue;
             }
-            printf("%8ld %4ld %9ld %8.2f %8.0f %9.0f %9.2f %8.1f %8.2f %8.2f %9s ", r.tracks, r.autotree,
-                   r.containers, r.refs_per, r.rss_per, r.account_per, r.add_us, r.sweep_s * 1e3, r.empty_s * 1e3,
+            printf("%8ld %4ld %9ld %8ld %8.2f %8.0f %9.0f %9.2f %8.1f %8.2f %8.2f %9s ", r.tracks, r.autotree,
+                   r.containers, r.widest, r.refs_per, r.rss_per, r.account_per, r.add_us, r.sweep_s * 1e3, r.empty_s * 1e3,
                    r.update_us, r.ok ? "yes" : "NO");
             if (previous.tracks) {
                 double s = double(r.tracks) / double(previous.tracks), p = double(previous.tracks);
@@ -330,6 +343,8 @@ int main(int argc, char** argv)
                 bench_growth("", previous.empty_s, r.empty_s, s);
             }
             printf("\n");
+            if (r.widest_title[0])
+                printf("%8s %4s widest folder of references: %s\n", "", "", r.widest_title);
             previous = r;
         }
     }
