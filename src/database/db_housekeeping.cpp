@@ -213,14 +213,17 @@ static int32_t house_drop_empty(db_object* x, void* context)
 
 // Depth first: a folder's own children are swept before the folder is
 // judged, so a chain of folders that ends in nothing goes in one run. The
-// root's children are never judged.
+// root's children are never judged. A child list is compacted only when a
+// folder in it was found empty, so the large lists of references are read
+// once.
 static void house_remove_empty()
 {
     struct frame {
         db_object* container;
         int32_t next;
+        bool has_empty;
     };
-    std::vector<frame> stack{{db_root, 0}};
+    std::vector<frame> stack{{db_root, 0, false}};
     while (!stack.empty()) {
         frame& top = stack.back();
         db_object* c = top.container;
@@ -229,12 +232,17 @@ static void house_remove_empty()
             if (db_container_ends_search(c, x))
                 top.next = db_container_child_count(c);
             else if (db_type_is_container(house_type(x)))
-                stack.push_back({x, 0});        // top is not used after this
+                stack.push_back({x, 0, false});        // top is not used after this
             continue;
         }
+        bool sweep = top.has_empty;
         stack.pop_back();
-        if (c != db_root)
+        if (c == db_root)
+            continue;
+        if (sweep)
             db_container_compact(c, house_drop_empty, c);
+        if (db_container_child_count(c) == 0 && db_object_get_char(c, DBK_RESTRICTED) == '0')
+            stack.back().has_empty = true;
     }
 }
 
