@@ -25,6 +25,7 @@
 // than 1.2 times the growth of the size (12-fold per 10-fold).
 //
 // Usage: rules [tracks...]
+#include "bench_child.h"
 #include "config/upnp_ini.h"
 #include "database/db_file.h"
 #include "database/db_id.h"
@@ -307,25 +308,9 @@ int main(int argc, char** argv)
         for (long n : sizes) {
             bench_music = top + "/music-" + std::to_string(n);
             unlink((bench_program + "/velmora-mediaserver.ini").c_str());
-            int pipefd[2];
-            if (pipe(pipefd))
-                return 1;
-            fflush(stdout);
-            pid_t child = fork();
-            if (child == 0) {
-                close(pipefd[0]);
-                bench_result r = bench_run(n, autotree);
-                ssize_t w = write(pipefd[1], &r, sizeof r);
-                _exit(w == ssize_t(sizeof r) ? 0 : 1);
-            }
-            close(pipefd[1]);
             bench_result r{};
-            ssize_t got = read(pipefd[0], &r, sizeof r);
-            close(pipefd[0]);
-            int status = 0;
-            waitpid(child, &status, 0);
-            if (got != ssize_t(sizeof r)) {
-                printf("%8ld %4ld  run failed (status %d)\n", n, autotree, status);
+            if (!bench_in_child(&r, [&](bench_result* out) { *out = bench_run(n, autotree); })) {
+                printf("%8ld %4ld  run failed\n", n, autotree);
                 continue;
             }
             printf("%8ld %4ld %9ld %8ld %8.2f %8.0f %9.0f %9.2f %8.1f %8.2f %8.2f %9s ", r.tracks, r.autotree,

@@ -25,6 +25,8 @@
 //   is bounded by SECONDS (default 60 + N / 50).
 #include <velmora/dapi_dms.h>
 
+#include "bench_child.h"
+
 #include "database/db_id.h"
 #include "database/db_object.h"
 
@@ -232,25 +234,10 @@ static bool scan_child(long n, const std::string& dir, bool cold, double timeout
     if (cold && !r->cold)
         printf("could not drop the page cache (needs root and a writable /proc/sys/vm/drop_caches); "
                "the cold run of %ld files is warm\n", n);
-    fflush(stdout);
-    int pipe_fd[2];
-    if (pipe(pipe_fd) != 0)
-        return false;
-    pid_t pid = fork();
-    if (pid == 0) {
-        close(pipe_fd[0]);
-        scan_result child = *r;
-        scan_run(n, corpus, work, timeout_s, &child);
-        fflush(stdout);   // the library's traces, before _exit drops them
-        ssize_t w = write(pipe_fd[1], &child, sizeof child);
-        _exit(w == ssize_t(sizeof child) ? 0 : 1);
-    }
-    close(pipe_fd[1]);
-    ssize_t got = read(pipe_fd[0], r, sizeof *r);
-    close(pipe_fd[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    bool ok = got == ssize_t(sizeof *r) && status == 0 && r->finished;
+    bool ok = bench_in_child(r, [&](scan_result* out) {
+        scan_run(n, corpus, work, timeout_s, out);
+        fflush(stdout);   // the library's traces, into the run's file before _exit drops them
+    }) && r->finished;
     if (ok)
         scan_shell("rm -rf " + scan_quote(work));   // kept when the run failed, to look into
     return ok;

@@ -12,6 +12,7 @@
 // scratch folder.
 //
 // Usage: store [items...]   (default 10000 100000 1000000)
+#include "bench_child.h"
 #include "config/upnp_ini.h"
 #include "database/db_file.h"
 #include "database/db_object.h"
@@ -360,23 +361,8 @@ int main(int argc, char** argv)
         sizes = {10000, 100000, 1000000};
     std::vector<bench_result> results;
     for (long n : sizes) {
-        int pipe_fd[2];
-        if (pipe(pipe_fd) != 0)
-            return 1;
-        pid_t pid = fork();
-        if (pid == 0) {
-            bench_result r;
-            bench_run(n, &r);
-            ssize_t w = write(pipe_fd[1], &r, sizeof r);
-            _exit(w == ssize_t(sizeof r) ? 0 : 1);
-        }
-        close(pipe_fd[1]);
         bench_result r{};
-        ssize_t got = read(pipe_fd[0], &r, sizeof r);
-        close(pipe_fd[0]);
-        int status = 0;
-        waitpid(pid, &status, 0);
-        if (got != ssize_t(sizeof r) || status != 0) {
+        if (!bench_in_child(&r, [n](bench_result* out) { bench_run(n, out); })) {
             fprintf(stderr, "size %ld failed\n", n);
             return 1;
         }
