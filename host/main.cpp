@@ -236,10 +236,11 @@ static host_ini_settings host_settings(const host_options& o, const std::string&
         settings.push_back({"friendlyname", o.name});
     if (!o.port.empty())
         settings.push_back({"httpport", o.port});
-    if (!o.ip.empty()) {
+    // The address holds for one run: a start without it serves every
+    // interface, even after a run that was kept to 127.0.0.1.
+    if (!o.ip.empty())
         host_check_address(o.ip);
-        settings.push_back({"ip", o.ip});
-    }
+    settings.push_back({"ip", o.ip});
     return settings;
 }
 

@@ -117,6 +117,9 @@ TEST(DescriptionNetns, GupnpControlPointBuildsTheDeviceAndIntrospectsEveryServic
     if (!ns.made)
         GTEST_SKIP() << "this machine does not let the test create network namespaces (needs root)";
     test_dir media, work;
+    // An earlier run kept to 127.0.0.1 leaves its address in the ini file;
+    // a start without --ip serves every interface all the same.
+    test_write_file(work.file("velmora-mediaserver.ini"), "[main]\r\nip=127.0.0.1\r\n");
     host_run host({media.path, "--workdir", work.path, "--port", "9000", "--name", "Den (%HOSTNAME%)"},
                   {"ip", "netns", "exec", ns.server});
     ASSERT_TRUE(host.wait_for("Serving on http://192.0.2.1:9000/")) << host.seen;
