@@ -15,10 +15,8 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -57,25 +55,6 @@ struct ssdp_netns : test_netns_pair {
     }
 };
 
-// Runs work on the calling thread inside the named namespace; sockets and
-// threads made meanwhile belong to it. false when it could not enter.
-template <typename F>
-bool inside(const std::string& ns, F work)
-{
-    int self = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-    int target = open(("/var/run/netns/" + ns).c_str(), O_RDONLY | O_CLOEXEC);
-    bool entered = self >= 0 && target >= 0 && setns(target, CLONE_NEWNET) == 0;
-    if (entered) {
-        work();
-        if (setns(self, CLONE_NEWNET) != 0)
-            abort();                   // the test thread must never stay behind
-    }
-    for (int fd : {self, target})
-        if (fd >= 0)
-            close(fd);
-    return entered;
-}
-
 struct datagram { std::string text, from; int port; };
 
 // A UDP socket in the client namespace, bound to ip:port; a multicast
@@ -85,7 +64,7 @@ struct udp_client {
 
     udp_client(const std::string& ns, const char* ip, int port, bool listen_group = false)
     {
-        inside(ns, [&] { fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0); });
+        test_netns_inside(ns, [&] { fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0); });
         int one = 1;
         setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
         sockaddr_in bind_to = test_address(listen_group ? "0.0.0.0" : ip, port);
@@ -310,7 +289,7 @@ std::string renderer_alive(const std::string& url)
 TEST_F(Ssdp, RenderersAreFollowedUpOnlyAtTheAddressTheyCameFrom)
 {
     std::unique_ptr<test_peer> own, other;     // listening inside the client namespace
-    inside(ns.client, [&] {
+    test_netns_inside(ns.client, [&] {
         own = std::make_unique<test_peer>("HTTP/1.1 404 Not Found\r\n\r\n", client_ip);
         other = std::make_unique<test_peer>("HTTP/1.1 404 Not Found\r\n\r\n", foreign_ip);
     });
@@ -344,7 +323,7 @@ TEST(SsdpInProcess, ManyInitsAndTerminatesLeaveNoThreadDescriptorSocketOrChildBe
     const std::string ini = "velmora-mediaserver.ini", saved = test_read_file(ini);
     ASSERT_TRUE(test_write_file(ini, "[main]\r\nip=192.0.2.1\r\nhttpport=9000\r\nnicrestart=0\r\n"));
     auto cycle = [&] {
-        ASSERT_TRUE(inside(ns.server, [] { EXPECT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0)); }));
+        ASSERT_TRUE(test_netns_inside(ns.server, [] { EXPECT_EQ(1, dapi_dms_init(DAPI_MODE_FULL, 0)); }));
         EXPECT_EQ(1, dapi_dms_status());
         EXPECT_TRUE(upnp_switches.ssdp_enabled && upnp_switches.scheduler_enabled && upnp_switches.scanner_enabled);
         EXPECT_EQ(1, dapi_dms_terminate());

@@ -3,9 +3,12 @@
 // both with a multicast route; nothing leaves the machine. Both go with the
 // object; made stays false where creating them is refused (needs root).
 #pragma once
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <string>
-#include <unistd.h>
 
 struct test_netns_pair {
     std::string server, client;       // namespace names, for "ip netns exec"
@@ -40,3 +43,22 @@ struct test_netns_pair {
     static int run(const std::string& command) { return system((command + " >/dev/null 2>&1").c_str()); }
     static bool ip(const std::string& ns, const std::string& args) { return run("ip -n " + ns + " " + args) == 0; }
 };
+
+// Runs work on the calling thread inside the named namespace; sockets and
+// threads made meanwhile belong to it. false when it could not enter.
+template <typename F>
+bool test_netns_inside(const std::string& ns, F work)
+{
+    int self = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+    int target = open(("/var/run/netns/" + ns).c_str(), O_RDONLY | O_CLOEXEC);
+    bool entered = self >= 0 && target >= 0 && setns(target, CLONE_NEWNET) == 0;
+    if (entered) {
+        work();
+        if (setns(self, CLONE_NEWNET) != 0)
+            abort();                   // the test thread must never stay behind
+    }
+    for (int fd : {self, target})
+        if (fd >= 0)
+            close(fd);
+    return entered;
+}
