@@ -8,7 +8,12 @@ set -euo pipefail
 top="$(cd "$(dirname "$0")/.." && pwd)"
 . "$top/tools/deps.sh"
 velmora_install "${VELMORA_BUILD_PACKAGES[@]}" clang libclang-rt-14-dev libgtest-dev libgmock-dev \
-    curl iproute2 libxml2-utils python3-gi gir1.2-gssdp-1.6 gir1.2-gupnp-1.6 ffmpeg
+    curl iproute2 libxml2-utils python3-gi gir1.2-gssdp-1.6 gir1.2-gupnp-1.6 gir1.2-gupnp-av-1.0 ffmpeg
+# Node.js may come from elsewhere than Debian, with its own npm: only what
+# is missing is installed. Without the npm registry the npm test skips.
+command -v node >/dev/null && command -v npm >/dev/null || velmora_install nodejs npm || true
+(cd "$top/tests/npm" && timeout 300 npm ci --prefer-offline --no-audit --no-fund --loglevel=error) ||
+    echo "npm ci failed: the npm test will be skipped"
 jobs="$(nproc)"
 fuzz_seconds="${VELMORA_FUZZ_SECONDS:-30}"
 
