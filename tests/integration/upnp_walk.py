@@ -16,6 +16,7 @@ import argparse
 import socket
 import sys
 import urllib.parse
+from xml.etree import ElementTree
 
 import gi
 
@@ -69,7 +70,16 @@ def browse(proxy, object_id, start, count, flag="BrowseDirectChildren"):
 
 
 def parse(didl, where):
+    """The objects of a Result. GUPnP-AV recovers from broken XML without a
+    word, so the text must also be well-formed; and it calls a DIDL-Lite
+    without children an error, so such a one is not given to it."""
     objects = []
+    try:
+        if len(ElementTree.fromstring(didl)) == 0:
+            return objects
+    except ElementTree.ParseError as e:
+        fail("xml", where, e)
+        return objects
     parser = GUPnPAV.DIDLLiteParser.new()
     parser.connect("object-available", lambda p, o: objects.append(o))
     try:
