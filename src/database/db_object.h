@@ -125,6 +125,7 @@ enum : uint32_t {
     DB_STATE_RESTRICTED = 1u << 27,
     DB_STATE_EVENT_PENDING = 1u << 28,
     DB_STATE_SORTED = 1u << 29,
+    DB_STATE_REMOVALS_NOTED = 1u << 30,   // the children array has removals to close
 };
 
 // ---- Records ------------------------------------------------------------

@@ -467,6 +467,7 @@ void db_container_sort(db_object* c)
         return;
     db_lock_guard hold;
     db_container* k = reinterpret_cast<db_container*>(c);
+    db_children_settle(c);
     if (k->child_count > 1) {
         std::vector<db_object*> children(static_cast<size_t>(k->child_count));
         for (size_t i = 0; i < children.size(); i++)
@@ -476,7 +477,7 @@ void db_container_sort(db_object* c)
             return;
         db_child_slot* slots = db_array_ptr(k->children);
         for (size_t i = 0; i < children.size(); i++)
-            slots[i].h = order.as<sort_entry>()[i].handle;
+            slots[i] = db_slot_of(db_obj(order.as<sort_entry>()[i].handle));
         db_title_index_reordered(c);
     }
     k->state |= DB_STATE_SORTED;
