@@ -28,6 +28,7 @@
 #include "runtime/upnp_string.h"
 #include "upnp/ssdp.h"
 #include "upnp/upnp_description.h"
+#include "upnp/upnp_soap.h"
 
 #include <atomic>
 #include <cstdio>
@@ -400,11 +401,11 @@ static constexpr int32_t ROUTE_FORM = HTTP_METHOD_GET | HTTP_METHOD_HEAD | HTTP_
 static const upnp_route upnp_routes[] = {
     {"/DeviceDescription.xml", ROUTE_READ, 0, upnp_send_device_description},
     {"/ConnectionManager.xml", ROUTE_READ, 0, upnp_send_cms_xml},
-    {"/ConnectionManager/Control", HTTP_METHOD_POST, 1, HTTP_send_file_not_found},
+    {"/ConnectionManager/Control", HTTP_METHOD_POST, 1, upnp_soap_dispatch},
     {"/ContentDirectory.xml", ROUTE_READ, 0, upnp_send_cds_xml},
-    {"/ContentDirectory/Control", HTTP_METHOD_POST, 1, HTTP_send_file_not_found},
+    {"/ContentDirectory/Control", HTTP_METHOD_POST, 1, upnp_soap_dispatch},
     {"/MediaReceiverRegistrar.xml", ROUTE_READ, 0, upnp_send_msreg_xml},
-    {"/MediaReceiverRegistrar/Control", HTTP_METHOD_POST, 1, HTTP_send_file_not_found},
+    {"/MediaReceiverRegistrar/Control", HTTP_METHOD_POST, 1, upnp_soap_dispatch},
     {nullptr, HTTP_METHOD_SUBSCRIBE, 1, HTTP_send_file_not_found},
     {nullptr, HTTP_METHOD_UNSUBSCRIBE, 1, HTTP_send_file_not_found},
     {"/disk", ROUTE_READ, 0, HTTP_send_file_not_found},
