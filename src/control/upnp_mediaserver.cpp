@@ -27,6 +27,7 @@
 #include "runtime/upnp_run.h"
 #include "runtime/upnp_string.h"
 #include "upnp/ssdp.h"
+#include "upnp/upnp_cds.h"
 #include "upnp/upnp_description.h"
 #include "upnp/upnp_soap.h"
 
@@ -485,6 +486,7 @@ void upnp_mediaserver_hand_down()
     db_set_client_flag_probe(HTTP_request_has_flag);
     db_set_tree_rules(db_tree_attach);
     upnp_client_set_local_test(upnp_nic_is_local);
+    upnp_cds_set_external_address(upnp_get_external_address);
 }
 
 // Brings up the subsystems that the servers need: routes, store, client
@@ -516,6 +518,7 @@ static void upnp_mediaserver_release()
     upnp_filescan_clear_ticks();
     db_set_client_flag_probe(nullptr);
     ssdp_clear_handlers();
+    upnp_cds_forget_views();
     db_destroy();
     upnp_client_db_free();
     db_file_close();

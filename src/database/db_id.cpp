@@ -529,4 +529,5 @@ void db_container_clear_items(db_object* c)
     for (db_object* x : drop)
         db_object_free(x);
     k->state = (k->state | DB_STATE_EVENT_PENDING) & ~DB_STATE_SORTED;
+    db_note_tree_change();
 }

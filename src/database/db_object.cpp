@@ -64,6 +64,10 @@ static std::atomic<db_tree_rules_fn> db_tree_rules;
 static std::atomic<db_client_flag_probe> db_flag_probe;
 static std::atomic<int32_t> db_write_request;
 static std::atomic<int32_t> db_sweep_request;
+// Raised by every change that could alter what a reader sees of the tree;
+// never reset, not even by db_destroy, so a stamp taken before a rebuild
+// never matches the new tree.
+static std::atomic<uint64_t> db_stamp{1};
 
 static db_record_store db_records;         // db_lock
 static bool db_records_set;                // db_lock
@@ -221,6 +225,7 @@ void db_destroy()
 {
     {
         db_lock_guard hold;
+        db_note_tree_change();
         // Every record lives in the arena, so dropping the arena frees the
         // whole tree, detached objects included.
         db_slots_clear();
@@ -377,6 +382,7 @@ void db_object_free(db_object* o)
     if (!o)
         return;
     db_lock_guard hold;
+    db_note_tree_change();
     int32_t t = type_of(o);
     db_index_freed(o);
     db_used_mem -= db_record_size(o);
@@ -416,6 +422,7 @@ void db_object_retype(db_object* o, int32_t type)
     if (!o || !is_item_like(type_of(o)) || !is_item_like(type))
         return;
     db_lock_guard hold;
+    db_note_tree_change();
     db_item_index_drop(o);
     uint32_t old_id = o->id;
     o->id = uint32_t(type) << DB_ID_TYPE_SHIFT | db_object_seq(o);
@@ -452,6 +459,7 @@ int db_container_add_child(db_object* container, db_object* child)
 
 static void children_truncate(db_container* c, int32_t count)
 {
+    db_note_tree_change();
     int32_t cap = db_children_capacity(c->child_count), smaller = db_children_capacity(count);
     if (smaller != cap) {
         uint32_t h = smaller ? db_array_resize(c->children, cap, smaller, count) : 0;
@@ -822,7 +830,7 @@ static int set_size_text(db_object* o, const char* value)
     return -1;                      // not a size that fits: keep it as text
 }
 
-int db_object_set_str(db_object* o, int32_t key, const char* value)
+static int object_set_str(db_object* o, int32_t key, const char* value)
 {
     if (!o || key < 0 || key > 0xFFFF)
         return 0;
@@ -913,7 +921,7 @@ static int set_track(db_object* o, int32_t value)
     return 1;
 }
 
-int db_object_set_int(db_object* o, int32_t key, int32_t value)
+static int object_set_int(db_object* o, int32_t key, int32_t value)
 {
     if (!o || key < 0 || key > 0xFFFF)
         return 0;
@@ -948,7 +956,7 @@ static int set_flag(db_object* o, uint32_t bit, char value)
     return 1;
 }
 
-int db_object_set_char(db_object* o, int32_t key, char value)
+static int object_set_char(db_object* o, int32_t key, char value)
 {
     if (!o || key < 0 || key > 0xFFFF)
         return 0;
@@ -1237,6 +1245,32 @@ int db_record_rewrite(const db_object* o, const char* path)
 
 // ---- Memory ----------------------------------------------------------------------------------
 
+// A setter that changed something changed what readers see.
+static int noted(int changed)
+{
+    if (changed)
+        db_note_tree_change();
+    return changed;
+}
+
+int db_object_set_str(db_object* o, int32_t key, const char* value)
+{
+    db_lock_guard hold;
+    return noted(object_set_str(o, key, value));
+}
+
+int db_object_set_int(db_object* o, int32_t key, int32_t value)
+{
+    db_lock_guard hold;
+    return noted(object_set_int(o, key, value));
+}
+
+int db_object_set_char(db_object* o, int32_t key, char value)
+{
+    db_lock_guard hold;
+    return noted(object_set_char(o, key, value));
+}
+
 int64_t db_object_get_used_mem()
 {
     return db_used_mem;
@@ -1256,6 +1290,17 @@ void db_container_mark_changed(db_object* container)
         state = (state & ~DB_STATE_UPDATE_ID) | ((state + 1) & DB_STATE_UPDATE_ID) | DB_STATE_EVENT_PENDING;
     c->state = state & ~DB_STATE_SORTED;
     db_event_dirty = 1;
+    db_note_tree_change();
+}
+
+void db_note_tree_change()
+{
+    db_stamp.fetch_add(1, std::memory_order_relaxed);
+}
+
+uint64_t db_change_stamp()
+{
+    return db_stamp.load(std::memory_order_relaxed);
 }
 
 // Appends "id,update_id" of each pending container, depth first in array

@@ -370,6 +370,12 @@ int64_t db_get_last_change();
 void db_note_change();                                   // db_last_change = now
 int64_t db_get_start_time();
 
+// A number that changes with every change of the tree a reader could see:
+// children added, removed or reordered, metadata set, objects freed. Equal
+// stamps mean that every object seen before is still there, unchanged.
+// Read under db_lock.
+uint64_t db_change_stamp();
+
 // Empty containers wait for the housekeeping sweep.
 void db_request_container_sweep();
 int db_take_container_sweep();                           // 1 once after a request

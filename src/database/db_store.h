@@ -122,3 +122,6 @@ char* db_record_read_path(uint32_t block, int32_t* type);
 int db_record_rewrite(const db_object* o, const char* path);
 // Forgets the sort state's cached options, at each db_create (db_id.cpp).
 void db_sort_reset();
+// Raises the change stamp (db_change_stamp) for a change made here rather
+// than through the exported calls, which raise it themselves.
+void db_note_tree_change();
