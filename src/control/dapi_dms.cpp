@@ -386,8 +386,9 @@ static void dapi_metadata_open_didl(upnp_string* s)
     upnp_string_append(s, "&lt;DIDL-Lite xmlns:dc=&quot;http://purl.org/dc/elements/1.1/&quot; ");
     upnp_string_append(s, "xmlns:upnp=&quot;urn:schemas-upnp-org:metadata-1-0/upnp/&quot; ");
     upnp_string_append(s, "xmlns:dlna=&quot;urn:schemas-dlna-org:metadata-1-0&quot; ");
-    upnp_string_append(s, "xmlns=&quot;urn:schemas-upnp-org:metadata-1-0/DIDL-Lite/&quot; "
-                          "xmlns:vel=&quot;http://www.velmora.org/&quot;&gt;");
+    upnp_string_append(s, "xmlns=&quot;urn:schemas-upnp-org:metadata-1-0/DIDL-Lite/&quot; ");
+    upnp_string_append(s, UPNP_DIDL_VEL_DECLARATION);
+    upnp_string_append(s, "&gt;");
 }
 
 // Cuts the resource URL out of the DIDL text, in place: the text behind
@@ -433,6 +434,8 @@ int32_t dapi_dms_get_metadata(const char* path, const char* host, int32_t port, 
     if (!id)
         return dapi_metadata_fail("itemID null!");
     dapi_metadata_trace("itemID");
+    // The object is read until its text is made: a change meanwhile could free it.
+    db_lock_guard hold;
     db_object* object = db_get_pItem_by_id(id);
     if (!object)
         return dapi_metadata_fail("object null!");

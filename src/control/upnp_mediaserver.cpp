@@ -27,7 +27,9 @@
 #include "runtime/upnp_run.h"
 #include "runtime/upnp_string.h"
 #include "upnp/ssdp.h"
+#include "upnp/upnp_cds.h"
 #include "upnp/upnp_description.h"
+#include "upnp/upnp_soap.h"
 
 #include <atomic>
 #include <cstdio>
@@ -400,11 +402,11 @@ static constexpr int32_t ROUTE_FORM = HTTP_METHOD_GET | HTTP_METHOD_HEAD | HTTP_
 static const upnp_route upnp_routes[] = {
     {"/DeviceDescription.xml", ROUTE_READ, 0, upnp_send_device_description},
     {"/ConnectionManager.xml", ROUTE_READ, 0, upnp_send_cms_xml},
-    {"/ConnectionManager/Control", HTTP_METHOD_POST, 1, HTTP_send_file_not_found},
+    {"/ConnectionManager/Control", HTTP_METHOD_POST, 1, upnp_soap_dispatch},
     {"/ContentDirectory.xml", ROUTE_READ, 0, upnp_send_cds_xml},
-    {"/ContentDirectory/Control", HTTP_METHOD_POST, 1, HTTP_send_file_not_found},
+    {"/ContentDirectory/Control", HTTP_METHOD_POST, 1, upnp_soap_dispatch},
     {"/MediaReceiverRegistrar.xml", ROUTE_READ, 0, upnp_send_msreg_xml},
-    {"/MediaReceiverRegistrar/Control", HTTP_METHOD_POST, 1, HTTP_send_file_not_found},
+    {"/MediaReceiverRegistrar/Control", HTTP_METHOD_POST, 1, upnp_soap_dispatch},
     {nullptr, HTTP_METHOD_SUBSCRIBE, 1, HTTP_send_file_not_found},
     {nullptr, HTTP_METHOD_UNSUBSCRIBE, 1, HTTP_send_file_not_found},
     {"/disk", ROUTE_READ, 0, HTTP_send_file_not_found},
@@ -484,6 +486,7 @@ void upnp_mediaserver_hand_down()
     db_set_client_flag_probe(HTTP_request_has_flag);
     db_set_tree_rules(db_tree_attach);
     upnp_client_set_local_test(upnp_nic_is_local);
+    upnp_cds_set_external_address(upnp_get_external_address);
 }
 
 // Brings up the subsystems that the servers need: routes, store, client
@@ -515,6 +518,7 @@ static void upnp_mediaserver_release()
     upnp_filescan_clear_ticks();
     db_set_client_flag_probe(nullptr);
     ssdp_clear_handlers();
+    upnp_cds_forget_views();
     db_destroy();
     upnp_client_db_free();
     db_file_close();

@@ -141,6 +141,8 @@ static void house_mark_shadows(house_marking* m)
         db_object* c = stack.back();
         stack.pop_back();
         for (int32_t i = 0; i < db_container_child_count(c); i++) {
+            if (db_container_child_is_ref(c, i))
+                continue;
             db_object* x = db_container_child(c, i);
             int32_t t = house_type(x);
             if (db_type_is_container(t))
@@ -228,6 +230,10 @@ static void house_remove_empty()
         frame& top = stack.back();
         db_object* c = top.container;
         if (top.next < db_container_child_count(c)) {
+            if (db_container_child_is_ref(c, top.next)) {
+                top.next++;             // a reference neither ends the search nor holds folders
+                continue;
+            }
             db_object* x = db_container_child(c, top.next++);
             if (db_container_ends_search(c, x))
                 top.next = db_container_child_count(c);

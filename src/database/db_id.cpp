@@ -421,15 +421,30 @@ static const db_container* as_container(const db_object* c)
 int32_t db_container_child_count(const db_object* c)
 {
     const db_container* k = as_container(c);
-    return k ? k->child_count : 0;
+    if (!k)
+        return 0;
+    db_children_settle(c);
+    return k->child_count;
 }
 
 db_object* db_container_child(const db_object* c, int32_t index)
 {
     const db_container* k = as_container(c);
-    if (!k || index < 0 || index >= k->child_count)
+    if (!k)
         return nullptr;
-    return db_obj(db_array_ptr(k->children)[index].h);
+    db_children_settle(c);
+    if (index < 0 || index >= k->child_count)
+        return nullptr;
+    return db_slot_object(db_array_ptr(k->children)[index]);
+}
+
+int db_container_child_is_ref(const db_object* c, int32_t index)
+{
+    const db_container* k = as_container(c);
+    if (!k)
+        return 0;
+    db_children_settle(c);
+    return index >= 0 && index < k->child_count && db_slot_is_ref(db_array_ptr(k->children)[index]);
 }
 
 db_object* db_container_find(const db_object* c, uint32_t id)
@@ -443,10 +458,11 @@ db_object* db_container_find(const db_object* c, uint32_t id)
         db_object* o = db_item_index_get(id);
         return o && db_object_parent(o) == c ? o : nullptr;
     }
+    db_children_settle(c);
     const db_child_slot* slots = db_array_ptr(k->children);
     for (int32_t i = 0; i < k->child_count; i++)
-        if (db_obj(slots[i].h)->id == id)
-            return db_obj(slots[i].h);
+        if (db_slot_object(slots[i])->id == id)
+            return db_slot_object(slots[i]);
     return nullptr;
 }
 
@@ -457,9 +473,10 @@ int db_container_has(const db_object* c, const db_object* child)
         return 0;
     db_lock_guard hold;
     uint32_t h = db_arena_handle(child);
+    db_children_settle(c);
     const db_child_slot* slots = db_array_ptr(k->children);
     for (int32_t i = 0; i < k->child_count; i++)
-        if (slots[i].h == h)
+        if ((slots[i].h & ~DB_SLOT_REF) == h)
             return 1;
     return 0;
 }
@@ -490,6 +507,7 @@ void db_container_clear_items(db_object* c)
         return;
     db_lock_guard hold;
     db_container* k = reinterpret_cast<db_container*>(c);
+    db_children_settle(c);
     std::vector<db_object*> keep, drop;
     for (int32_t i = 0; i < k->child_count; i++) {
         db_object* x = db_container_child(c, i);
@@ -502,7 +520,7 @@ void db_container_clear_items(db_object* c)
     if (cap && !h)
         return;
     for (size_t i = 0; i < keep.size(); i++)
-        db_array_ptr(h)[i].h = db_arena_handle(keep[i]);
+        db_array_ptr(h)[i] = db_slot_of(keep[i]);
     db_array_free(k->children, old_cap);
     db_used_mem -= 4 * int64_t(old_cap - cap);
     k->children = h;
@@ -511,4 +529,5 @@ void db_container_clear_items(db_object* c)
     for (db_object* x : drop)
         db_object_free(x);
     k->state = (k->state | DB_STATE_EVENT_PENDING) & ~DB_STATE_SORTED;
+    db_note_tree_change();
 }

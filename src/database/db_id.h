@@ -69,6 +69,9 @@ uint32_t upnp_cds_db_file_get_id_by_res(const char* path);
 
 db_object* db_container_child(const db_object* c, int32_t index);   // null outside 0..count-1
 int32_t db_container_child_count(const db_object* c);               // 0 for a non-container
+// 1 when the child at index is a reference, answered from the array alone:
+// walks for folders and items pass references without reading them.
+int db_container_child_is_ref(const db_object* c, int32_t index);
 db_object* db_container_find(const db_object* c, uint32_t id);
 int db_container_has(const db_object* c, const db_object* child);    // that very pointer
 // The first child container with exactly that title (one without a title

@@ -136,6 +136,11 @@ void db_index_left_out(db_object* child)
     index_outside[db_arena_handle(child)] = true;
 }
 
+bool db_index_is_left_out(const db_object* child)
+{
+    return !index_outside.empty() && index_outside.count(db_arena_handle(child));
+}
+
 void db_title_index_removed(db_object* parent, db_object* child)
 {
     if (node_sequence(child))
@@ -284,7 +289,7 @@ int32_t walk_position(const db_object* parent, const db_object* child)
 // at the array.
 bool walk_meets(const db_object* parent, const db_object* child)
 {
-    if (!index_outside.empty() && index_outside.count(db_arena_handle(child)))
+    if (db_index_is_left_out(child))
         return false;
     if (db_container_mixes_items(parent) || !index_items.count(db_arena_handle(parent)))
         return true;

@@ -18,6 +18,7 @@
 #include "runtime/upnp_log.h"
 #include "runtime/upnp_string.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -25,6 +26,7 @@
 #include <mutex>
 #include <strings.h>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 // ---- State --------------------------------------------------------------------
@@ -62,6 +64,10 @@ static std::atomic<db_tree_rules_fn> db_tree_rules;
 static std::atomic<db_client_flag_probe> db_flag_probe;
 static std::atomic<int32_t> db_write_request;
 static std::atomic<int32_t> db_sweep_request;
+// Raised by every change that could alter what a reader sees of the tree;
+// never reset, not even by db_destroy, so a stamp taken before a rebuild
+// never matches the new tree.
+static std::atomic<uint64_t> db_stamp{1};
 
 static db_record_store db_records;         // db_lock
 static bool db_records_set;                // db_lock
@@ -212,16 +218,21 @@ void db_create()
     upnp_log(UPNP_LOG_INFO, UPNP_LOG_DB, "creating Database\n");
 }
 
+// Removals noted in children arrays, closed in one pass (db_children_settle).
+static std::unordered_map<uint32_t, std::vector<uint32_t>> removals_noted;   // db_lock: container -> handles
+
 void db_destroy()
 {
     {
         db_lock_guard hold;
+        db_note_tree_change();
         // Every record lives in the arena, so dropping the arena frees the
         // whole tree, detached objects included.
         db_slots_clear();
         db_arena_reset();
         db_item_index_reset();
         db_index_reset();
+        removals_noted.clear();
         db_used_mem = 0;
         db_string_pool_clear();
         db_event_dirty = 0;
@@ -364,16 +375,20 @@ static db_object* item_new(uint32_t id)
     return o;
 }
 
+static void removals_forget(const db_object* container);
+
 void db_object_free(db_object* o)
 {
     if (!o)
         return;
     db_lock_guard hold;
+    db_note_tree_change();
     int32_t t = type_of(o);
     db_index_freed(o);
     db_used_mem -= db_record_size(o);
     if (t < 12) {
         db_container* c = as_container(o);
+        removals_forget(o);
         db_array_free(c->children, db_children_capacity(c->child_count));
     } else if (is_item_like(t) || t > DB_OBJ_SHADOW) {
         db_item* it = as_item(o);
@@ -407,6 +422,7 @@ void db_object_retype(db_object* o, int32_t type)
     if (!o || !is_item_like(type_of(o)) || !is_item_like(type))
         return;
     db_lock_guard hold;
+    db_note_tree_change();
     db_item_index_drop(o);
     uint32_t old_id = o->id;
     o->id = uint32_t(type) << DB_ID_TYPE_SHIFT | db_object_seq(o);
@@ -436,13 +452,14 @@ int db_container_add_child(db_object* container, db_object* child)
         c->children = h;
         db_used_mem += 4 * int64_t(grown - cap);
     }
-    db_array_ptr(c->children)[c->child_count++].h = db_arena_handle(child);
+    db_array_ptr(c->children)[c->child_count++] = db_slot_of(child);
     db_title_index_added(container, child);
     return 1;
 }
 
 static void children_truncate(db_container* c, int32_t count)
 {
+    db_note_tree_change();
     int32_t cap = db_children_capacity(c->child_count), smaller = db_children_capacity(count);
     if (smaller != cap) {
         uint32_t h = smaller ? db_array_resize(c->children, cap, smaller, count) : 0;
@@ -456,21 +473,64 @@ static void children_truncate(db_container* c, int32_t count)
     c->child_count = count;
 }
 
+// ---- Removals closed in one pass ------------------------------------------------
+//
+// An update takes an item and its references out of folders that may hold
+// a million children ("All" lists); finding and closing each slot at once
+// would cost the whole array per update, and a rescan of a retagged
+// library the square of its size. A removal is noted instead, and the
+// array is closed in one pass before anything reads it next. Each note
+// drops the earliest slot of its handle: an item put back in the same
+// folder, or a handle freed and made again, is appended behind the old
+// slot, so order and contents come out as with removals made at once.
+
+
+void db_children_settle(const db_object* container)
+{
+    db_container* c = as_container(container);
+    if (!(c->state & DB_STATE_REMOVALS_NOTED))
+        return;
+    db_lock_guard hold;
+    c->state &= ~DB_STATE_REMOVALS_NOTED;
+    auto it = removals_noted.find(db_arena_handle(container));
+    std::vector<uint32_t> gone = std::move(it->second);
+    removals_noted.erase(it);
+    std::sort(gone.begin(), gone.end());
+    std::vector<bool> taken(gone.size());
+    db_child_slot* slots = db_array_ptr(c->children);
+    int32_t kept = 0;
+    for (int32_t i = 0; i < c->child_count; i++) {
+        uint32_t h = slots[i].h & ~DB_SLOT_REF;
+        size_t at = size_t(std::lower_bound(gone.begin(), gone.end(), h) - gone.begin());
+        while (at < gone.size() && gone[at] == h && taken[at])
+            at++;
+        if (at < gone.size() && gone[at] == h) {
+            taken[at] = true;
+            continue;
+        }
+        slots[kept++] = slots[i];
+    }
+    children_truncate(c, kept);
+}
+
+static void removals_forget(const db_object* container)
+{
+    if (as_container(container)->state & DB_STATE_REMOVALS_NOTED)
+        removals_noted.erase(db_arena_handle(container));
+}
+
 void db_container_remove_child(db_object* container, db_object* child)
 {
     if (!child || !container || !db_type_is_container(type_of(container)))
         return;
     db_lock_guard hold;
-    db_container* c = as_container(container);
-    db_child_slot* slots = db_array_ptr(c->children);
-    uint32_t h = db_arena_handle(child);
-    int32_t i = 0;
-    while (i < c->child_count && slots[i].h != h)
-        i++;
-    if (i == c->child_count)
+    // A child is in its parent's array exactly once, unless it was left out
+    // when the array could not grow.
+    if (db_object_parent(child) != container || db_index_is_left_out(child))
         return;
-    memmove(&slots[i], &slots[i + 1], size_t(c->child_count - i - 1) * sizeof(db_child_slot));
-    children_truncate(c, c->child_count - 1);
+    db_container* c = as_container(container);
+    removals_noted[db_arena_handle(container)].push_back(db_arena_handle(child));
+    c->state |= DB_STATE_REMOVALS_NOTED;
     db_title_index_removed(container, child);
     child->parent = 0;
     db_container_mark_changed(container);
@@ -482,11 +542,12 @@ int32_t db_container_compact(db_object* container, db_compact_fn verdict, void* 
         return 0;
     db_lock_guard hold;
     db_container* c = as_container(container);
+    db_children_settle(container);
     int32_t count = c->child_count, kept = 0, i = 0;
     while (i < count) {
         // Read afresh each time: the verdict may free other objects.
         db_child_slot slot = db_array_ptr(c->children)[i++];
-        int32_t v = verdict(db_obj(slot.h), context);
+        int32_t v = verdict(db_slot_object(slot), context);
         if (v == DB_COMPACT_DROP)
             continue;
         if (kept != i - 1)
@@ -569,7 +630,7 @@ static bool field_int(const db_object* o, int32_t key, int32_t* out)
         *out = o->parent ? int32_t(db_obj(o->parent)->id) : -1;
         return true;
     case DBK_CHILD_COUNT:
-        *out = t < 12 ? as_container(o)->child_count : -1;
+        *out = t < 12 ? db_container_child_count(o) : -1;
         return true;
     case DBK_UPDATE_ID:
         *out = t < 12 ? int32_t(as_container(o)->state & DB_STATE_UPDATE_ID) : -1;
@@ -603,7 +664,7 @@ static int32_t container_int(const db_object* o, int32_t key)
     int32_t v = db_object_get_int(first_child(o), key);
     // A folder has a cover if any of its tracks has one.
     if (key == DBK_ART_OFFSET || key == DBK_ART_SIZE)
-        for (int32_t i = 1; v < 1 && i < as_container(o)->child_count; i++)
+        for (int32_t i = 1; v < 1 && i < db_container_child_count(o); i++)
             v = db_object_get_int(db_container_child(o, i), key);
     return v;
 }
@@ -769,7 +830,7 @@ static int set_size_text(db_object* o, const char* value)
     return -1;                      // not a size that fits: keep it as text
 }
 
-int db_object_set_str(db_object* o, int32_t key, const char* value)
+static int object_set_str(db_object* o, int32_t key, const char* value)
 {
     if (!o || key < 0 || key > 0xFFFF)
         return 0;
@@ -805,13 +866,14 @@ int db_object_set_str(db_object* o, int32_t key, const char* value)
 static int set_child_count(db_object* o, int32_t value)
 {
     db_container* c = as_container(o);
+    db_children_settle(o);
     // Only a shrink can be honoured without inventing children; the ones
     // cut off are the caller's.
     if (value < 0 || value >= c->child_count)
         return 0;
     std::vector<db_object*> cut;
     for (int32_t i = value; i < c->child_count; i++)
-        cut.push_back(db_obj(db_array_ptr(c->children)[i].h));
+        cut.push_back(db_slot_object(db_array_ptr(c->children)[i]));
     children_truncate(c, value);
     for (db_object* x : cut) {
         db_title_index_removed(o, x);
@@ -859,7 +921,7 @@ static int set_track(db_object* o, int32_t value)
     return 1;
 }
 
-int db_object_set_int(db_object* o, int32_t key, int32_t value)
+static int object_set_int(db_object* o, int32_t key, int32_t value)
 {
     if (!o || key < 0 || key > 0xFFFF)
         return 0;
@@ -894,7 +956,7 @@ static int set_flag(db_object* o, uint32_t bit, char value)
     return 1;
 }
 
-int db_object_set_char(db_object* o, int32_t key, char value)
+static int object_set_char(db_object* o, int32_t key, char value)
 {
     if (!o || key < 0 || key > 0xFFFF)
         return 0;
@@ -1183,6 +1245,32 @@ int db_record_rewrite(const db_object* o, const char* path)
 
 // ---- Memory ----------------------------------------------------------------------------------
 
+// A setter that changed something changed what readers see.
+static int noted(int changed)
+{
+    if (changed)
+        db_note_tree_change();
+    return changed;
+}
+
+int db_object_set_str(db_object* o, int32_t key, const char* value)
+{
+    db_lock_guard hold;
+    return noted(object_set_str(o, key, value));
+}
+
+int db_object_set_int(db_object* o, int32_t key, int32_t value)
+{
+    db_lock_guard hold;
+    return noted(object_set_int(o, key, value));
+}
+
+int db_object_set_char(db_object* o, int32_t key, char value)
+{
+    db_lock_guard hold;
+    return noted(object_set_char(o, key, value));
+}
+
 int64_t db_object_get_used_mem()
 {
     return db_used_mem;
@@ -1202,6 +1290,17 @@ void db_container_mark_changed(db_object* container)
         state = (state & ~DB_STATE_UPDATE_ID) | ((state + 1) & DB_STATE_UPDATE_ID) | DB_STATE_EVENT_PENDING;
     c->state = state & ~DB_STATE_SORTED;
     db_event_dirty = 1;
+    db_note_tree_change();
+}
+
+void db_note_tree_change()
+{
+    db_stamp.fetch_add(1, std::memory_order_relaxed);
+}
+
+uint64_t db_change_stamp()
+{
+    return db_stamp.load(std::memory_order_relaxed);
 }
 
 // Appends "id,update_id" of each pending container, depth first in array

@@ -125,6 +125,7 @@ enum : uint32_t {
     DB_STATE_RESTRICTED = 1u << 27,
     DB_STATE_EVENT_PENDING = 1u << 28,
     DB_STATE_SORTED = 1u << 29,
+    DB_STATE_REMOVALS_NOTED = 1u << 30,   // the children array has removals to close
 };
 
 // ---- Records ------------------------------------------------------------
@@ -368,6 +369,12 @@ int32_t db_count_radio();
 int64_t db_get_last_change();
 void db_note_change();                                   // db_last_change = now
 int64_t db_get_start_time();
+
+// A number that changes with every change of the tree a reader could see:
+// children added, removed or reordered, metadata set, objects freed. Equal
+// stamps mean that every object seen before is still there, unchanged.
+// Read under db_lock.
+uint64_t db_change_stamp();
 
 // Empty containers wait for the housekeeping sweep.
 void db_request_container_sweep();

@@ -298,9 +298,14 @@ struct sort_step { sort_comparator compare; int sign; };
 
 struct sort_run {
     std::vector<sort_step> steps;
+    bool any_token = false;
     int last_sign = 1;
 };
 
+// A token that names no field, or a field an earlier token compared
+// already, can only answer 0 where it is reached, so it is left out: a
+// request with many criteria then costs no more per comparison than one
+// naming each field once. Only the last token's sign outlives them.
 static void sort_read_criteria(sort_run& run)
 {
     for (const char* p = sort_criteria; *p;) {
@@ -310,7 +315,12 @@ static void sort_read_criteria(sort_run& run)
         else if (*p == '-')
             p++, s.sign = -1;
         s.compare = sort_field_of(p);
-        run.steps.push_back(s);
+        bool seen = !s.compare;
+        for (const sort_step& earlier : run.steps)
+            seen = seen || earlier.compare == s.compare;
+        if (!seen)
+            run.steps.push_back(s);
+        run.any_token = true;
         run.last_sign = s.sign;
         const char* end = strchr(p, ',');
         p = end ? end + 1 : p + strlen(p);
@@ -365,7 +375,7 @@ static int sort_entries_compare(const sort_run& run, const sort_entry& a, const 
 {
     if (sort_shuffle)
         return rand() % 10 > 4 ? -1 : 1;
-    if (!run.steps.empty() && (a.place & SORT_CONTAINER) && !(b.place & SORT_CONTAINER))
+    if (run.any_token && (a.place & SORT_CONTAINER) && !(b.place & SORT_CONTAINER))
         return -1;
     for (const sort_step& s : run.steps) {
         int r = s.compare == db_compare_title ? sort_entry_title(a, b)
@@ -467,6 +477,7 @@ void db_container_sort(db_object* c)
         return;
     db_lock_guard hold;
     db_container* k = reinterpret_cast<db_container*>(c);
+    db_children_settle(c);
     if (k->child_count > 1) {
         std::vector<db_object*> children(static_cast<size_t>(k->child_count));
         for (size_t i = 0; i < children.size(); i++)
@@ -476,8 +487,9 @@ void db_container_sort(db_object* c)
             return;
         db_child_slot* slots = db_array_ptr(k->children);
         for (size_t i = 0; i < children.size(); i++)
-            slots[i].h = order.as<sort_entry>()[i].handle;
+            slots[i] = db_slot_of(db_obj(order.as<sort_entry>()[i].handle));
         db_title_index_reordered(c);
+        db_note_tree_change();      // ties of a later sort follow the new order
     }
     k->state |= DB_STATE_SORTED;
 }

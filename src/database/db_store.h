@@ -33,9 +33,23 @@ size_t db_arena_resident();                     // bytes handed out and not free
 
 // ---- Children arrays --------------------------------------------------------
 
+// A child slot holds the child's handle, with the top bit set for a
+// reference (handles stay below 2^31, as the arena spans at most 4 GiB).
+// Walks that look only for folders and items pass references unread: in a
+// rich tree they are most of the children, and reading each one's head
+// costs a cache miss once the tree outgrows the cache.
 #pragma pack(push, 2)
-struct db_child_slot { uint32_t h; };           // an object handle, 2-byte aligned
+struct db_child_slot { uint32_t h; };
 #pragma pack(pop)
+
+inline constexpr uint32_t DB_SLOT_REF = 0x80000000u;
+
+inline db_child_slot db_slot_of(const db_object* child)
+{
+    return {db_arena_handle(child) | (db_type_is_ref(db_object_type_of(child)) ? DB_SLOT_REF : 0u)};
+}
+inline db_object* db_slot_object(db_child_slot slot) { return db_obj(slot.h & ~DB_SLOT_REF); }
+inline bool db_slot_is_ref(db_child_slot slot) { return slot.h & DB_SLOT_REF; }
 
 db_child_slot* db_array_ptr(uint32_t h);
 uint32_t db_array_alloc(int32_t capacity);      // 0 on failure
@@ -43,6 +57,10 @@ uint32_t db_array_alloc(int32_t capacity);      // 0 on failure
 // then invalid unless the result is h. 0 on failure, with h untouched.
 uint32_t db_array_resize(uint32_t h, int32_t old_cap, int32_t new_cap, int32_t keep);
 void db_array_free(uint32_t h, int32_t capacity);
+
+// Closes the removals noted in a container's array (db_object.cpp). Every
+// read of child_count or of the array comes after it.
+void db_children_settle(const db_object* container);
 
 // The rounding rule of children capacities: 0, multiples of 10 up to 100,
 // then multiples of 100.
@@ -86,6 +104,7 @@ void db_index_reset();
 void db_index_renumbered(db_object* o, uint32_t old_id);
 // A child that keeps its parent link but didn't get into the array.
 void db_index_left_out(db_object* child);
+bool db_index_is_left_out(const db_object* child);
 // The children of parent whose sequence numbers select a rule node (12 to
 // 21, 31 to 35, 51 to 55), in children order; their number.
 int32_t db_node_children(const db_object* parent, std::vector<db_object*>* out);
@@ -103,3 +122,6 @@ char* db_record_read_path(uint32_t block, int32_t* type);
 int db_record_rewrite(const db_object* o, const char* path);
 // Forgets the sort state's cached options, at each db_create (db_id.cpp).
 void db_sort_reset();
+// Raises the change stamp (db_change_stamp) for a change made here rather
+// than through the exported calls, which raise it themselves.
+void db_note_tree_change();

@@ -53,9 +53,12 @@ struct Dapi : ::testing::Test {
 std::atomic<int> events_seen;
 std::string last_event_text;
 
-// The text is set before the count, which the test thread waits on.
+// The text is set before the count, which the test thread waits on. The
+// scanner reports its passes whenever they end; these tests don't watch them.
 int32_t count_event(int32_t code, const char* text)
 {
+    if (code == DAPI_EVENT_SCAN)
+        return 0;
     last_event_text = std::to_string(code) + ":" + (text ? text : "(null)");
     events_seen++;
     return 0;
