@@ -2,7 +2,7 @@
 // threads in a network namespace of the test's own, sharing a library made
 // by bench/make-corpus.sh in the full tree; in the second namespace a GUPnP
 // control point (upnp_walk.py) finds it, walks the whole tree in pages of
-// 7 and of 500 and asks for the faults. What the walk reached must be the
+// 7 and of 500 and sends odd requests. What the walk reached must be the
 // item of every file the scanner admitted. The working folder is the one
 // that dapi_dms_test.cpp's environment made; its ini file is swapped and put
 // back.
@@ -48,7 +48,7 @@ struct CdsNetns : ::testing::Test {
     }
 };
 
-TEST_F(CdsNetns, GupnpWalksTheWholeTreeInPagesOf7And500ReachesEveryAdmittedFileAndGetsEachFault)
+TEST_F(CdsNetns, GupnpWalksTheWholeTreeInPagesOf7And500ReachesEveryAdmittedFileAndEachOddRequestGetsItsAnswer)
 {
     if (system("/usr/bin/python3 -c \"import gi; gi.require_version('GUPnP', '1.6'); "
                "gi.require_version('GUPnPAV', '1.0')\" >/dev/null 2>&1") != 0)
