@@ -6,9 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -132,6 +135,9 @@ TEST(OsSocket, LoopbackTrafficOnBlockingSocketsAndAClosedPeerGivesAFailureNotSig
         EXPECT_EQ(open_before + 3, upnp_socket_open_count());
         EXPECT_EQ(0, fcntl(pair.client, F_GETFL) & O_NONBLOCK);     // blocking again after the timed connect
         EXPECT_TRUE(is_cloexec(pair.listener) && is_cloexec(pair.client) && is_cloexec(pair.served));
+        int nodelay = 0;
+        socklen_t size = sizeof nodelay;
+        EXPECT_TRUE(getsockopt(pair.served, IPPROTO_TCP, TCP_NODELAY, &nodelay, &size) == 0 && nodelay);
         const char request[] = "GET / HTTP/1.1\r\n\r\n";
         ASSERT_EQ(int32_t(sizeof(request)), upnp_socket_send_all(pair.client, request, sizeof(request)));
         char got[64] = {};
