@@ -11,7 +11,8 @@
 //      p50 of the same pages in the container's own order;
 //   2. the whole container in one reply: its size, time and MB/s;
 //   3. requests per second for sorted pages of 50 with wrk and
-//      bench/browse.lua at 1, 8 and 32 connections.
+//      bench/browse.lua at 1, 8 and 32 connections, beside the share of
+//      one core that the server used meanwhile (wrk takes its own).
 //
 // The tracks carry the tags and stream fields of a scanned MP3. Their
 // records go to a record store that keeps nothing, as in bench/store.cpp:
@@ -35,6 +36,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -218,7 +220,7 @@ static long bench_returned(const std::string& body)
 struct bench_result {
     long tracks, pages, default_pages, whole_returned;
     double fill_s, p50_ms, p99_ms, default_p50_ms, whole_mb, whole_s;
-    double rps[3];
+    double rps[3], cpu[3];         // cpu: the server's share of one core during the run
     long non_2xx[3];
     int ok;
 };
@@ -273,14 +275,23 @@ static void bench_whole(bench_result* r)
     close(s);
 }
 
-// One wrk run: requests per second, and the answers that were not 2xx.
-static double bench_wrk(long tracks, int connections, long* non_2xx)
+static double bench_cpu_seconds()
+{
+    rusage u{};
+    getrusage(RUSAGE_SELF, &u);
+    return double(u.ru_utime.tv_sec + u.ru_stime.tv_sec) + double(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+}
+
+// One wrk run: requests per second, the answers that were not 2xx, and
+// the CPU time this process (the server) used per second of the run.
+static double bench_wrk(long tracks, int connections, long* non_2xx, double* cpu)
 {
     char command[1024];
     snprintf(command, sizeof command,
              "wrk -t %d -c %d -d %ds -s " VELMORA_SOURCE_DIR "/bench/browse.lua http://127.0.0.1:%d/ContentDirectory/Control"
              " -- %ld '%s' 2>&1",
              connections < 2 ? 1 : 2, connections, bench_wrk_seconds, bench_port, tracks, bench_container.c_str());
+    double cpu0 = bench_cpu_seconds(), t0 = bench_now();
     FILE* wrk = popen(command, "r");
     char line[512];
     double rps = 0;
@@ -293,6 +304,7 @@ static double bench_wrk(long tracks, int connections, long* non_2xx)
     }
     if (wrk)
         pclose(wrk);
+    *cpu = (bench_cpu_seconds() - cpu0) / (bench_now() - t0);
     return rps;
 }
 
@@ -352,7 +364,7 @@ static bench_result bench_run(long tracks)
     r.default_p50_ms = bench_at(own, 0.5);
     bench_whole(&r);
     for (int i = 0; i < 3; i++)
-        r.rps[i] = bench_wrk(tracks, bench_connections[i], &r.non_2xx[i]);
+        r.rps[i] = bench_wrk(tracks, bench_connections[i], &r.non_2xx[i], &r.cpu[i]);
     r.ok = r.pages > 0 && r.default_pages > 0 && r.whole_returned == tracks &&
            r.non_2xx[0] + r.non_2xx[1] + r.non_2xx[2] == 0;
     upnp_mediaserver_stop();
@@ -381,9 +393,9 @@ int main(int argc, char** argv)
     symlink(VELMORA_SOURCE_DIR "/resources", (bench_program + "/resources").c_str());
     setenv("LANG", "C", 1);
 
-    printf("%8s %7s | %-27s | %-9s | %-22s | %-20s | %s\n", "", "", "page of 50 by title, ms", "own order",
-           "whole container", "wrk req/s, pages of 50", "");
-    printf("%8s %7s | %6s %6s %6s %6s | %9s | %8s %6s %6s | %6s %6s %6s | %s\n", "tracks", "fill s", "p50", "p99",
+    printf("%8s %7s | %-27s | %-9s | %-22s | %-38s | %s\n", "", "", "page of 50 by title, ms", "own order",
+           "whole container", "wrk req/s, pages of 50 (server CPU)", "");
+    printf("%8s %7s | %6s %6s %6s %6s | %9s | %8s %6s %6s | %12s %12s %12s | %s\n", "tracks", "fill s", "p50", "p99",
            "n", "x p50", "p50 ms", "MB", "s", "MB/s", "c1", "c8", "c32", "ok");
     bench_result first{};
     for (long n : sizes) {
@@ -394,10 +406,12 @@ int main(int argc, char** argv)
         }
         if (!first.tracks)
             first = r;
-        printf("%8ld %7.1f | %6.3f %6.3f %6ld %6.2f | %9.3f | %8.1f %6.2f %6.1f | %6.0f %6.0f %6.0f | %s\n", r.tracks,
-               r.fill_s, r.p50_ms, r.p99_ms, r.pages, first.p50_ms > 0 ? r.p50_ms / first.p50_ms : 0,
-               r.default_p50_ms, r.whole_mb, r.whole_s, r.whole_s > 0 ? r.whole_mb / r.whole_s : 0, r.rps[0], r.rps[1],
-               r.rps[2], r.ok ? "yes" : "NO");
+        printf("%8ld %7.1f | %6.3f %6.3f %6ld %6.2f | %9.3f | %8.1f %6.2f %6.1f |", r.tracks, r.fill_s, r.p50_ms,
+               r.p99_ms, r.pages, first.p50_ms > 0 ? r.p50_ms / first.p50_ms : 0, r.default_p50_ms, r.whole_mb,
+               r.whole_s, r.whole_s > 0 ? r.whole_mb / r.whole_s : 0);
+        for (int i = 0; i < 3; i++)
+            printf(" %6.0f (%3.0f%%)", r.rps[i], r.cpu[i] * 100);
+        printf(" | %s\n", r.ok ? "yes" : "NO");
         fflush(stdout);
     }
     printf("x p50: the page's median against the first size's\n");
