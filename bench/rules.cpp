@@ -9,7 +9,8 @@
 // the first add), the store's own account (records, string pool, path
 // index), and the time to add one, beside the number of folders and the
 // children of the widest folder of references; then the time of one full housekeeping
-// sweep that finds nothing to remove, the time of the empty-folder sweep
+// sweep that finds nothing to remove beside the time to stat every track's
+// file alone (the file system's share of it), the time of the empty-folder sweep
 // alone, and the time to update a track (a thousand tracks spread over the
 // library get another artist, which takes their references out and places
 // them again).
@@ -167,7 +168,7 @@ template <class F> static void bench_each_track(long n, F fn)
 
 struct bench_result {
     long tracks, autotree, items, refs, containers, widest;
-    double refs_per, rss_per, account_per, add_us, sweep_s, empty_s, update_us;
+    double refs_per, rss_per, account_per, add_us, sweep_s, stat_s, empty_s, update_us;
     int ok;
     char widest_title[48];      // and whose parent
 };
@@ -246,6 +247,16 @@ static bench_result bench_run(long tracks, long autotree)
     bench_count(&items, &refs, &containers, &widest);
     r.ok = items == r.items && refs == r.refs && containers == r.containers && items == tracks;
 
+    // The floor of the sweep: the file system's answer for each path alone.
+    t = bench_now();
+    bench_each_track(tracks, [&](long album, long track, long) {
+        char path[160];
+        struct stat st;
+        snprintf(path, sizeof path, "%s/%02ld.mp3", bench_album_dir(album, artists).c_str(), track);
+        r.ok = r.ok && stat(path, &st) == 0;
+    });
+    r.stat_s = bench_now() - t;
+
     db_request_container_sweep();
     t = bench_now();
     db_housekeeping(int64_t(time(nullptr)));
@@ -300,9 +311,9 @@ int main(int argc, char** argv)
         return 1;
     }
 
-    printf("%8s %4s %9s %8s %8s %8s %9s %9s %8s %8s %8s %9s  %s\n", "tracks", "tree", "folders", "widest", "refs/tr",
-           "RSS B/tr", "acct B/tr", "add us/tr", "sweep ms", "empty ms", "upd us", "sweep ok",
-           "growth of totals per size step: refs RSS acct add sweep empty");
+    printf("%8s %4s %9s %8s %8s %8s %9s %9s %8s %8s %8s %8s %9s  %s\n", "tracks", "tree", "folders", "widest", "refs/tr",
+           "RSS B/tr", "acct B/tr", "add us/tr", "sweep ms", "stat ms", "empty ms", "upd us", "sweep ok",
+           "growth of totals per size step: refs RSS acct add sweep stat empty");
     for (long autotree : {1L, 3L}) {
         bench_result previous{};
         for (long n : sizes) {
@@ -313,8 +324,9 @@ int main(int argc, char** argv)
                 printf("%8ld %4ld  run failed\n", n, autotree);
                 continue;
             }
-            printf("%8ld %4ld %9ld %8ld %8.2f %8.0f %9.0f %9.2f %8.1f %8.2f %8.2f %9s ", r.tracks, r.autotree,
-                   r.containers, r.widest, r.refs_per, r.rss_per, r.account_per, r.add_us, r.sweep_s * 1e3, r.empty_s * 1e3,
+            printf("%8ld %4ld %9ld %8ld %8.2f %8.0f %9.0f %9.2f %8.1f %8.1f %8.2f %8.2f %9s ", r.tracks, r.autotree,
+                   r.containers, r.widest, r.refs_per, r.rss_per, r.account_per, r.add_us, r.sweep_s * 1e3,
+                   r.stat_s * 1e3, r.empty_s * 1e3,
                    r.update_us, r.ok ? "yes" : "NO");
             if (previous.tracks) {
                 double s = double(r.tracks) / double(previous.tracks), p = double(previous.tracks);
@@ -325,6 +337,7 @@ int main(int argc, char** argv)
                 bench_growth("", previous.account_per * p, r.account_per * q, s);
                 bench_growth("", previous.add_us * p, r.add_us * q, s);
                 bench_growth("", previous.sweep_s, r.sweep_s, s);
+                bench_growth("", previous.stat_s, r.stat_s, s);
                 bench_growth("", previous.empty_s, r.empty_s, s);
             }
             printf("\n");

@@ -1,6 +1,8 @@
 // The request reader: a head read from arbitrary bytes, parsed into the
-// request record with its URL guard, Range and Content-Length; the rest of
-// the bytes as its body; and the same bytes as a chunked body on their own.
+// request record with its URL guard, Range and Content-Length; the DLNA
+// response headers derived from it; the rest of the bytes as its body; and
+// the same bytes as a chunked body on their own.
+#include "http/http_dlna.h"
 #include "http/http_server.h"
 #include "runtime/upnp_string.h"
 
@@ -14,6 +16,19 @@ static void fuzz_body(HTTP_source* source, const char* head)
     if (body && (body->length < 0 || body->length > 64 * 1024 || refused))
         __builtin_trap();
     upnp_string_free(body);
+}
+
+// Whatever the URL held, a derived header has no control byte but the line
+// end of its own line.
+static void fuzz_dlna_headers(HTTP_request* request)
+{
+    HTTP_add_dlna_headers(request);
+    for (const char* p = request->extra_headers; *p; p++) {
+        if (p[0] == '\r' && p[1] == '\n')
+            p++;
+        else if (static_cast<unsigned char>(*p) < 0x20)
+            __builtin_trap();
+    }
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -35,6 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         int32_t time_seek;
         HTTP_parse_range(request.head, &start, &end, &time_seek);
         HTTP_content_length(request.head);
+        fuzz_dlna_headers(&request);
         fuzz_body(&source, request.head);
     }
     HTTP_source whole = {-1, bytes, int32_t(size), 0, 0};

@@ -141,8 +141,11 @@ static bool host_is_dir(const std::string& path)
     return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-// Installed resources lie in share/velmora beside bin/; a build tree uses
-// the source folder's.
+// Resources, in order: the folder VELMORA_RESOURCES names; the installed
+// folder found from the program's own place (an install tree under any
+// DESTDIR or moved whole still finds its own); the source folder, for a
+// program run from its build tree; the installed folder at the place the
+// build was configured for, for a program copied elsewhere.
 static std::string host_resources_dir()
 {
     if (const char* env = getenv("VELMORA_RESOURCES"); env && *env)
@@ -151,12 +154,13 @@ static std::string host_resources_dir()
     ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
     if (n > 0) {
         exe[n] = 0;
-        std::string dir(exe, strrchr(exe, '/') - exe);
-        std::string installed = dir + "/../share/velmora/resources";
-        if (host_is_dir(installed))
-            return host_absolute(installed);
+        std::string beside = std::string(exe, strrchr(exe, '/') - exe) + "/" + VELMORA_RESOURCES_FROM_BINDIR;
+        if (host_is_dir(beside))
+            return host_absolute(beside);
     }
-    return VELMORA_SOURCE_RESOURCES;
+    if (host_is_dir(VELMORA_SOURCE_RESOURCES))
+        return VELMORA_SOURCE_RESOURCES;
+    return VELMORA_INSTALLED_RESOURCES;
 }
 
 static std::string host_default_workdir()

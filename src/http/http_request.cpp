@@ -13,22 +13,16 @@
 
 #include "runtime/upnp_log.h"
 #include "runtime/upnp_os.h"
+#include "runtime/upnp_run.h"
 #include "runtime/upnp_string.h"
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <strings.h>
 #include <string_view>
 
 enum { HTTP_SCAN_CHUNK = 2048, HTTP_CHUNK_LINE = 20, HTTP_HEX_DIGITS_MAX = 15 };
-
-int64_t HTTP_clock_ms()
-{
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
 
 int32_t HTTP_recv_bytes(int32_t socket, void* buffer, int32_t length, int32_t flags)
 {
@@ -51,7 +45,7 @@ static int32_t http_source_recv(HTTP_source* source, char* buffer, int32_t n, in
         return n;
     }
     if (source->deadline_ms > 0) {
-        int64_t left = source->deadline_ms - HTTP_clock_ms();
+        int64_t left = source->deadline_ms - upnp_clock_ms();
         if (left <= 0) {
             errno = EAGAIN;
             return -1;

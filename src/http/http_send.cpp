@@ -10,6 +10,7 @@
 #include "http/http_server.h"
 
 #include "config/upnp_client.h"
+#include "http/http_dlna.h"
 #include "runtime/upnp_log.h"
 #include "runtime/upnp_os.h"
 #include "runtime/upnp_string.h"
@@ -230,6 +231,7 @@ static int32_t http_build_head(HTTP_request* r, int32_t status, char* out, int32
     }
     http_head_parts p;
     http_head_prepare(r, status, &p);
+    HTTP_add_dlna_headers(r);
     int n;
     if (r->content_length < 0) {
         // Without a length the body ends with the connection, which only

@@ -274,7 +274,7 @@ static int32_t http_slot_take(int32_t socket, const char* peer, const char** why
         return -1;
     }
     http_slot& s = http_slots[free_slot];
-    s = {socket, {}, 0, 0, HTTP_clock_ms()};
+    s = {socket, {}, 0, 0, upnp_clock_ms()};
     memcpy(s.peer, peer, sizeof s.peer);
     http_slots_used++;
     return free_slot;
@@ -294,7 +294,7 @@ static void http_slot_waits(const HTTP_connection* c)
     std::lock_guard<std::mutex> hold(http_connection_lock);
     if (http_slot* s = http_slot_of(c)) {
         s->busy = 0;
-        s->waiting_ms = HTTP_clock_ms();
+        s->waiting_ms = upnp_clock_ms();
     }
 }
 
@@ -407,7 +407,7 @@ static void http_hand_on(HTTP_server* server, int32_t s)
         c->server = server;
         c->socket = s;
         c->slot = slot;
-        c->accepted_ms = HTTP_clock_ms();
+        c->accepted_ms = upnp_clock_ms();
         memcpy(c->peer, peer, sizeof c->peer);
         upnp_socket_set_send_timeout(s, http_send_timeout);
         if (upnp_thread_spawn(HTTP_receive, c, 0))
@@ -489,7 +489,7 @@ static int http_wait_request(HTTP_connection* c, HTTP_source* source)
     upnp_socket_set_recv_timeout(c->socket, http_idle_timeout);
     if (HTTP_recv_bytes(c->socket, &byte, 1, HTTP_RECV_PEEK) != 1)
         return 0;
-    source->deadline_ms = HTTP_clock_ms() + http_head_timeout;
+    source->deadline_ms = upnp_clock_ms() + http_head_timeout;
     return 1;
 }
 
@@ -547,7 +547,7 @@ static bool http_wants_body(const HTTP_handler* h, const HTTP_request* r)
 // connection must close.
 static int http_take_body(HTTP_request* r, upnp_string** body)
 {
-    HTTP_source source = {r->socket, nullptr, 0, 0, HTTP_clock_ms() + http_head_timeout};
+    HTTP_source source = {r->socket, nullptr, 0, 0, upnp_clock_ms() + http_head_timeout};
     int refused = 0;
     *body = HTTP_source_read_body(&source, r->head, http_body_max, &refused);
     if (refused) {
@@ -569,9 +569,9 @@ static int http_take_body(HTTP_request* r, upnp_string** body)
 static void http_linger(int32_t socket)
 {
     char sink[4096];
-    int64_t until = HTTP_clock_ms() + 1000;
+    int64_t until = upnp_clock_ms() + 1000;
     upnp_socket_set_recv_timeout(socket, 200);
-    for (int32_t dropped = 0; dropped < 256 * 1024 && HTTP_clock_ms() < until;) {
+    for (int32_t dropped = 0; dropped < 256 * 1024 && upnp_clock_ms() < until;) {
         int32_t n = HTTP_recv_bytes(socket, sink, sizeof sink, 0);
         if (n <= 0)
             break;

@@ -186,8 +186,6 @@ struct HTTP_source {
 
 enum { HTTP_RECV_PEEK = 1 };
 
-// Milliseconds of the monotonic clock, for deadlines.
-int64_t HTTP_clock_ms();
 
 int32_t HTTP_send_bytes(int32_t socket, const void* data, int32_t length);   // length or -1
 // One receive: the count, 0 when the peer closed, -1 on error or timeout.

@@ -175,24 +175,17 @@ struct filescan_walk_state {
     filescan_count* count;          // null outside a pass
 };
 
-static int64_t filescan_ms()
-{
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
 static void filescan_report(const char* what, const filescan_count& c)
 {
     char text[96];
     snprintf(text, sizeof text, "%s %" PRIu32 " %" PRIu32 " %" PRIu32 " %" PRId64, what, c.folders, c.seen,
-             c.admitted, filescan_ms() - c.started_ms);
+             c.admitted, upnp_clock_ms() - c.started_ms);
     upnp_file_event(UPNP_EVENT_SCAN, text);
 }
 
 static void filescan_progress(filescan_count* c)
 {
-    int64_t now = filescan_ms();
+    int64_t now = upnp_clock_ms();
     if (now - c->shown_ms < SCAN_PROGRESS_MS)
         return;
     c->shown_ms = now;
@@ -325,7 +318,7 @@ void upnp_filescan_folder_pass()
             continue;
         if (!walked) {
             walked = true;
-            count.started_ms = count.shown_ms = filescan_ms();
+            count.started_ms = count.shown_ms = upnp_clock_ms();
             filescan_report("started", count);
         }
         upnp_log(UPNP_LOG_INFO, UPNP_LOG_SCAN, "scanning  %s\n", entry.c_str() + 3);

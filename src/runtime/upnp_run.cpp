@@ -4,6 +4,7 @@
 #include "runtime/upnp_run.h"
 
 #include <atomic>
+#include <ctime>
 #include <unistd.h>
 
 upnp_switch_set upnp_switches = {
@@ -44,6 +45,13 @@ int32_t upnp_is_running()
 void upnp_set_running(int32_t running)
 {
     run_running = running;
+}
+
+int64_t upnp_clock_ms()
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
 void upnp_sleep_while_running(int32_t ms)

@@ -33,6 +33,8 @@ void upnp_set_running(int32_t running);
 // Sleeps up to ms, waking early when the run flag leaves 1, so that a stop
 // never waits a whole background tick.
 void upnp_sleep_while_running(int32_t ms);
+// Milliseconds of the monotonic clock, for deadlines and durations.
+int64_t upnp_clock_ms();
 // Seconds since 1970 of the last start of the services.
 int64_t upnp_start_time_get();
 void upnp_start_time_set(int64_t seconds);

@@ -19,6 +19,7 @@
 #include "config/upnp_ini.h"
 #include "database/db_object.h"
 #include "http/http_server.h"
+#include "runtime/upnp_mime.h"
 #include "runtime/upnp_string.h"
 #include "upnp/upnp_res.h"
 
@@ -383,6 +384,40 @@ static upnp_string* didl_item_subtitles(upnp_string* s, db_object* real, const d
     return s;
 }
 
+// Which builder writes an item's res elements: the first row of the item's
+// type whose MIME type is that of the item's extension, or is null.
+struct didl_res_row {
+    int32_t type;
+    const char* mime;
+    upnp_string* (*build)(upnp_string* out, const db_res_args* args);
+};
+static constexpr didl_res_row didl_res_rows[] = {
+    {DB_OBJ_AUDIO, "audio/mpeg", db_res_mp3},
+    {DB_OBJ_AUDIO, "audio/L16", db_res_lpcm},
+    {DB_OBJ_AUDIO, "audio/x-flac", db_res_flac},
+    {DB_OBJ_AUDIO, "video/mp4", db_res_mp4_audio},      // a track in an MP4 file
+    {DB_OBJ_AUDIO, "audio/mp4", db_res_mp4_audio},
+    {DB_OBJ_AUDIO, "audio/vnd.dlna.adts", db_res_adts},
+    {DB_OBJ_AUDIO, nullptr, db_res_audio},
+    {DB_OBJ_VIDEO, nullptr, db_res_video},
+    {DB_OBJ_VIDEO_MOVIE, nullptr, db_res_video},
+    {DB_OBJ_PHOTO, "image/jpeg", db_res_jpeg},
+    {DB_OBJ_PHOTO, nullptr, db_res_photo},
+    {DB_OBJ_DOCUMENT, nullptr, db_res_document},
+};
+
+// Other types (streams, shadows) have no res.
+static upnp_string* didl_res_elements(upnp_string* s, const db_res_args* args)
+{
+    int32_t type = db_object_type_of(args->item);
+    const char* extension = db_object_get_str(args->item, DBK_EXTENSION);
+    const char* mime = extension ? upnp_mime_from_extension(nullptr, extension, 0) : nullptr;
+    for (const didl_res_row& row : didl_res_rows)
+        if (row.type == type && (!row.mime || (mime && strcmp(row.mime, mime) == 0)))
+            return row.build(s, args);
+    return s;
+}
+
 // The res attributes, and with them or the filter's word, the res elements.
 static upnp_string* didl_item_res(upnp_string* s, db_object* real, const didl_job& j)
 {
@@ -417,8 +452,9 @@ static upnp_string* didl_item_res(upnp_string* s, db_object* real, const didl_jo
     char import[DIDL_ELEMENT_SIZE];
     didl_attribute(import, sizeof import, " importUri=&quot;%s&quot; ", db_object_get_str(real, DBK_MIME_OVERRIDE));
     s = didl_item_subtitles(s, real, j);
-    const upnp_res_attributes attributes = {size, bitrate, duration, resolution};
-    return upnp_res_append(j.request, s, real, j.id, location, &attributes, import);
+    const db_res_args args = {j.request, real, j.id, location, size, bitrate, duration, resolution, import,
+                              j.options->dlna_level};
+    return didl_res_elements(s, &args);
 }
 
 static upnp_string* didl_item(upnp_string* s, db_object* o, const didl_job& j)

@@ -79,6 +79,14 @@ TEST(HttpHeader, FormsRefusalsTypesAndRangesOfTheResponseHead)
         {"interactive image", "GET /O.jpg-FLAGS00f HTTP/1.1\r\nHost: a\r\ntransferMode.dlna.org: Interactive\r\n",
          jpeg, 200, 0, "HTTP/1.1 200 OK", ""},
         {"TLAG with streaming", host + "X: DLNA.ORG_TLAG=1 Streaming\r\n", jpeg, 200, 0, "HTTP/1.1 200 OK", ""},
+        {"interactive on a stream", "GET /O1-FLAGS01500000 HTTP/1.1\r\nHost: a\r\ntransferMode.dlna.org: "
+         "Interactive\r\n", jpeg, 200, 1, unacceptable, closing},
+        {"real time info on an image", "GET /O1-FLAGS00d00000 HTTP/1.1\r\nHost: a\r\nrealTimeInfo.dlna.org: x\r\n",
+         jpeg, 200, 1, bad, closing},
+        {"406 beats 400", image + "getcontentFeatures.dlna.org: 2\r\ntransferMode.dlna.org: Streaming\r\n", jpeg, 200,
+         1, unacceptable, closing},
+        {"DLNA headers behind the extras", image + "getContentFeatures.dlna.org: 1\r\n", jpeg_extra, 200, 0,
+         "HTTP/1.1 200", "X-A: 1\r\ncontentFeatures.dlna.org: *\r\ntransferMode.dlna.org: Interactive\r\nEXT:"},
         // The checks are for answers that would carry the resource only.
         {"an error without host", "GET /x HTTP/1.1\r\n", nullptr, 404, 0, "HTTP/1.1 404 Not Found\r\n", ""},
         {"no type", host, nullptr, 200, 0, "HTTP/1.1 200 OK", "Content-Type: application/octet-stream\r\n"},

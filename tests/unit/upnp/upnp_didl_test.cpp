@@ -65,6 +65,7 @@ TEST_F(Didl, ObjectsCarryWhatTheFilterAndTheClientAskFor)
     db_object* long_title = track(std::string(1020, 'x') + "&");
     const std::string S = id_of(song), A = id_of(album), M = id_of(db_music_root), T = id_of(tags);
     const std::string title = "&lt;dc:title&gt;A &amp;amp; B&lt;/dc:title&gt;", no = "<nothing>";
+    const std::string mp3 = "DLNA.ORG_PN=MP3;DLNA.ORG_OP=01;DLNA.ORG_FLAGS=01700000000000000000000000000000";
     const didl_case cases[] = {
         {"item, title only", song, "dc:title", 1,
          "&lt;item id=" + q(S) + " parentID=" + q(M) + " restricted=" + q("1") + " &gt;" + title +
@@ -72,11 +73,12 @@ TEST_F(Didl, ObjectsCarryWhatTheFilterAndTheClientAskFor)
          "&lt;res"},
         {"item, all", song, "*", 1,
          "&lt;dc:date&gt;2001-02-03&lt;/dc:date&gt;&lt;upnp:originalTrackNumber&gt;0&lt;/upnp:originalTrackNumber&gt;"
-         "&lt;res size=" + q("1234") + " duration=" + q("0:03:05") + " protocolInfo=" + q("http-get:*:audio/mpeg:*") +
-             "&gt;http://h:9000/disk/music/O" + S + ".mp3&lt;/res&gt;",
+         "&lt;res size=" + q("1234") + "   duration=" + q("0:03:05") + "  protocolInfo=" +
+             q("http-get:*:audio/mpeg:" + mp3) + "&gt;http://h:9000/disk/music/DLNA-PNMP3-OP01-FLAGS01700000/O" + S +
+             ".mp3&lt;/res&gt;",
          no},
-        {"item, forced res", song, "dc:title", 2, "&lt;res protocolInfo=", "size="},
-        {"item, res and size", song, "res@size", 1, "&lt;res size=" + q("1234") + " protocolInfo=", "duration="},
+        {"item, forced res", song, "dc:title", 2, "&lt;res    protocolInfo=", "size="},
+        {"item, res and size", song, "res@size", 1, "&lt;res size=" + q("1234") + "    protocolInfo=", "duration="},
         {"reference with number", in_album, "@refID,upnp:originalTrackNumber", 1,
          "&lt;item id=" + q(id_of(in_album)) + " refID=" + q(S) + " parentID=" + q(A) + " restricted=" + q("1") +
              "&gt;" + title + "&lt;upnp:originalTrackNumber&gt;7&lt;",
@@ -111,7 +113,8 @@ TEST_F(Didl, ObjectsCarryWhatTheFilterAndTheClientAskFor)
     }
     EXPECT_EQ(nullptr, db_object_to_didl(nullptr, nullptr, "*", nullptr));
     upnp_string* api = upnp_cds_object_didl(nullptr, song, "http://10.0.0.1:9000/", 40);   // for the control API
-    EXPECT_NE(nullptr, strstr(api->text, ("audio/mpeg:*&quot;&gt;http://10.0.0.1:9000/disk/music/O" + S).c_str()));
+    EXPECT_NE(nullptr, strstr(api->text, ("&gt;http://10.0.0.1:9000/disk/music/DLNA-PNMP3-OP01-FLAGS01700000/O" + S)
+                                              .c_str()));
     upnp_string_free(api);
 }
 
