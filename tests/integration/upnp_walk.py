@@ -89,8 +89,9 @@ def parse(didl, where):
     return objects
 
 
-def walk(proxy, page):
-    """Container id -> its children's ids in order, and the real items reached."""
+def walk(proxy, page, items=None):
+    """Container id -> its children's ids in order, and the real items
+    reached; items, when given, gets each item object by its id."""
     tree, reached, queue, counts = {}, set(), ["0"], {}
     while queue and len(tree) < MAX_CONTAINERS:
         cid = queue.pop()
@@ -124,6 +125,8 @@ def walk(proxy, page):
                     counts[o.get_id()] = o.get_child_count()
             else:
                 reached.add((o.get_ref_id() or o.get_id()).split("$")[-1])
+                if items is not None:
+                    items[o.get_id()] = o
     if queue:
         fail("more containers than", MAX_CONTAINERS)
     return tree, reached
