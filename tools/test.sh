@@ -8,7 +8,8 @@ set -euo pipefail
 top="$(cd "$(dirname "$0")/.." && pwd)"
 . "$top/tools/deps.sh"
 velmora_install "${VELMORA_BUILD_PACKAGES[@]}" clang libclang-rt-14-dev libgtest-dev libgmock-dev \
-    curl iproute2 libxml2-utils python3-gi gir1.2-gssdp-1.6 gir1.2-gupnp-1.6 gir1.2-gupnp-av-1.0 ffmpeg
+    curl iproute2 libxml2-utils python3-gi gir1.2-gssdp-1.6 gir1.2-gupnp-1.6 gir1.2-gupnp-av-1.0 ffmpeg \
+    gir1.2-gstreamer-1.0 gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-libav gupnp-dlna-tools
 # Node.js may come from elsewhere than Debian, with its own npm: only what
 # is missing is installed. Without the npm registry the npm test skips.
 command -v node >/dev/null && command -v npm >/dev/null || velmora_install nodejs npm || true
