@@ -44,7 +44,7 @@ enum : int32_t {
 };
 
 // What one chunk's move can end in, besides a count of bytes.
-enum : int64_t { STREAM_FILE_FAILED = -1, STREAM_SEND_FAILED = -2 };
+static constexpr int64_t STREAM_FILE_FAILED = -1, STREAM_SEND_FAILED = -2;
 
 static std::atomic<int32_t> stream_transfers;
 static std::atomic<int32_t> stream_video_chunk;     // 0 until the option was read

@@ -10,9 +10,9 @@
 TEST(HttpStream, ReadersStayWhereAPlayerAlternatesBetweenTheEndAndTheFront)
 {
     test_dir dir;
-    std::string bytes(10000, 0);
-    for (size_t i = 0; i < bytes.size(); i++)
-        bytes[i] = char(i * 7 + i / 256);
+    std::string bytes;
+    while (bytes.size() < 10000)
+        bytes += char(bytes.size() * 7 + bytes.size() / 256);
     ASSERT_TRUE(test_write_file(dir.file("f"), bytes));
     HTTP_stream* s = HTTP_stream_open_path(dir.file("f").c_str(), "/u", 0, 'x');
     ASSERT_TRUE(s);
