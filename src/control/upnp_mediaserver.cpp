@@ -20,6 +20,7 @@
 #include "database/db_tree.h"
 #include "http/http_client.h"
 #include "http/http_server.h"
+#include "http/http_stream.h"
 #include "media/upnp_albumart.h"
 #include "media/upnp_filescan.h"
 #include "runtime/upnp_log.h"
@@ -409,7 +410,7 @@ static const upnp_route upnp_routes[] = {
     {"/MediaReceiverRegistrar/Control", HTTP_METHOD_POST, 1, upnp_soap_dispatch},
     {nullptr, HTTP_METHOD_SUBSCRIBE, 1, HTTP_send_file_not_found},
     {nullptr, HTTP_METHOD_UNSUBSCRIBE, 1, HTTP_send_file_not_found},
-    {"/disk", ROUTE_READ, 0, HTTP_send_file_not_found},
+    {"/disk", ROUTE_READ, 0, HTTP_send_file},
     {"/albumart", ROUTE_READ, 0, HTTP_send_file_not_found},
     {"/configpage", ROUTE_FORM, 1, HTTP_send_file_not_found},
     {"/setup", ROUTE_FORM, 1, HTTP_send_file_not_found},

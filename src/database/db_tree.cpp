@@ -71,6 +71,58 @@ int32_t db_file_status(const char* path, int32_t type)
     return DB_FILE_GONE;
 }
 
+// Lexical, like the scanner that stored the path: a link a user placed in a
+// shared folder stays served, a path that climbs out of one never is.
+static bool tree_path_plain(const char* path)
+{
+    if (path[0] != '/')
+        return false;
+    for (const char* p = path; *p;) {
+        const char* next = strchr(p + 1, '/');
+        size_t n = next ? size_t(next - p - 1) : strlen(p + 1);
+        if (n == 0 || (n == 1 && p[1] == '.') || (n == 2 && p[1] == '.' && p[2] == '.'))
+            return false;
+        if (!next)
+            break;
+        p = next;
+    }
+    return true;
+}
+
+// The length of folder when path lies within it, else 0.
+static size_t tree_within(const char* path, const char* folder)
+{
+    size_t n = folder ? strlen(folder) : 0;
+    while (n > 1 && folder[n - 1] == '/')
+        n--;
+    if (n == 0 || strncmp(path, folder, n) != 0)
+        return 0;
+    return path[n] == '/' || (n == 1 && folder[0] == '/') ? n : 0;
+}
+
+int db_file_is_served(const char* path)
+{
+    if (!path || !tree_path_plain(path))
+        return 0;
+    size_t longest = 0;
+    bool enabled = false;
+    for (int32_t i = 0; const char* entry = upnp_contentdir_get(i); i++) {
+        size_t n = strlen(entry) < 4 ? 0 : tree_within(path, entry + 3);
+        if (n > longest) {
+            longest = n;
+            enabled = entry[0] == '+';
+        }
+    }
+    if (longest)
+        return enabled;
+    char upload[sizeof tree_upload_dir];
+    {
+        std::lock_guard<std::mutex> hold(tree_upload_lock);
+        memcpy(upload, tree_upload_dir, sizeof upload);
+    }
+    return tree_within(path, upnp_ini_get_string(UPNP_OPT_DBDIR)) || tree_within(path, upload);
+}
+
 void db_set_upload_dir(const char* dir)
 {
     std::lock_guard<std::mutex> hold(tree_upload_lock);

@@ -22,6 +22,11 @@ void db_build_root();
 // longest shared folder of a fitting kind that holds it decides; with none,
 // files in dbdir and in the upload folder count as shared.
 int32_t db_file_status(const char* path, int32_t type);
+// 1 when a file may be sent for an item: an absolute path without "." or
+// ".." components or empty ones, that lies within an enabled shared folder
+// (the longest holding it decides, of any kind), the database folder or
+// the upload folder. Folders match whole components only.
+int db_file_is_served(const char* path);
 // The folder that uploads go to, handed down by the upload service once it
 // has prepared it; empty (the default) for none.
 void db_set_upload_dir(const char* dir);

@@ -28,6 +28,7 @@
 
 #include "config/upnp_client.h"
 #include "config/upnp_ini.h"
+#include "http/http_stream.h"
 #include "runtime/upnp_log.h"
 #include "runtime/upnp_os.h"
 #include "runtime/upnp_run.h"
@@ -470,6 +471,7 @@ void HTTP_receive(void* argument)
     while (upnp_server_get_status() == 1 && result == 0)
         result = HTTP_send_receive(c);
     http_slot_release(c->slot);
+    HTTP_close_stream(c->stream);
     // Any other result means a handler took the socket over.
     if (result == 1 || result == 0)
         upnp_socket_close(c->socket);

@@ -269,6 +269,17 @@ int upnp_file_write_full(upnp_file* file, const void* buffer, size_t count)
     return 1;
 }
 
+int64_t upnp_file_pread(upnp_file* file, void* buffer, size_t count, int64_t offset)
+{
+    if (!file || offset < 0)
+        return -1;
+    ssize_t n;
+    do
+        n = pread(file->fd, buffer, count, off_t(offset));
+    while (n < 0 && errno == EINTR);
+    return n;
+}
+
 static constexpr int file_whence[] = {SEEK_SET, SEEK_CUR, SEEK_END};
 
 int64_t upnp_file_seek(upnp_file* file, int64_t offset, int origin)

@@ -84,6 +84,10 @@ int upnp_file_eof(upnp_file* file);
 char* upnp_file_gets(char* buffer, int size, upnp_file* file);
 int64_t upnp_mediafile_seek(upnp_file* file, int64_t offset, int origin);
 int64_t upnp_mediafile_read(upnp_file* file, void* buffer, size_t count);
+// Reads at offset without moving the handle's position, so that readers
+// that share nothing but the file never pay for a seek: the count, 0 at
+// the end, -1 on an error.
+int64_t upnp_file_pread(upnp_file* file, void* buffer, size_t count, int64_t offset);
 
 // 1 for a regular file that is not a link (a link reports its target
 // elsewhere), else 0.

@@ -75,6 +75,12 @@ int32_t upnp_socket_send(int32_t s, const void* data, int32_t length);
 // Sends everything or fails: length, or -1.
 int32_t upnp_socket_send_all(int32_t s, const void* data, int32_t length);
 int32_t upnp_socket_recv(int32_t s, void* buffer, int32_t size);
+// Sends count bytes of the file descriptor fd from offset, straight from
+// the page cache, without moving fd's own position: the bytes sent (fewer
+// when the file ended or a later part failed), 0 at the file's end, or -1
+// when nothing went, with errno: EIO for the file, EINVAL or ENOSYS when
+// the file cannot be sent this way, anything else for the socket.
+int64_t upnp_socket_send_file(int32_t s, int32_t fd, int64_t offset, int64_t count);
 // As upnp_socket_recv, but the bytes stay queued for the next receive.
 int32_t upnp_socket_peek(int32_t s, void* buffer, int32_t size);
 int32_t upnp_socket_sendto(int32_t s, const void* data, int32_t length, const char* ip, int32_t port);

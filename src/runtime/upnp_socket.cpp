@@ -16,6 +16,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -310,6 +311,27 @@ int32_t upnp_socket_send_all(int32_t s, const void* data, int32_t length)
         done += n;
     }
     return length < 0 ? -1 : length;
+}
+
+// sendfile has no MSG_NOSIGNAL: a peer that hung up raises SIGPIPE, which
+// the library's threads block.
+int64_t upnp_socket_send_file(int32_t s, int32_t fd, int64_t offset, int64_t count)
+{
+    if (offset < 0 || count < 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    off_t at = off_t(offset);
+    int64_t done = 0;
+    while (done < count) {
+        ssize_t n = sendfile(s, fd, &at, size_t(count - done));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return done > 0 ? done : n < 0 ? -1 : 0;
+        done += n;
+    }
+    return done;
 }
 
 static int32_t socket_recv_flags(int32_t s, void* buffer, int32_t size, int flags)

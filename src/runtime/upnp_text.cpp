@@ -18,18 +18,30 @@
 
 // ---- search and comparison -----------------------------------------------
 
+// Protocol heads fold ASCII letters only, whatever locale the host set; a
+// request runs a dozen of these searches over its head.
+static inline uint8_t text_fold(uint8_t c)
+{
+    return c >= 'A' && c <= 'Z' ? uint8_t(c + 32) : c;
+}
+
 const char* upnp_stristr(const char* text, const char* needle)
 {
     if (!text || !needle || !*text)
         return nullptr;
+    if (!*needle)
+        return text;
+    const uint8_t first = text_fold(uint8_t(*needle));
     for (const char* t = text; *t; t++) {
-        size_t i = 0;
-        while (needle[i] && tolower(uint8_t(t[i])) == tolower(uint8_t(needle[i])))
+        if (text_fold(uint8_t(*t)) != first)
+            continue;
+        size_t i = 1;
+        while (needle[i] && text_fold(uint8_t(t[i])) == text_fold(uint8_t(needle[i])))
             i++;
         if (!needle[i])
             return t;
     }
-    return *needle ? nullptr : text;
+    return nullptr;
 }
 
 // Folds the two-byte UTF-8 forms of Latin-1 letters to ASCII for sorting.

@@ -29,6 +29,7 @@
 #include <cstring>
 #include <initializer_list>
 #include <iterator>
+#include <string_view>
 
 static std::atomic<upnp_cds_address_fn> didl_external_address;   // set at start
 
@@ -163,11 +164,20 @@ upnp_string* db_append_element(upnp_string* out, const char* tag, const char* at
         return out;
     if (!value)
         escaped[0] = 0;
+    // "&lt;tag attributes&gt;value&lt;/tag&gt;", copied piece by piece: an
+    // object writes a dozen elements, and formatting them cost more than
+    // the whole rest of a page.
+    const std::string_view pieces[] = {"&lt;", tag, has_attributes ? attributes : "", "&gt;",
+                                       std::string_view(escaped, size_t(n)), "&lt;/", tag, "&gt;"};
     char element[DIDL_ELEMENT_SIZE];
-    int k = snprintf(element, sizeof element, "&lt;%s%s&gt;%s&lt;/%s&gt;", tag, has_attributes ? attributes : "",
-                     escaped, tag);
-    if (k < 0 || k >= int(sizeof element))
-        return out;
+    size_t k = 0;
+    for (std::string_view piece : pieces) {
+        if (k + piece.size() >= sizeof element)
+            return out;             // left out whole: a cut element would break the reply
+        memcpy(element + k, piece.data(), piece.size());
+        k += piece.size();
+    }
+    element[k] = 0;
     return upnp_string_append_checked(out, element, utf8 ? 1 : 0);
 }
 

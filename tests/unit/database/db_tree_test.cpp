@@ -48,6 +48,27 @@ TEST(DbTree, FileStatusFollowsTheLongestFittingSharedFolder)
     EXPECT_EQ(db_file_status(dir.file("up/f.mp3").c_str(), DB_OBJ_AUDIO), DB_FILE_GONE);
 }
 
+// What may be streamed is judged on the path as the store holds it, by
+// whole components, whatever the folder's kind.
+TEST(DbTree, ServedFilesLieWithinAnEnabledFolderByWholeComponents)
+{
+    upnp_ini_set(UPNP_OPT_CONTENTDIR, "+M|/srv/music/,-A|/srv/music/off,+V|/srv/video");
+    upnp_ini_set(UPNP_OPT_DBDIR, "/var/db");
+    db_set_upload_dir("/var/up");
+    const struct { const char* path; int served; } cases[] = {
+        {"/srv/music/a.mp3", 1}, {"/srv/video/a.mp3", 1}, {"/var/db/a.mp3", 1}, {"/var/up/a.mp3", 1},
+        {"/srv/music/off/a.mp3", 0}, {"/srv/musicx/a.mp3", 0}, {"/srv/video", 0}, {"/etc/passwd", 0},
+        {"/srv/video/../../etc/passwd", 0}, {"/srv/video/./a.mp3", 0}, {"/srv/video//a.mp3", 0},
+        {"srv/video/a.mp3", 0}, {"", 0},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(c.served, db_file_is_served(c.path)) << c.path;
+    EXPECT_EQ(0, db_file_is_served(nullptr));
+    db_set_upload_dir(nullptr);
+    upnp_ini_set(UPNP_OPT_DBDIR, "");
+    upnp_ini_set(UPNP_OPT_CONTENTDIR, "");
+}
+
 // The fixed top: the same ids in every run, titles from the options, the
 // played lists and nodes only where their options ask for them.
 TEST(DbRoot, TheFixedTopKeepsItsIdsInEveryLayout)
